@@ -1,0 +1,24 @@
+# Debian's libraries. For the i386 build they come from a private sysroot (see packaging/install-deps), whose
+# pkg-config files say where everything lies.
+find_package(PkgConfig REQUIRED)
+if(QUILL_SYSROOT)
+    set(ENV{PKG_CONFIG_LIBDIR} ${QUILL_SYSROOT}/usr/lib/i386-linux-gnu/pkgconfig:${QUILL_SYSROOT}/usr/share/pkgconfig)
+    set(ENV{PKG_CONFIG_SYSROOT_DIR} ${QUILL_SYSROOT})
+    # Found while linking and when run from the build tree; installed files do not keep it.
+    list(APPEND CMAKE_BUILD_RPATH ${QUILL_SYSROOT}/usr/lib/i386-linux-gnu)
+    add_link_options(-Wl,-rpath-link,${QUILL_SYSROOT}/usr/lib/i386-linux-gnu)
+endif()
+
+pkg_check_modules(sqlite3 REQUIRED IMPORTED_TARGET sqlite3)
+pkg_check_modules(inih REQUIRED IMPORTED_TARGET inih)
+pkg_check_modules(libevent REQUIRED IMPORTED_TARGET libevent_core)
+find_path(CLI11_INCLUDE_DIR CLI/CLI.hpp REQUIRED)
+find_path(FMT_INCLUDE_DIR fmt/format.h REQUIRED)
+find_path(NLOHMANN_INCLUDE_DIR nlohmann/json.hpp REQUIRED)
+
+if(BUILD_TESTING)
+    enable_testing()
+    # Built from Debian's sources, so that every target and sanitizer gets one of its own kind.
+    add_subdirectory(/usr/src/googletest ${PROJECT_BINARY_DIR}/googletest EXCLUDE_FROM_ALL SYSTEM)
+    include(GoogleTest)
+endif()
