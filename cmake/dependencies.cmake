@@ -2,8 +2,13 @@
 # pkg-config files say where everything lies.
 find_package(PkgConfig REQUIRED)
 if(QUILL_SYSROOT)
+    if(NOT IS_DIRECTORY ${QUILL_SYSROOT})
+        message(FATAL_ERROR "no 32-bit libraries in ${QUILL_SYSROOT}; run packaging/install-deps --i386")
+    endif()
     set(ENV{PKG_CONFIG_LIBDIR} ${QUILL_SYSROOT}/usr/lib/i386-linux-gnu/pkgconfig:${QUILL_SYSROOT}/usr/share/pkgconfig)
     set(ENV{PKG_CONFIG_SYSROOT_DIR} ${QUILL_SYSROOT})
+    # Headers that differ between architectures; without this the compiler finds none, or the machine's own.
+    include_directories(SYSTEM ${QUILL_SYSROOT}/usr/include/i386-linux-gnu)
     # Found while linking and when run from the build tree; installed files do not keep it.
     list(APPEND CMAKE_BUILD_RPATH ${QUILL_SYSROOT}/usr/lib/i386-linux-gnu)
     add_link_options(-Wl,-rpath-link,${QUILL_SYSROOT}/usr/lib/i386-linux-gnu)

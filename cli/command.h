@@ -1,0 +1,55 @@
+// The command line is data: a noun is a table of verbs, a verb is its arguments and the function that does
+// it. To add a noun, write its table in a file of its own, name it below and in kNouns of program.cc; how
+// arguments are read, what a mistyped word gets for an answer, --json and the exit codes come with it.
+#pragma once
+
+#include <initializer_list>
+#include <map>
+#include <span>
+#include <string>
+
+#include "cli/output.h"
+
+namespace quill::cli {
+
+struct Argument {
+    const char* name;  // "NAME" takes its place on the line, "--name" is an option with a value
+    const char* help;
+    enum { kRequired, kOptional } need = kRequired;
+};
+
+// What was given, by the name of the argument.
+class Arguments {
+ public:
+    void add(const std::string& name, std::string value) { values_[name] = std::move(value); }
+
+    // Null where the argument was left out.
+    const std::string* find(const std::string& name) const {
+        const auto found = values_.find(name);
+        return found == values_.end() ? nullptr : &found->second;
+    }
+
+    // A required argument.
+    const std::string& operator[](const std::string& name) const { return values_.at(name); }
+
+ private:
+    std::map<std::string, std::string> values_;
+};
+
+struct Verb {
+    const char* name;
+    const char* help;
+    std::initializer_list<Argument> arguments;
+    Table (*run)(const Arguments& arguments);  // throws Failure
+};
+
+struct Noun {
+    const char* name;
+    const char* help;
+    std::string (*notes)();  // stands at the end of the noun's and its verbs' help
+    std::span<const Verb> verbs;
+};
+
+extern const Noun kService;
+
+}  // namespace quill::cli

@@ -1,0 +1,166 @@
+// One table says what every status means to the person at the terminal. A request that was not delivered is
+// a row like any other, because its errno has been made part of the status.
+#include "cli/failure.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <iterator>
+
+#include "quillplatform/pss.h"
+#include "quillsecurity/status.h"
+
+namespace quill::cli {
+namespace {
+constexpr uint32_t kFamily = 0xffff0000;
+constexpr uint32_t kErrno = 0xfff;
+constexpr uint32_t kStoreFamily = PSS_NO_KEY & kFamily;
+
+constexpr uint32_t undelivered(int error) {
+    return SECURITY_ERR_TRANSPORT | (static_cast<uint32_t>(error) & kErrno);
+}
+
+constexpr bool is_undelivered(uint32_t status) { return (status & kFamily) == SECURITY_ERR_TRANSPORT; }
+
+constexpr int errno_of(uint32_t status) { return static_cast<int>(status & kErrno); }
+
+constexpr const char* kSpelling = "check how it is spelled";
+constexpr const char* kSameVersion = "install quillsec and quillsecurityd of the same version";
+constexpr const char* kSeeLog = "see the log of quillsecurityd";
+constexpr const char* kSeeDaemon = "see that quillsecurityd runs and read its log";
+
+struct Meaning {
+    uint32_t status;
+    Exit exit;
+    const char* remedy;
+    const char* text = nullptr;  // where syserr2str() does not say it for this reader
+};
+
+constexpr Meaning kMeanings[] = {
+    {SECURITY_PSS_NO_KEY, Exit::kNoSuchObject, kSpelling},
+    {SECURITY_ERR_NO_VALUE, Exit::kNoSuchObject, "set it first"},
+    {SECURITY_ERR_NO_CIPHER, Exit::kInvalidValue, "use one that --help lists"},
+    {SECURITY_ERR_CRYPT, Exit::kFailed, "enter the secret again"},
+    {SECURITY_ERR_PASSWD_UNDELIVERED, Exit::kUnreachable, kSeeDaemon},
+    {SECURITY_ERR_UNKNOWN_ROLE, Exit::kNoSuchObject, kSpelling},
+    {SECURITY_ERR_ROLE_NOT_HELD, Exit::kNoSuchObject, "list the roles that the user holds"},
+    {SECURITY_ERR_NOT_FOUND, Exit::kNoSuchObject, kSpelling},
+    {SECURITY_ERR_END_OF_TABLE, Exit::kNoSuchObject, kSpelling},
+    {SECURITY_ERR_TOO_MANY_ROLES, Exit::kFailed, "take a role away first"},
+    {SECURITY_ERR_SSHKEY_CONVERT, Exit::kFailed, "give the key as one line of OpenSSH text"},
+    {SECURITY_ERR_SSHKEY_FORMAT, Exit::kInvalidValue, "give the key as one line of OpenSSH text"},
+    {SECURITY_ERR_FILE_OPEN, Exit::kFailed, "check that the file exists and can be read"},
+    {SECURITY_ERR_SSHKEY_TYPE, Exit::kInvalidValue, "give a key of type rsa or dsa"},
+    {SECURITY_ERR_FILE_READ, Exit::kFailed, "check that the file can be read"},
+    {SECURITY_ERR_URI_TYPE, Exit::kInvalidValue, "name a file on a device of this system"},
+    {SECURITY_ERR_NO_MORE_ROLES, Exit::kNoSuchObject, kSpelling},
+    {SECURITY_ERR_WEAK_PASSWORD, Exit::kInvalidValue, "choose a longer one of letters, digits and signs"},
+    {SECURITY_ERR_EXPIRY_DATE, Exit::kInvalidValue, "give a day to come as year-month-day"},
+    {SECURITY_ERR_NO_USER, Exit::kNoSuchObject, kSpelling},
+    {SECURITY_ERR_TOO_MANY_USERS, Exit::kFailed, "delete a user first"},
+    {SECURITY_ERR_DATE_FORMAT, Exit::kInvalidValue, "give a day to come as year-month-day"},
+    {SECURITY_ERR_MISSING_ARGUMENT, Exit::kInvalidValue, "give all arguments that --help lists"},
+    {SECURITY_ERR_NO_PRIV_LVL, Exit::kNoSuchObject, "set its secret first"},
+    {SECURITY_ERR_NO_MORE_PRIV_LVLS, Exit::kNoSuchObject, "set its secret first"},
+    {SECURITY_ERR_CERT_TOO_BIG, Exit::kInvalidValue, "use a smaller certificate, without its chain"},
+    {SECURITY_ERR_TOO_MANY_LOCALES, Exit::kFailed, "take a locale away first"},
+    {SECURITY_ERR_UNKNOWN_LOCALE, Exit::kNoSuchObject, kSpelling},
+    {SECURITY_ERR_LOCALE_NOT_HELD, Exit::kNoSuchObject, "list the locales that the user holds"},
+    {SECURITY_ERR_REQUEST_FRAME, Exit::kFailed, kSameVersion},
+    {SECURITY_ERR_REQUEST_TYPE, Exit::kFailed, kSameVersion},
+    {SECURITY_ERR_REQUEST_SIZE, Exit::kFailed, kSameVersion},
+    {SECURITY_ERR_REQUEST_TEXT, Exit::kFailed, kSameVersion},
+    {SECURITY_ERR_REQUEST_COUNT, Exit::kFailed, kSameVersion},
+    {SECURITY_ERR_NOT_PERMITTED, Exit::kNotPermitted,
+     "run as root or as a member of the administrators' group", "you are not permitted to {} it"},
+
+    {PSS_IN_USE, Exit::kBusy, "try again when the other user of the store is done"},
+    {PSS_FULL, Exit::kStoreFailure, "free space where the daemon keeps its state"},
+    {PSS_QUOTA, Exit::kStoreFailure, "raise the quota or free space where the daemon keeps its state"},
+    {PSS_CORRUPT, Exit::kStoreFailure, "stop quillsecurityd and put a saved copy of the store in its place"},
+    {PSS_READ_ONLY, Exit::kStoreFailure, "make the device of the store writable"},
+
+    {undelivered(ENOENT), Exit::kUnreachable, "start quillsecurityd",
+     "the daemon is not running (no socket)"},
+    {undelivered(ECONNREFUSED), Exit::kUnreachable, "start quillsecurityd",
+     "the daemon is not running (its socket is left over)"},
+    {undelivered(EACCES), Exit::kNotPermitted, "run as root or ask for access to its runtime directory",
+     "the daemon's socket is not open to you"},
+    {undelivered(ETIMEDOUT), Exit::kTimeout, "try again, or wait longer with --timeout",
+     "the daemon did not answer in time"},
+    {undelivered(EAGAIN), Exit::kBusy, "try again", "the daemon has too many callers waiting"},
+    {undelivered(ECONNRESET), Exit::kUnreachable, "start quillsecurityd and look whether it was done",
+     "the daemon ended while it had the request, which may or may not have been done"},
+    {undelivered(EPROTO), Exit::kFailed, kSameVersion, "the daemon does not speak this client's protocol"},
+};
+
+constexpr const Meaning* find(uint32_t status) {
+    const auto* row = std::find_if(std::begin(kMeanings), std::end(kMeanings),
+                                   [=](const Meaning& m) { return m.status == status; });
+    return row == std::end(kMeanings) ? nullptr : row;
+}
+
+struct Name {
+    uint32_t status;
+    const char* name;
+};
+
+#define STATUS_NAME(name, value, text) {value, #name},
+constexpr Name kLibraryNames[] = {SECURITY_STATUS_LIST(STATUS_NAME)};
+constexpr Name kStoreNames[] = {PSS_STATUS_LIST(STATUS_NAME)};
+#undef STATUS_NAME
+
+// The store's failures share what is said of their family; a status of the library has a meaning of its own.
+static_assert(std::all_of(std::begin(kLibraryNames), std::end(kLibraryNames),
+                          [](const Name& n) { return n.status == SECURITY_OK || find(n.status); }),
+              "a status of the library has no row in kMeanings");
+
+// What is said of a status that has no row.
+Meaning family_meaning(uint32_t status) {
+    if (is_undelivered(status)) return {status, Exit::kUnreachable, kSeeDaemon};
+    return {status, (status & kFamily) == kStoreFamily ? Exit::kStoreFailure : Exit::kFailed, kSeeLog};
+}
+}  // namespace
+
+uint32_t status_of(uint32_t result) { return result == UINT32_MAX ? undelivered(errno) : result; }
+
+void require_success(uint32_t status, const std::string& object, const char* deed) {
+    if (status == SECURITY_OK) return;
+    const Meaning* row = find(status);
+    const Meaning meaning = row ? *row : family_meaning(status);
+    if (is_undelivered(status)) {
+        throw Failure{meaning.exit, "the daemon",
+                      meaning.text ? meaning.text
+                                   : fmt::format("the daemon cannot be asked: {}", error_text(errno_of(status))),
+                      meaning.remedy, status};
+    }
+    const std::string text =
+        meaning.text ? fmt::format(fmt::runtime(meaning.text), deed) : std::string(syserr2str(status));
+    throw Failure{meaning.exit, object, fmt::format("{}: {}", object, text), meaning.remedy, status};
+}
+
+std::string status_name(uint32_t status) {
+    if (is_undelivered(status)) {
+        const char* name = strerrorname_np(errno_of(status));
+        return name ? name : "";
+    }
+    for (const Name& n : kLibraryNames) {
+        if (n.status == status) return n.name;
+    }
+    for (const Name& n : kStoreNames) {
+        if (n.status == status) return n.name;
+    }
+    return "";
+}
+
+std::string error_text(int error) {
+    const char* description = strerrordesc_np(error);
+    std::string text = description ? description : fmt::format("error {}", error);
+    const auto upper = [&](size_t i) { return i < text.size() && text[i] >= 'A' && text[i] <= 'Z'; };
+    if (upper(0) && !upper(1)) text[0] = static_cast<char>(text[0] - 'A' + 'a');  // but "RPC ..." stays
+    return text;
+}
+
+}  // namespace quill::cli

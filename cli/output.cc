@@ -1,0 +1,132 @@
+#include "cli/output.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "cli/words.h"
+#include "quillsecurity/status.h"
+
+namespace quill::cli {
+namespace {
+constexpr std::string_view kGap = "  ";
+
+std::string dump(const Json& value) { return value.dump(-1, ' ', false, Json::error_handler_t::replace); }
+
+// Characters, not bytes: names need not be ASCII.
+size_t width(std::string_view text) {
+    return static_cast<size_t>(
+        std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xc0) != 0x80; }));
+}
+
+std::string heading(std::string column) {
+    for (char& c : column) {
+        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+    }
+    return column;
+}
+
+// No blanks at the end of a line, whatever its last columns hold.
+void add_line(std::string& page, const std::vector<std::string>& words, const std::vector<size_t>& widths) {
+    std::string line;
+    for (size_t i = 0; i < words.size(); ++i) {
+        line += words[i];
+        line.append(widths[i] - width(words[i]), ' ');
+        line += kGap;
+    }
+    line.erase(line.find_last_not_of(' ') + 1);
+    page += line + '\n';
+}
+
+std::string for_people(const Table& table) {
+    std::vector<std::vector<std::string>> lines(1);
+    for (const std::string& column : table.columns) lines[0].push_back(heading(column));
+    for (const auto& row : table.rows) {
+        auto& line = lines.emplace_back();
+        for (const Cell& cell : row) line.push_back(printable(cell.text));
+    }
+    std::vector<size_t> widths(table.columns.size());
+    for (const auto& line : lines) {
+        for (size_t i = 0; i < line.size(); ++i) widths[i] = std::max(widths[i], width(line[i]));
+    }
+    std::string page;
+    for (const auto& line : lines) add_line(page, line, widths);
+    return page;
+}
+
+// One document, but a row to a line: people read it too.
+std::string for_programs(const Table& table) {
+    std::string rows;
+    for (const auto& row : table.rows) {
+        Json object = Json::object();
+        for (size_t i = 0; i < row.size(); ++i) object[table.columns[i]] = row[i].value;
+        rows += (rows.empty() ? "\n  " : ",\n  ") + dump(object);
+    }
+    return fmt::format("{{{}: [{}{}]}}\n", dump(table.subject), rows, rows.empty() ? "" : "\n");
+}
+
+std::string for_people(const Failure& failure) {
+    return printable(fmt::format("quillsec: {}{}{}", failure.text, failure.remedy.empty() ? "" : "; ",
+                                 failure.remedy)) +
+           '\n';
+}
+
+std::string for_programs(const Failure& failure) {
+    Json status;
+    if (failure.status != SECURITY_OK) {
+        const std::string name = status_name(failure.status);
+        status = {{"name", name.empty() ? Json() : Json(name)},
+                  {"hex", fmt::format("0x{:08x}", failure.status)}};
+    }
+    const Json error = {{"tool", "quillsec"},
+                        {"object", failure.object},
+                        {"text", failure.text},
+                        {"remedy", failure.remedy},
+                        {"status", status},
+                        {"exit_code", static_cast<int>(failure.exit)}};
+    return dump({{"error", error}}) + '\n';
+}
+
+// Answers 0, or the errno of the write that failed.
+int write_whole(int descriptor, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t written = write(descriptor, text.data(), text.size());
+        if (written > 0) {
+            text.remove_prefix(static_cast<size_t>(written));
+        } else if (errno != EINTR) {
+            return errno;
+        }
+    }
+    return 0;
+}
+
+// On standard error, the last resort: there is nowhere to report that this failed.
+void complain(const Failure& failure) { write_whole(STDERR_FILENO, for_people(failure)); }
+}  // namespace
+
+std::string rendered(const Table& table, Form form) {
+    return form == Form::kJson ? for_programs(table) : for_people(table);
+}
+
+std::string rendered(const Remark& remark, Form form) {
+    return form == Form::kJson ? dump({{remark.subject, remark.text}}) + '\n' : remark.text + '\n';
+}
+
+Exit say(const std::string& text) {
+    const int error = write_whole(STDOUT_FILENO, text);
+    if (error == 0) return Exit::kOk;
+    complain({Exit::kFailed, "standard output",
+              fmt::format("standard output cannot be written: {}", error_text(error)),
+              "the request itself was carried out"});
+    return Exit::kFailed;
+}
+
+Exit say(const Failure& failure, Form form) {
+    const bool said = form == Form::kJson && write_whole(STDOUT_FILENO, for_programs(failure)) == 0;
+    if (!said) complain(failure);
+    return failure.exit;
+}
+
+}  // namespace quill::cli

@@ -1,0 +1,70 @@
+// What a command says, once for people and once for programs.
+//
+// A verb answers with a table; which of the two forms it takes is decided here and nowhere else.
+//
+// For people: aligned columns under a line of headings, plain ASCII around the values, the same on a
+// terminal and in a file. Failures are one line on standard error: tool, object, what is wrong, remedy.
+//
+// With --json, standard output is exactly one document and standard error stays empty:
+//   an answer      {"services": [{"name": "ssh", "value": "on"}, ...]}
+//                  one member, named for what is listed, with one object per row; its members are the
+//                  columns. A row's value is a string or a number, as in the table, and null or a boolean
+//                  where the table has words for that. One row is a list of one.
+//   a failure      {"error": {"tool": "quillsec", "object": "service 'ssh'", "text": "...", "remedy": "...",
+//                             "status": {"name": "SECURITY_ERR_NOT_PERMITTED", "hex": "0x404a0106"},
+//                             "exit_code": 5}}
+//                  status is null where the command failed before anything was asked; its name is null for
+//                  a number that has none, and that of errno where the request was not delivered.
+//   --version      {"version": "1.0.0"}
+//   --help         {"help": "..."}
+// Bytes that are not UTF-8 appear as U+FFFD.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "cli/failure.h"
+
+namespace quill::cli {
+
+using Json = nlohmann::ordered_json;
+
+// One value in its two forms.
+struct Cell {
+    Cell(const char* word) : value(word), text(word) {}
+    Cell(const std::string& word) : value(word), text(word) {}
+    Cell(uint32_t number) : value(number), text(std::to_string(number)) {}
+    Cell(Json for_programs, std::string for_people)
+        : value(std::move(for_programs)), text(std::move(for_people)) {}
+
+    Json value;
+    std::string text;
+};
+
+struct Table {
+    std::string subject;               // what is listed: "services"
+    std::vector<std::string> columns;  // in lower case
+    std::vector<std::vector<Cell>> rows;
+};
+
+// A text for people and for programs that is no table: --help, --version.
+struct Remark {
+    std::string subject;
+    std::string text;
+};
+
+enum class Form { kTable, kJson };
+
+std::string rendered(const Table& table, Form form);
+std::string rendered(const Remark& remark, Form form);
+
+// Says an answer on standard output. Answers how the program ends: kFailed, with a line on standard error,
+// when it could not be written whole.
+Exit say(const std::string& text);
+
+// Says a failure where and as the form demands, and answers its exit code.
+Exit say(const Failure& failure, Form form);
+
+}  // namespace quill::cli

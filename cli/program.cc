@@ -1,0 +1,252 @@
+// From the words of the command line to one verb and back to an exit code.
+//
+// CLI11 reads the line; what it says about a line it cannot read is not used. Its exceptions tell that
+// something is wrong, and the tables tell what: so a mistyped word is answered in the program's own voice,
+// with a guess at what was meant.
+#include "cli/program.h"
+
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <optional>
+
+#include "cli/command.h"
+#include "cli/words.h"
+#include "quillplatform/shell.h"
+
+namespace quill::cli {
+namespace {
+constexpr const Noun* kNouns[] = {&kService};
+
+constexpr uint32_t kLongestTimeout = 3600;
+
+constexpr const char* kGlobalOptions = "Global options, anywhere on the line";
+
+constexpr const char* kExitCodes =
+    "Exit codes:\n"
+    "  0 ok             3 no such object   6 invalid value          9 store failure\n"
+    "  1 failed         4 exists already   7 daemon not reachable  10 timeout\n"
+    "  2 wrong usage    5 not permitted    8 busy";
+
+void declare_global(CLI::App& app, std::string& timeout) {
+    app.set_help_flag("--help,-h", "say how it is used")->group(kGlobalOptions);
+    app.set_version_flag("--version", "", "say the version")->group(kGlobalOptions);
+    app.add_flag("--json")
+        ->description("answer with one JSON document, errors too")
+        ->disable_flag_override()
+        ->group(kGlobalOptions);
+    app.add_option("--timeout", timeout,
+                   "wait this long for each answer, 60 if not given;\n"
+                   "the keys and fips wait 180 and ploty 15 in any case")
+        ->option_text("SECONDS")
+        ->take_last()
+        ->group(kGlobalOptions);
+}
+
+// What help calls the next word of the line.
+void label_next_word(CLI::App& app, const char* in_usage, const char* as_heading) {
+    auto formatter = std::make_shared<CLI::Formatter>();
+    formatter->label("SUBCOMMAND", in_usage);
+    formatter->label("Subcommands", as_heading);
+    formatter->label("Positionals", "Arguments");
+    app.formatter(formatter);
+}
+
+void declare(CLI::App& noun_app, const Noun& noun, const Verb& verb, std::string& timeout) {
+    CLI::App& app = *noun_app.add_subcommand(verb.name, verb.help);
+    for (const Argument& argument : verb.arguments) {
+        app.add_option(argument.name, argument.help)->required(argument.need == Argument::kRequired);
+    }
+    declare_global(app, timeout);
+    app.footer(noun.notes);
+}
+
+void declare(CLI::App& root, const Noun& noun, std::string& timeout) {
+    CLI::App& app = *root.add_subcommand(noun.name, noun.help);
+    label_next_word(app, "VERB", "Verbs");
+    for (const Verb& verb : noun.verbs) declare(app, noun, verb, timeout);
+    declare_global(app, timeout);
+    app.footer(noun.notes)->require_subcommand(1);
+}
+
+// Global options are declared at each level, on one variable: CLI11 could hand them up by itself, but then
+// hands up surplus arguments as well. Exactly one subcommand a level lets a name equal a noun or a verb.
+void declare(CLI::App& root, std::string& timeout) {
+    label_next_word(root, "NOUN VERB [ARGUMENT...]", "Nouns");
+    for (const Noun* noun : kNouns) declare(root, *noun, timeout);
+    declare_global(root, timeout);
+    root.footer(kExitCodes)->require_subcommand(1);
+}
+
+// What was recognised of the line: the program, a noun, a verb, as far as it goes.
+std::vector<const CLI::App*> recognised(const CLI::App& root) {
+    std::vector<const CLI::App*> levels{&root};
+    while (!levels.back()->get_subcommands().empty()) {
+        levels.push_back(levels.back()->get_subcommands().front());
+    }
+    return levels;
+}
+
+std::string path(const std::vector<const CLI::App*>& levels) {
+    std::string names;
+    for (const CLI::App* level : levels) names += (names.empty() ? "" : " ") + level->get_name();
+    return names;
+}
+
+const Verb& verb_of(const std::vector<const CLI::App*>& levels) {
+    for (const Noun* noun : kNouns) {
+        if (levels[1]->get_name() != noun->name) continue;
+        for (const Verb& verb : noun->verbs) {
+            if (levels[2]->get_name() == verb.name) return verb;
+        }
+    }
+    throw std::logic_error("a verb was recognised that no table has");
+}
+
+std::string usage(const std::vector<const CLI::App*>& levels, const Verb& verb) {
+    std::string line = "usage: " + path(levels);
+    for (const Argument& argument : verb.arguments) {
+        const bool required = argument.need == Argument::kRequired;
+        line += required ? fmt::format(" {}", argument.name) : fmt::format(" [{}]", argument.name);
+    }
+    return line;
+}
+
+Failure wrong_line(std::string object, std::string text, std::string remedy) {
+    return {Exit::kUsage, std::move(object), std::move(text), std::move(remedy)};
+}
+
+// What stands before a complaint: nothing for the program itself, else the noun, or noun and verb.
+std::string where(const std::vector<const CLI::App*>& levels) {
+    const std::string program = levels[0]->get_name();
+    const std::string names = path(levels);
+    return names == program ? "" : names.substr(program.size() + 1) + ": ";
+}
+
+// A word that should have been one of `known`, a noun, verb or option.
+Failure unknown_word(const char* kind, const std::vector<const CLI::App*>& levels, const std::string& word,
+                     const std::vector<std::string>& known) {
+    const std::string object = fmt::format("{} '{}'", kind, word);
+    const std::string meant = nearest(word, known);
+    return wrong_line(object, fmt::format("{}{} does not exist", where(levels), object),
+                      meant.empty() ? "use " + either(known) : fmt::format("did you mean '{}'?", meant));
+}
+
+// The first word that a level could not place: an unknown option (`options`) or any other word. Null for
+// none. What follows "--" is no option, whatever it looks like.
+std::optional<std::string> misplaced(const CLI::App& level, bool options) {
+    bool marked = false;
+    for (const std::string& word : level.remaining()) {
+        const bool option = !marked && word.size() > 1 && word[0] == '-' && word != "--";
+        marked = marked || word == "--";
+        if (word != "--" && option == options) return word;
+    }
+    return std::nullopt;
+}
+
+// The line ends, or goes astray, where a noun or a verb should stand.
+Failure next_word_failure(const std::vector<const CLI::App*>& levels) {
+    const char* kind = levels.size() == 1 ? "noun" : "verb";
+    std::vector<std::string> known;
+    for (const CLI::App* app : levels.back()->get_subcommands(nullptr)) known.push_back(app->get_name());
+    if (const auto word = misplaced(*levels.back(), false)) return unknown_word(kind, levels, *word, known);
+    return wrong_line(kind, fmt::format("{}a {} is missing", where(levels), kind), "use " + either(known));
+}
+
+Failure argument_failure(const std::vector<const CLI::App*>& levels) {
+    const Verb& verb = verb_of(levels);
+    for (const Argument& argument : verb.arguments) {
+        if (argument.need != Argument::kRequired || levels.back()->count(argument.name) > 0) continue;
+        return wrong_line(fmt::format("argument '{}'", argument.name),
+                          fmt::format("{}{} is missing", where(levels), argument.name), usage(levels, verb));
+    }
+    const std::string object = fmt::format("argument '{}'", misplaced(*levels.back(), false).value_or(""));
+    return wrong_line(object, fmt::format("{}{} is not expected", where(levels), object),
+                      usage(levels, verb) + "; quote what contains blanks");
+}
+
+// What is wrong with a line that CLI11 refused.
+Failure usage_failure(const CLI::App& root, const CLI::ParseError& error, const std::string& last_word) {
+    auto levels = recognised(root);
+    if (dynamic_cast<const CLI::ArgumentMismatch*>(&error)) {
+        const std::string option = last_word.substr(0, last_word.find('='));
+        const std::string object = fmt::format("option '{}'", option);
+        return wrong_line(object, fmt::format("{}{} takes {}", where(levels), object,
+                                              option == last_word ? "a value" : "no value"),
+                          fmt::format("see '{} --help'", path(levels)));
+    }
+    for (size_t depth = 1; depth <= levels.size(); ++depth) {
+        const std::vector<const CLI::App*> upper(levels.begin(), levels.begin() + static_cast<ptrdiff_t>(depth));
+        const auto option = misplaced(*upper.back(), true);
+        if (!option) continue;
+        std::vector<std::string> known;
+        for (const CLI::Option* o : upper.back()->get_options()) {
+            for (const std::string& name : o->get_lnames()) known.push_back("--" + name);
+        }
+        return unknown_word("option", upper, option->substr(0, option->find('=')), known);
+    }
+    return levels.size() < 3 ? next_word_failure(levels) : argument_failure(levels);
+}
+
+void set_timeout(const std::string& text) {
+    if (text.empty()) return;
+    const auto seconds = number(text, 1, kLongestTimeout);
+    if (!seconds) {
+        throw wrong_line("option '--timeout'",
+                         fmt::format("option '--timeout': value '{}' is not valid", text),
+                         fmt::format("use 1 to {} (seconds)", kLongestTimeout));
+    }
+    security_cmi_timeout = *seconds;
+}
+
+Table run_verb(const CLI::App& root) {
+    const auto levels = recognised(root);
+    const Verb& verb = verb_of(levels);
+    Arguments arguments;
+    for (const Argument& argument : verb.arguments) {
+        const CLI::Option* option = levels.back()->get_option(argument.name);
+        if (option->count() > 0) arguments.add(argument.name, option->results().back());
+    }
+    return verb.run(arguments);
+}
+
+std::string answer(std::span<const char* const> words, Form form) {
+    CLI::App root("Shows and changes the security configuration of this system.", "quillsec");
+    std::string timeout;
+    declare(root, timeout);
+    std::vector<std::string> backwards(words.rbegin(), words.rend());  // as CLI11 wants them
+    try {
+        root.parse(backwards);
+    } catch (const CLI::CallForHelp&) {
+        return rendered(Remark{"help", root.help()}, form);
+    } catch (const CLI::CallForVersion&) {
+        return form == Form::kJson ? rendered(Remark{"version", QUILL_VERSION}, form) : "quillsec " QUILL_VERSION "\n";
+    } catch (const CLI::ParseError& error) {
+        throw usage_failure(root, error, words.empty() ? "" : words.back());
+    }
+    set_timeout(timeout);
+    return rendered(run_verb(root), form);
+}
+
+// Known before the line is read, so that a complaint about the line has its form too.
+Form form_of(std::span<const char* const> words) {
+    for (const std::string_view word : words) {
+        if (word == "--json") return Form::kJson;
+        if (word == "--") break;
+    }
+    return Form::kTable;
+}
+}  // namespace
+
+int run(std::span<const char* const> words) noexcept {
+    const Form form = form_of(words);
+    try {
+        return static_cast<int>(say(answer(words, form)));
+    } catch (const Failure& failure) {
+        return static_cast<int>(say(failure, form));
+    } catch (const std::exception& error) {
+        return static_cast<int>(say({Exit::kFailed, "quillsec", fmt::format("stopped: {}", error.what()), ""}, form));
+    }
+}
+
+}  // namespace quill::cli

@@ -1,0 +1,86 @@
+#include "cli/words.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+
+namespace quill::cli {
+namespace {
+
+// Letters to insert, remove, replace or swap with their neighbour to make one word from the other.
+size_t distance(std::string_view a, std::string_view b) {
+    std::vector<std::vector<size_t>> d(a.size() + 1, std::vector<size_t>(b.size() + 1));
+    for (size_t i = 0; i <= a.size(); ++i) {
+        for (size_t j = 0; j <= b.size(); ++j) {
+            if (i == 0 || j == 0) {
+                d[i][j] = i + j;
+                continue;
+            }
+            const size_t replaced = d[i - 1][j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1);
+            d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1, replaced});
+            const bool swapped = i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1];
+            if (swapped) d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
+        }
+    }
+    return d[a.size()][b.size()];
+}
+
+// A word is not taken for another when more than a third of it, or more than two letters, would have to
+// be wrong.
+size_t tolerance(std::string_view word) { return std::min<size_t>(2, word.size() / 3); }
+}  // namespace
+
+std::string folded(std::string_view name) {
+    std::string result(name);
+    for (char& c : result) {
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+        if (c == '_' || c == ' ') c = '-';
+    }
+    return result;
+}
+
+std::string nearest(std::string_view word, const std::vector<std::string>& candidates) {
+    const std::string wanted = folded(word);
+    std::string best;
+    size_t best_distance = SIZE_MAX;
+    for (const std::string& candidate : candidates) {
+        const size_t far = distance(wanted, folded(candidate));
+        if (far > tolerance(candidate) || far >= best_distance) continue;
+        best = candidate;
+        best_distance = far;
+    }
+    return best;
+}
+
+std::optional<uint32_t> number(std::string_view text, uint32_t low, uint32_t high) {
+    uint32_t value = 0;
+    const char* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, value);
+    if (error != std::errc() || stop != end || value < low || value > high) return std::nullopt;
+    return value;
+}
+
+std::string either(const std::vector<std::string>& words) {
+    std::string result;
+    for (size_t i = 0; i < words.size(); ++i) {
+        if (i > 0) result += i + 1 == words.size() ? " or " : ", ";
+        result += words[i];
+    }
+    return result;
+}
+
+std::string printable(std::string_view text) {
+    std::string result;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7f) {
+            result += fmt::format("\\x{:02x}", byte);
+        } else {
+            result += c;
+        }
+    }
+    return result;
+}
+
+}  // namespace quill::cli

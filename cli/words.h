@@ -1,0 +1,29 @@
+// What people type, understood generously: names in any case and with '-', '_' or a blank between their
+// words, and a guess at what was meant when nothing fits.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quill::cli {
+
+// The form in which two spellings of one name are equal.
+std::string folded(std::string_view name);
+
+// The candidate that `word` is most likely a misspelling of; empty when none is near.
+std::string nearest(std::string_view word, const std::vector<std::string>& candidates);
+
+// A whole decimal number of this range and nothing else.
+std::optional<uint32_t> number(std::string_view text, uint32_t low, uint32_t high);
+
+// "show, set or defaults"
+std::string either(const std::vector<std::string>& words);
+
+// The text with its control characters spelled out as \xNN, so that it can neither break a line of output
+// nor speak to the terminal.
+std::string printable(std::string_view text);
+
+}  // namespace quill::cli

@@ -1,0 +1,179 @@
+// quillsecurityd: owns the security configuration and serves it to the clients of this machine.
+#include <fcntl.h>
+#include <getopt.h>
+#include <grp.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <string>
+
+#include "daemon/dispatch.h"
+#include "platform/channel/frame.h"
+#include "platform/service.h"
+#include "quillplatform.h"
+#include "quillsecurity.h"
+
+namespace quill {
+namespace {
+
+constexpr char kStore[] = "security";
+constexpr char kAdministrators[] = "quilladmin";
+
+struct Options {
+    bool foreground = false;
+    const char* administrators = kAdministrators;
+};
+
+constexpr char kUsage[] =
+    "usage: quillsecurityd [--foreground] [--admin-group GROUP]\n"
+    "Serves the security configuration to the clients of this machine.\n"
+    "  --foreground         stay in the foreground and log to standard error as well\n"
+    "  --admin-group GROUP  members may change the configuration, as root may (default: quilladmin)\n"
+    "  --version            print the version\n"
+    "SIGTERM stops it; SIGUSR1 writes its trace history to quillsecurityd.traces in the runtime directory.\n"
+    "QUILL_STATE_DIR (/var/lib/quillsecurity), QUILL_RUNTIME_DIR (/run/quillsecurity), QUILL_PLATFORM_CONF\n"
+    "(/etc/quillsecurity/platform.conf) and QUILL_TRACE (history; off, debug) come from the environment.\n";
+
+// Exits itself where the command line asks for nothing else or is wrong.
+Options parse(int count, char** arguments) {
+    const option known[] = {{"foreground", no_argument, nullptr, 'f'},
+                            {"admin-group", required_argument, nullptr, 'g'},
+                            {"version", no_argument, nullptr, 'v'},
+                            {"help", no_argument, nullptr, 'h'},
+                            {nullptr, 0, nullptr, 0}};
+    Options options;
+    for (int found; (found = getopt_long(count, arguments, "", known, nullptr)) != -1;) {
+        switch (found) {
+        case 'f':
+            options.foreground = true;
+            break;
+        case 'g':
+            options.administrators = optarg;
+            break;
+        case 'v':
+            puts("quillsecurityd " QUILL_VERSION);
+            exit(0);
+        case 'h':
+            fputs(kUsage, stdout);
+            exit(0);
+        default:
+            fputs(kUsage, stderr);
+            exit(2);
+        }
+    }
+    if (optind < count) {
+        fprintf(stderr, "quillsecurityd: argument '%s' is not known; see --help\n", arguments[optind]);
+        exit(2);
+    }
+    return options;
+}
+
+// The group's number, or 0 (root alone) where there is none of that name.
+gid_t group_number(const char* name) {
+    const group* found = getgrnam(name);
+    if (found != nullptr) return found->gr_gid;
+    syslog(LOG_NOTICE, "there is no group %s; only root may change the configuration", name);
+    return 0;
+}
+
+// Secrets pass through this memory: no core file of it, and nobody but root looks inside.
+void protect_memory() {
+    const rlimit none{0, 0};
+    setrlimit(RLIMIT_CORE, &none);
+    prctl(PR_SET_DUMPABLE, 0);
+}
+
+void allow_many_clients() {
+    rlimit files;
+    if (getrlimit(RLIMIT_NOFILE, &files) != 0) return;
+    files.rlim_cur = files.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &files);
+}
+
+bool open_store(uint32_t& store) {
+    uint32_t status = security_pss_create(&store, kStore, 0, 0);
+    if (status != SECURITY_OK) {
+        syslog(LOG_ERR, "the store cannot be opened: %s (%#x)", syserr2str(status), status);
+        return false;
+    }
+    if (set_pss_version(store) != 0) {
+        syslog(LOG_ERR, "the store cannot be stamped with its version; see the line before");
+        return false;
+    }
+    status = security_conf_default_check(store);
+    // Half the defaults are better than no service: what is missing is written at the next start.
+    if (status != SECURITY_OK) syslog(LOG_ERR, "not all defaults are stored: %s (%#x)", syserr2str(status), status);
+    return true;
+}
+
+// The history shows secrets, so the file is root's alone from its first byte.
+void dump_traces() {
+    const std::string path = runtime_directory() + "/quillsecurityd.traces";
+    unlink(path.c_str());
+    const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (descriptor < 0 || quill_trace_dump(descriptor) != 0)
+        syslog(LOG_ERR, "traces cannot be written to %s: %m", path.c_str());
+    else
+        syslog(LOG_NOTICE, "traces written to %s", path.c_str());
+    if (descriptor >= 0) close(descriptor);
+}
+
+int serve(const Options& options, Background& background) {
+    std::string reason;
+    if (!take_runtime_directory(reason)) {
+        syslog(LOG_ERR, "%s", reason.c_str());
+        return 1;
+    }
+    uint32_t store = 0;
+    if (!open_store(store)) return 1;
+
+    Server server({.administrators = group_number(options.administrators),
+                   .answer = [store](const Peer& peer,
+                                     Request& request) { return dispatch(routes(), store, peer, request); },
+                   .settle = [] { return pss2_settle() == PSS_OK; },
+                   .dump = dump_traces});
+    if (!server.listen()) {
+        syslog(LOG_ERR, "cannot listen for requests: %m");
+        return 1;
+    }
+    notify_manager("READY=1");
+    syslog(LOG_INFO, "ready");
+    background.ready();
+    server.run();
+    notify_manager("STOPPING=1");
+    const uint32_t status = pss2_close(store);
+    if (status != PSS_OK) syslog(LOG_ERR, "the store was not settled: %s (%#x)", syserr2str(status), status);
+    syslog(LOG_INFO, "stopped");
+    return 0;
+}
+
+}  // namespace
+}  // namespace quill
+
+int main(int count, char** arguments) {
+    using namespace quill;
+    const Options options = parse(count, arguments);
+    Background background;
+    if (!options.foreground && !background.enter()) {
+        perror("quillsecurityd: cannot go into the background");
+        return 1;
+    }
+    // Until it is ready, a daemon on its way to the background tells the terminal what is wrong.
+    openlog("quillsecurityd", LOG_PID | LOG_PERROR, LOG_DAEMON);
+    protect_memory();
+    allow_many_clients();
+    if (chdir("/") != 0) perror("quillsecurityd: /");
+    try {
+        return serve(options, background);
+    } catch (const std::exception& failure) {
+        syslog(LOG_CRIT, "%s", failure.what());
+        return 1;
+    }
+}

@@ -1,0 +1,18 @@
+# The shell of packaging/sandbox: the daemon runs beside it, and the prompt says where you are.
+PS1='[quill sandbox] \w\$ '
+socket=/run/quillsecurity/quillsecurityd.sock
+
+if [ ! -S "$socket" ]; then
+    quillsecurityd --foreground 2>>/var/log/quillsecurityd.log &
+    disown
+    for _ in {1..100}; do
+        if [ -S "$socket" ]; then break; fi
+        sleep 0.02
+    done
+fi
+if [ -S "$socket" ]; then
+    echo "quillsecurityd is running and logs to /var/log/quillsecurityd.log; try: quillsec service show"
+else
+    echo "quillsecurityd does not run; see /var/log/quillsecurityd.log" >&2
+fi
+unset socket _
