@@ -132,8 +132,9 @@ void require_success(uint32_t status, const std::string& object, const char* dee
     const Meaning meaning = row ? *row : family_meaning(status);
     if (is_undelivered(status)) {
         throw Failure{meaning.exit, "the daemon",
-                      meaning.text ? meaning.text
-                                   : fmt::format("the daemon cannot be asked: {}", error_text(errno_of(status))),
+                      meaning.text
+                          ? meaning.text
+                          : fmt::format("the daemon cannot be asked: {}", error_text(errno_of(status))),
                       meaning.remedy, status};
     }
     const std::string text =

@@ -25,10 +25,10 @@ enum class Exit {
 // What a verb throws when it cannot do what it was asked. All of it is lower case.
 struct Failure {
     Exit exit;
-    std::string object;  // what it is about: "service 'ssh'"
-    std::string text;    // what is wrong, a sentence that names the object
-    std::string remedy;  // what to do about it
-    uint32_t status = 0; // what was answered to the request; 0 where none was made
+    std::string object;   // what it is about: "service 'ssh'"
+    std::string text;     // what is wrong, a sentence that names the object
+    std::string remedy;   // what to do about it
+    uint32_t status = 0;  // what was answered to the request; 0 where none was made
 };
 
 // Takes the result of a client function, at once, while errno is still the channel's: a request that could

@@ -18,7 +18,8 @@ namespace {
 // Its place is taken by one that fails when it is used, so that the failure is seen.
 void occupy_standard_descriptors() {
     for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
-        if (fcntl(descriptor, F_GETFD) < 0) open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+        if (fcntl(descriptor, F_GETFD) < 0)
+            open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY);
     }
 }
 }  // namespace
@@ -30,8 +31,8 @@ int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
     occupy_standard_descriptors();
 
-    // For the daemon's log alone, beside the user id that it finds out by itself; so the environment's word is
-    // good enough and no user database is searched.
+    // For the daemon's log alone, beside the user id that it finds out by itself; so the environment's word
+    // is good enough and no user database is searched.
     security_cmi_username = getenv("LOGNAME");
     security_cmi_session_id = static_cast<uint32_t>(getpid());
 

@@ -64,7 +64,7 @@ std::string for_programs(const Table& table) {
         for (size_t i = 0; i < row.size(); ++i) object[table.columns[i]] = row[i].value;
         rows += (rows.empty() ? "\n  " : ",\n  ") + dump(object);
     }
-    return fmt::format("{{{}: [{}{}]}}\n", dump(table.subject), rows, rows.empty() ? "" : "\n");
+    return fmt::format("{{{}:[{}{}]}}\n", dump(table.subject), rows, rows.empty() ? "" : "\n");
 }
 
 std::string for_people(const Failure& failure) {
@@ -80,12 +80,9 @@ std::string for_programs(const Failure& failure) {
         status = {{"name", name.empty() ? Json() : Json(name)},
                   {"hex", fmt::format("0x{:08x}", failure.status)}};
     }
-    const Json error = {{"tool", "quillsec"},
-                        {"object", failure.object},
-                        {"text", failure.text},
-                        {"remedy", failure.remedy},
-                        {"status", status},
-                        {"exit_code", static_cast<int>(failure.exit)}};
+    const Json error = {{"tool", "quillsec"},   {"object", failure.object},
+                        {"text", failure.text}, {"remedy", failure.remedy},
+                        {"status", status},     {"exit_code", static_cast<int>(failure.exit)}};
     return dump({{"error", error}}) + '\n';
 }
 
@@ -111,7 +108,8 @@ std::string rendered(const Table& table, Form form) {
 }
 
 std::string rendered(const Remark& remark, Form form) {
-    return form == Form::kJson ? dump({{remark.subject, remark.text}}) + '\n' : remark.text + '\n';
+    return (form == Form::kJson ? dump({{remark.subject, remark.content.value}}) : remark.content.text) +
+           '\n';
 }
 
 Exit say(const std::string& text) {
@@ -119,7 +117,7 @@ Exit say(const std::string& text) {
     if (error == 0) return Exit::kOk;
     complain({Exit::kFailed, "standard output",
               fmt::format("standard output cannot be written: {}", error_text(error)),
-              "the request itself was carried out"});
+              "a change that was asked for has been made"});
     return Exit::kFailed;
 }
 

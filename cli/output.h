@@ -52,7 +52,7 @@ struct Table {
 // A text for people and for programs that is no table: --help, --version.
 struct Remark {
     std::string subject;
-    std::string text;
+    Cell content;
 };
 
 enum class Form { kTable, kJson };

@@ -43,17 +43,16 @@ void declare_global(CLI::App& app, std::string& timeout) {
         ->group(kGlobalOptions);
 }
 
-// What help calls the next word of the line.
-void label_next_word(CLI::App& app, const char* in_usage, const char* as_heading) {
+// What the line of usage calls the words that follow.
+void label_next_words(CLI::App& app, const char* words) {
     auto formatter = std::make_shared<CLI::Formatter>();
-    formatter->label("SUBCOMMAND", in_usage);
-    formatter->label("Subcommands", as_heading);
+    formatter->label("SUBCOMMAND", words);
     formatter->label("Positionals", "Arguments");
     app.formatter(formatter);
 }
 
 void declare(CLI::App& noun_app, const Noun& noun, const Verb& verb, std::string& timeout) {
-    CLI::App& app = *noun_app.add_subcommand(verb.name, verb.help);
+    CLI::App& app = *noun_app.add_subcommand(verb.name, verb.help)->group("Verbs");
     for (const Argument& argument : verb.arguments) {
         app.add_option(argument.name, argument.help)->required(argument.need == Argument::kRequired);
     }
@@ -62,8 +61,8 @@ void declare(CLI::App& noun_app, const Noun& noun, const Verb& verb, std::string
 }
 
 void declare(CLI::App& root, const Noun& noun, std::string& timeout) {
-    CLI::App& app = *root.add_subcommand(noun.name, noun.help);
-    label_next_word(app, "VERB", "Verbs");
+    CLI::App& app = *root.add_subcommand(noun.name, noun.help)->group("Nouns");
+    label_next_words(app, "VERB [ARGUMENT...]");
     for (const Verb& verb : noun.verbs) declare(app, noun, verb, timeout);
     declare_global(app, timeout);
     app.footer(noun.notes)->require_subcommand(1);
@@ -72,7 +71,7 @@ void declare(CLI::App& root, const Noun& noun, std::string& timeout) {
 // Global options are declared at each level, on one variable: CLI11 could hand them up by itself, but then
 // hands up surplus arguments as well. Exactly one subcommand a level lets a name equal a noun or a verb.
 void declare(CLI::App& root, std::string& timeout) {
-    label_next_word(root, "NOUN VERB [ARGUMENT...]", "Nouns");
+    label_next_words(root, "NOUN VERB [ARGUMENT...]");
     for (const Noun* noun : kNouns) declare(root, *noun, timeout);
     declare_global(root, timeout);
     root.footer(kExitCodes)->require_subcommand(1);
@@ -165,18 +164,25 @@ Failure argument_failure(const std::vector<const CLI::App*>& levels) {
                       usage(levels, verb) + "; quote what contains blanks");
 }
 
+// An option has no value, or one too many. Which option it is, only the exception tells.
+Failure option_value_failure(const std::vector<const CLI::App*>& levels, const std::string& complaint) {
+    const size_t start = complaint.find_first_not_of('-');
+    const std::string name = "--" + complaint.substr(start, complaint.find_first_of(": ", start) - start);
+    const CLI::Option* option = levels.back()->get_option_no_throw(name);
+    const bool flag = option && option->get_items_expected_max() == 0;
+    const std::string object = fmt::format("option '{}'", name);
+    return wrong_line(object,
+                      fmt::format("{}{} {} value", where(levels), object, flag ? "takes no" : "needs a"),
+                      fmt::format("see '{} --help'", path(levels)));
+}
+
 // What is wrong with a line that CLI11 refused.
-Failure usage_failure(const CLI::App& root, const CLI::ParseError& error, const std::string& last_word) {
-    auto levels = recognised(root);
-    if (dynamic_cast<const CLI::ArgumentMismatch*>(&error)) {
-        const std::string option = last_word.substr(0, last_word.find('='));
-        const std::string object = fmt::format("option '{}'", option);
-        return wrong_line(object, fmt::format("{}{} takes {}", where(levels), object,
-                                              option == last_word ? "a value" : "no value"),
-                          fmt::format("see '{} --help'", path(levels)));
-    }
+Failure usage_failure(const CLI::App& root, const CLI::ParseError& error) {
+    const auto levels = recognised(root);
+    if (dynamic_cast<const CLI::ArgumentMismatch*>(&error)) return option_value_failure(levels, error.what());
     for (size_t depth = 1; depth <= levels.size(); ++depth) {
-        const std::vector<const CLI::App*> upper(levels.begin(), levels.begin() + static_cast<ptrdiff_t>(depth));
+        const std::vector<const CLI::App*> upper(levels.begin(),
+                                                 levels.begin() + static_cast<ptrdiff_t>(depth));
         const auto option = misplaced(*upper.back(), true);
         if (!option) continue;
         std::vector<std::string> known;
@@ -210,19 +216,34 @@ Table run_verb(const CLI::App& root) {
     return verb.run(arguments);
 }
 
+// To CLI11 this word closes a verb; it would be dropped without a word.
+void refuse_terminator(std::span<const char* const> words) {
+    for (const std::string_view word : words) {
+        if (word == "--") return;
+        if (word == "++")
+            throw wrong_line("argument '++'", "argument '++' is not expected", "put '--' before it");
+    }
+}
+
+std::string help(const CLI::App& root) {
+    std::string text = root.help();
+    return text.erase(text.find_last_not_of('\n') + 1);
+}
+
 std::string answer(std::span<const char* const> words, Form form) {
-    CLI::App root("Shows and changes the security configuration of this system.", "quillsec");
+    refuse_terminator(words);
+    CLI::App root("shows and changes the security configuration of this system.", "quillsec");
     std::string timeout;
     declare(root, timeout);
     std::vector<std::string> backwards(words.rbegin(), words.rend());  // as CLI11 wants them
     try {
         root.parse(backwards);
     } catch (const CLI::CallForHelp&) {
-        return rendered(Remark{"help", root.help()}, form);
+        return rendered(Remark{"help", help(root)}, form);
     } catch (const CLI::CallForVersion&) {
-        return form == Form::kJson ? rendered(Remark{"version", QUILL_VERSION}, form) : "quillsec " QUILL_VERSION "\n";
+        return rendered(Remark{"version", {QUILL_VERSION, "quillsec " QUILL_VERSION}}, form);
     } catch (const CLI::ParseError& error) {
-        throw usage_failure(root, error, words.empty() ? "" : words.back());
+        throw usage_failure(root, error);
     }
     set_timeout(timeout);
     return rendered(run_verb(root), form);
@@ -245,7 +266,8 @@ int run(std::span<const char* const> words) noexcept {
     } catch (const Failure& failure) {
         return static_cast<int>(say(failure, form));
     } catch (const std::exception& error) {
-        return static_cast<int>(say({Exit::kFailed, "quillsec", fmt::format("stopped: {}", error.what()), ""}, form));
+        return static_cast<int>(
+            say({Exit::kFailed, "quillsec", fmt::format("stopped: {}", error.what()), ""}, form));
     }
 }
 

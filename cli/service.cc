@@ -21,10 +21,8 @@ struct Numbers {
 };
 
 constexpr Numbers kNumbers[] = {
-    {SECURITY_SERVICE_RSA_KEY, 768, 16384, true},
-    {SECURITY_SERVICE_DSA_KEY, 512, 4096, true},
-    {SECURITY_SERVICE_RSA1_KEY, 512, 4096, true},
-    {SECURITY_SERVICE_PLOTY_HTTP_PORT, 1, 65535, false},
+    {SECURITY_SERVICE_RSA_KEY, 768, 16384, true},         {SECURITY_SERVICE_DSA_KEY, 512, 4096, true},
+    {SECURITY_SERVICE_RSA1_KEY, 512, 4096, true},         {SECURITY_SERVICE_PLOTY_HTTP_PORT, 1, 65535, false},
     {SECURITY_SERVICE_PLOTY_HTTPS_PORT, 1, 65535, false},
 };
 
@@ -61,8 +59,9 @@ Service service_named(const std::string& name) {
         names.push_back(service.name);
     }
     const std::string meant = nearest(name, names);
-    throw Failure{Exit::kNoSuchObject, object(name), fmt::format("{} does not exist", object(name)),
-                  meant.empty() ? "'quillsec service show' lists all" : fmt::format("did you mean '{}'?", meant)};
+    throw Failure{
+        Exit::kNoSuchObject, object(name), fmt::format("{} does not exist", object(name)),
+        meant.empty() ? "'quillsec service show' lists all" : fmt::format("did you mean '{}'?", meant)};
 }
 
 template <class Row, size_t count>
@@ -161,7 +160,8 @@ std::string notes() {
     return text +
            "  Names may be in any case, with '-' or '_' for blanks. 1 and 0 do for on and off.\n\n"
            "With --json: {\"services\": [{\"name\", \"value\"}, ...]}, from defaults\n"
-           "  {\"defaults\": [{\"name\", \"default\", \"value\", \"differs\"}, ...]}. A value is \"on\", \"off\" or\n"
+           "  {\"defaults\": [{\"name\", \"default\", \"value\", \"differs\"}, ...]}. A value is \"on\", "
+           "\"off\" or\n"
            "  a number, null where none was ever set; telnet's default and differs are null.";
 }
 

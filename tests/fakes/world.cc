@@ -1,0 +1,216 @@
+#include "tests/fakes/world.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "quillsecurity/status.h"
+
+World& world() {
+    static World instance;
+    return instance;
+}
+
+std::string be32(uint32_t word) {
+    return {static_cast<char>(word >> 24), static_cast<char>(word >> 16), static_cast<char>(word >> 8),
+            static_cast<char>(word)};
+}
+
+std::string number_key(uint32_t table, uint32_t number) { return be32(table) + be32(number); }
+
+std::string name_key(uint32_t table, const std::string& name) {
+    std::string key = be32(table) + name;
+    key.resize(132);
+    return key;
+}
+
+namespace {
+
+// What the store hands out lies here and is spoilt by the next call, so that nobody keeps it.
+struct HandedOut {
+    std::string key, value;
+    pss_descriptor key_descriptor{}, value_descriptor{};
+
+    void spoil() {
+        for (std::string* bytes : {&key, &value}) bytes->assign(bytes->size(), '\xee');
+    }
+} handed_out;
+
+std::optional<std::string> cursor;  // the key on which it stands
+
+std::string bytes_of(const pss_descriptor* run) { return {static_cast<const char*>(run->bytes), run->length}; }
+
+pss_descriptor* hand_out(std::string& slot, pss_descriptor& descriptor, const std::string& bytes) {
+    slot = bytes;
+    descriptor = {slot.data(), static_cast<uint32_t>(slot.size())};
+    return &descriptor;
+}
+
+// Notes the call; the status that the test wants it to give.
+uint32_t begin(const char* name, const std::string& arguments = "") {
+    World& w = world();
+    handed_out.spoil();
+    w.calls.push_back(arguments.empty() ? name : std::string(name) + " " + arguments);
+    const auto found = w.answer.find(name);
+    if (found == w.answer.end()) return SECURITY_OK;
+    return w.fail_after[name]-- > 0 ? SECURITY_OK : found->second;
+}
+
+uint32_t begin(const char* name, uint32_t handle, const std::string& arguments = "") {
+    const uint32_t status = begin(name, arguments);
+    return handle == kHandle ? status : PSS_BAD_HANDLE;
+}
+
+uint32_t place(std::map<std::string, std::string>::const_iterator at) {
+    if (at == world().store.end())
+        cursor.reset();
+    else
+        cursor = at->first;
+    return cursor ? SECURITY_OK : SECURITY_PSS_NO_KEY;
+}
+
+}  // namespace
+
+uint32_t pss2_open(const char* name, uint32_t flags, uint32_t mode, uint32_t zero, const uint32_t* parameters,
+                   uint32_t* status) {
+    char arguments[128];
+    snprintf(arguments, sizeof arguments, "%s %u %u %u [%x %x %x %x]", name, flags, mode, zero, parameters[0],
+             parameters[1], parameters[2], parameters[3]);
+    *status = begin("pss2_open", arguments);
+    // A handle of its own for each attempt shows which of them reached the caller.
+    return *status == SECURITY_OK ? kHandle : 1000 + flags;
+}
+
+uint32_t pss_version_set(uint32_t handle, uint32_t one, uint32_t version) {
+    const uint32_t status = begin("pss_version_set", handle);
+    if (status == SECURITY_OK && one == 1) world().version = version;
+    return status;
+}
+
+pss_descriptor* pss2_fetch(uint32_t handle, const pss_descriptor* key, uint32_t* status) {
+    *status = begin("pss2_fetch", handle);
+    if (*status != SECURITY_OK) return nullptr;
+    const auto found = world().store.find(bytes_of(key));
+    if (found == world().store.end()) *status = SECURITY_PSS_NO_KEY;
+    if (*status != SECURITY_OK) return nullptr;
+    return hand_out(handed_out.value, handed_out.value_descriptor, found->second);
+}
+
+uint32_t pss2_store(uint32_t handle, const pss_descriptor* key, const pss_descriptor* value) {
+    const uint32_t status = begin("pss2_store", handle);
+    if (status == SECURITY_OK) world().store[bytes_of(key)] = bytes_of(value);
+    return status;
+}
+
+uint32_t pss2_delete(uint32_t handle, const pss_descriptor* key, uint32_t count) {
+    const uint32_t status = begin("pss2_delete", handle);
+    if (status != SECURITY_OK) return status;
+    if (count != 1) return PSS_BAD_ARGUMENT;
+    return world().store.erase(bytes_of(key)) == 1 ? SECURITY_OK : SECURITY_PSS_NO_KEY;
+}
+
+uint32_t pss2_move2key(uint32_t* handle, uint32_t mode, const pss_descriptor* key, uint32_t* status) {
+    *status = begin("pss2_move2key", *handle);
+    if (*status == SECURITY_OK && mode != PSS_MODE) *status = PSS_BAD_ARGUMENT;
+    if (*status != SECURITY_OK) return *status;
+    const std::string wanted = bytes_of(key);
+    place(world().store.lower_bound(wanted));
+    *status = cursor == wanted ? SECURITY_OK : SECURITY_PSS_NO_KEY;
+    return *status;
+}
+
+uint32_t pss2_move2location(uint32_t* handle, uint32_t mode, uint32_t location, uint32_t* status) {
+    *status = begin("pss2_move2location", *handle);
+    if (*status == SECURITY_OK && (mode != PSS_MODE || location != PSS_NEXT)) *status = PSS_BAD_ARGUMENT;
+    if (*status == SECURITY_OK) *status = cursor ? place(world().store.upper_bound(*cursor)) : SECURITY_PSS_NO_KEY;
+    return *status;
+}
+
+pss_descriptor* pss2_getkey(uint32_t handle, uint32_t* status) {
+    *status = begin("pss2_getkey", handle);
+    if (*status == SECURITY_OK && (!cursor || !world().store.contains(*cursor))) *status = SECURITY_PSS_NO_KEY;
+    if (*status != SECURITY_OK) return nullptr;
+    return hand_out(handed_out.key, handed_out.key_descriptor, *cursor);
+}
+
+pss_descriptor* pss2_getvalue(uint32_t handle, uint32_t* status) {
+    *status = begin("pss2_getvalue", handle);
+    if (*status == SECURITY_OK && (!cursor || !world().store.contains(*cursor))) *status = SECURITY_PSS_NO_KEY;
+    if (*status != SECURITY_OK) return nullptr;
+    return hand_out(handed_out.value, handed_out.value_descriptor, world().store[*cursor]);
+}
+
+const char* syserr2str(uint32_t status) {
+    static char text[32];
+    snprintf(text, sizeof text, "text of %x", status);
+    return text;
+}
+
+uint32_t security_cmi_timeout = 60;
+const char* security_cmi_username = nullptr;
+uint32_t security_cmi_session_id = 0;
+
+int32_t security_cmi(int32_t request_type, uint32_t operation, void* request, void** reply, uint32_t* length,
+                     uint32_t connection) {
+    World& w = world();
+    const std::string record(static_cast<const char*>(request), *length);
+    w.requests.push_back({request_type, operation, record, connection, security_cmi_timeout});
+    *length = 0;
+    if (w.reply.status < 0) {
+        errno = w.reply.error;
+        return w.reply.status;
+    }
+    if (w.reply.missing || reply == nullptr) return w.reply.status;
+    w.last_reply = w.reply.record.value_or(record);
+    *length = static_cast<uint32_t>(w.last_reply.size());
+    *reply = malloc(w.last_reply.size());
+    memcpy(*reply, w.last_reply.data(), w.last_reply.size());
+    return w.reply.status;
+}
+
+int32_t security_cmi2(int32_t request_type, uint32_t operation, void* request, void**, uint32_t* length,
+                      uint32_t connection) {
+    return security_cmi(request_type, operation, request, nullptr, length, connection);
+}
+
+uint32_t sdwrap_hist_event_subtype_check(uint32_t module, uint32_t subtype) {
+    return world().history && module == 0x730000 && subtype == 102 ? 0 : 1;
+}
+
+uint32_t sdwrap_hist_event(uint32_t, uint32_t length, const void* event) {
+    const std::string bytes(static_cast<const char*>(event), length);
+    world().events.push_back(bytes);
+    world().traces.push_back(bytes.substr(4, bytes.size() - 5));
+    return 0;
+}
+
+uint32_t sdwrap_chk_int(uint32_t subtype, uint32_t a, uint32_t b, uint32_t c) {
+    return world().debug && subtype == 102 && a == 0 && b == 0 && c == 1 ? 1 : 0;
+}
+
+const char* sdwrap_dbg_modname = "fake module";
+
+void buginf(uint32_t level, const char* module_name, uint32_t zero, const char* format, ...) {
+    char text[2048];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    world().printed.push_back(std::to_string(level) + " " + module_name + " " + std::to_string(zero) + " " + text);
+}
+
+int32_t sysmgrcmn_vdc_id_get() { return world().vdc; }
+
+uint32_t get_card_module_info(card_module_info* info) {
+    ++world().card_reads;
+    if (!world().card_type) return 0x41;
+    info->card_type = *world().card_type;
+    return 0;
+}
+
+const uint16_t* quill_telnet_card_types(uint32_t* count) {
+    *count = static_cast<uint32_t>(world().telnet_card_types.size());
+    return world().telnet_card_types.data();
+}
