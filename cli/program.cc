@@ -28,7 +28,7 @@ constexpr const char* kExitCodes =
     "  1 failed         4 exists already   7 daemon not reachable  10 timeout\n"
     "  2 wrong usage    5 not permitted    8 busy";
 
-void declare_global(CLI::App& app, std::string& timeout) {
+void declare_global(CLI::App& app, std::optional<std::string>& timeout) {
     app.set_help_flag("--help,-h", "say how it is used")->group(kGlobalOptions);
     app.set_version_flag("--version", "", "say the version")->group(kGlobalOptions);
     app.add_flag("--json")
@@ -51,7 +51,7 @@ void label_next_words(CLI::App& app, const char* words) {
     app.formatter(formatter);
 }
 
-void declare(CLI::App& noun_app, const Noun& noun, const Verb& verb, std::string& timeout) {
+void declare(CLI::App& noun_app, const Noun& noun, const Verb& verb, std::optional<std::string>& timeout) {
     CLI::App& app = *noun_app.add_subcommand(verb.name, verb.help)->group("Verbs");
     for (const Argument& argument : verb.arguments) {
         app.add_option(argument.name, argument.help)->required(argument.need == Argument::kRequired);
@@ -60,7 +60,7 @@ void declare(CLI::App& noun_app, const Noun& noun, const Verb& verb, std::string
     app.footer(noun.notes);
 }
 
-void declare(CLI::App& root, const Noun& noun, std::string& timeout) {
+void declare(CLI::App& root, const Noun& noun, std::optional<std::string>& timeout) {
     CLI::App& app = *root.add_subcommand(noun.name, noun.help)->group("Nouns");
     label_next_words(app, "VERB [ARGUMENT...]");
     for (const Verb& verb : noun.verbs) declare(app, noun, verb, timeout);
@@ -70,7 +70,7 @@ void declare(CLI::App& root, const Noun& noun, std::string& timeout) {
 
 // Global options are declared at each level, on one variable: CLI11 could hand them up by itself, but then
 // hands up surplus arguments as well. Exactly one subcommand a level lets a name equal a noun or a verb.
-void declare(CLI::App& root, std::string& timeout) {
+void declare(CLI::App& root, std::optional<std::string>& timeout) {
     label_next_words(root, "NOUN VERB [ARGUMENT...]");
     for (const Noun* noun : kNouns) declare(root, *noun, timeout);
     declare_global(root, timeout);
@@ -78,21 +78,23 @@ void declare(CLI::App& root, std::string& timeout) {
 }
 
 // What was recognised of the line: the program, a noun, a verb, as far as it goes.
-std::vector<const CLI::App*> recognised(const CLI::App& root) {
-    std::vector<const CLI::App*> levels{&root};
+using Levels = std::vector<const CLI::App*>;
+
+Levels recognised(const CLI::App& root) {
+    Levels levels{&root};
     while (!levels.back()->get_subcommands().empty()) {
         levels.push_back(levels.back()->get_subcommands().front());
     }
     return levels;
 }
 
-std::string path(const std::vector<const CLI::App*>& levels) {
+std::string path(const Levels& levels) {
     std::string names;
     for (const CLI::App* level : levels) names += (names.empty() ? "" : " ") + level->get_name();
     return names;
 }
 
-const Verb& verb_of(const std::vector<const CLI::App*>& levels) {
+const Verb& verb_of(const Levels& levels) {
     for (const Noun* noun : kNouns) {
         if (levels[1]->get_name() != noun->name) continue;
         for (const Verb& verb : noun->verbs) {
@@ -102,7 +104,7 @@ const Verb& verb_of(const std::vector<const CLI::App*>& levels) {
     throw std::logic_error("a verb was recognised that no table has");
 }
 
-std::string usage(const std::vector<const CLI::App*>& levels, const Verb& verb) {
+std::string usage(const Levels& levels, const Verb& verb) {
     std::string line = "usage: " + path(levels);
     for (const Argument& argument : verb.arguments) {
         const bool required = argument.need == Argument::kRequired;
@@ -116,14 +118,14 @@ Failure wrong_line(std::string object, std::string text, std::string remedy) {
 }
 
 // What stands before a complaint: nothing for the program itself, else the noun, or noun and verb.
-std::string where(const std::vector<const CLI::App*>& levels) {
+std::string where(const Levels& levels) {
     const std::string program = levels[0]->get_name();
     const std::string names = path(levels);
     return names == program ? "" : names.substr(program.size() + 1) + ": ";
 }
 
 // A word that should have been one of `known`, a noun, verb or option.
-Failure unknown_word(const char* kind, const std::vector<const CLI::App*>& levels, const std::string& word,
+Failure unknown_word(const char* kind, const Levels& levels, const std::string& word,
                      const std::vector<std::string>& known) {
     const std::string object = fmt::format("{} '{}'", kind, word);
     const std::string meant = nearest(word, known);
@@ -144,7 +146,7 @@ std::optional<std::string> misplaced(const CLI::App& level, bool options) {
 }
 
 // The line ends, or goes astray, where a noun or a verb should stand.
-Failure next_word_failure(const std::vector<const CLI::App*>& levels) {
+Failure next_word_failure(const Levels& levels) {
     const char* kind = levels.size() == 1 ? "noun" : "verb";
     std::vector<std::string> known;
     for (const CLI::App* app : levels.back()->get_subcommands(nullptr)) known.push_back(app->get_name());
@@ -152,20 +154,22 @@ Failure next_word_failure(const std::vector<const CLI::App*>& levels) {
     return wrong_line(kind, fmt::format("{}a {} is missing", where(levels), kind), "use " + either(known));
 }
 
-Failure argument_failure(const std::vector<const CLI::App*>& levels) {
+Failure argument_failure(const Levels& levels) {
     const Verb& verb = verb_of(levels);
     for (const Argument& argument : verb.arguments) {
         if (argument.need != Argument::kRequired || levels.back()->count(argument.name) > 0) continue;
         return wrong_line(fmt::format("argument '{}'", argument.name),
                           fmt::format("{}{} is missing", where(levels), argument.name), usage(levels, verb));
     }
-    const std::string object = fmt::format("argument '{}'", misplaced(*levels.back(), false).value_or(""));
-    return wrong_line(object, fmt::format("{}{} is not expected", where(levels), object),
-                      usage(levels, verb) + "; quote what contains blanks");
+    const auto surplus = misplaced(*levels.back(), false);
+    const std::string object = surplus ? fmt::format("argument '{}'", *surplus) : "line";
+    return wrong_line(
+        object, fmt::format("{}{} {}", where(levels), object, surplus ? "is not expected" : "is not valid"),
+        usage(levels, verb) + "; quote what contains blanks");
 }
 
 // An option has no value, or one too many. Which option it is, only the exception tells.
-Failure option_value_failure(const std::vector<const CLI::App*>& levels, const std::string& complaint) {
+Failure option_value_failure(const Levels& levels, const std::string& complaint) {
     const size_t start = complaint.find_first_not_of('-');
     const std::string name = "--" + complaint.substr(start, complaint.find_first_of(": ", start) - start);
     const CLI::Option* option = levels.back()->get_option_no_throw(name);
@@ -181,8 +185,7 @@ Failure usage_failure(const CLI::App& root, const CLI::ParseError& error) {
     const auto levels = recognised(root);
     if (dynamic_cast<const CLI::ArgumentMismatch*>(&error)) return option_value_failure(levels, error.what());
     for (size_t depth = 1; depth <= levels.size(); ++depth) {
-        const std::vector<const CLI::App*> upper(levels.begin(),
-                                                 levels.begin() + static_cast<ptrdiff_t>(depth));
+        const Levels upper(levels.begin(), levels.begin() + static_cast<ptrdiff_t>(depth));
         const auto option = misplaced(*upper.back(), true);
         if (!option) continue;
         std::vector<std::string> known;
@@ -194,12 +197,12 @@ Failure usage_failure(const CLI::App& root, const CLI::ParseError& error) {
     return levels.size() < 3 ? next_word_failure(levels) : argument_failure(levels);
 }
 
-void set_timeout(const std::string& text) {
-    if (text.empty()) return;
-    const auto seconds = number(text, 1, kLongestTimeout);
+void set_timeout(const std::optional<std::string>& text) {
+    if (!text) return;
+    const auto seconds = number(*text, 1, kLongestTimeout);
     if (!seconds) {
         throw wrong_line("option '--timeout'",
-                         fmt::format("option '--timeout': value '{}' is not valid", text),
+                         fmt::format("option '--timeout': value '{}' is not valid", *text),
                          fmt::format("use 1 to {} (seconds)", kLongestTimeout));
     }
     security_cmi_timeout = *seconds;
@@ -233,7 +236,7 @@ std::string help(const CLI::App& root) {
 std::string answer(std::span<const char* const> words, Form form) {
     refuse_terminator(words);
     CLI::App root("shows and changes the security configuration of this system.", "quillsec");
-    std::string timeout;
+    std::optional<std::string> timeout;
     declare(root, timeout);
     std::vector<std::string> backwards(words.rbegin(), words.rend());  // as CLI11 wants them
     try {
