@@ -29,12 +29,10 @@ constexpr const char* kExitCodes =
     "  2 wrong usage    5 not permitted    8 busy";
 
 void declare_global(CLI::App& app, std::optional<std::string>& timeout) {
-    app.set_help_flag("--help,-h", "say how it is used")->group(kGlobalOptions);
-    app.set_version_flag("--version", "", "say the version")->group(kGlobalOptions);
-    app.add_flag("--json")
-        ->description("answer with one JSON document, errors too")
-        ->disable_flag_override()
-        ->group(kGlobalOptions);
+    CLI::Option* help = app.set_help_flag("--help,-h", "say how it is used");
+    CLI::Option* version = app.set_version_flag("--version", "", "say the version");
+    CLI::Option* json = app.add_flag("--json")->description("answer with one JSON document, errors too");
+    for (CLI::Option* flag : {help, version, json}) flag->disable_flag_override()->group(kGlobalOptions);
     app.add_option("--timeout", timeout,
                    "wait this long for each answer, 60 if not given;\n"
                    "the keys and fips wait 180 and ploty 15 in any case")
@@ -161,11 +159,9 @@ Failure argument_failure(const Levels& levels) {
         return wrong_line(fmt::format("argument '{}'", argument.name),
                           fmt::format("{}{} is missing", where(levels), argument.name), usage(levels, verb));
     }
-    const auto surplus = misplaced(*levels.back(), false);
-    const std::string object = surplus ? fmt::format("argument '{}'", *surplus) : "line";
-    return wrong_line(
-        object, fmt::format("{}{} {}", where(levels), object, surplus ? "is not expected" : "is not valid"),
-        usage(levels, verb) + "; quote what contains blanks");
+    const std::string object = fmt::format("argument '{}'", misplaced(*levels.back(), false).value_or(""));
+    return wrong_line(object, fmt::format("{}{} is not expected", where(levels), object),
+                      usage(levels, verb) + "; quote what contains blanks");
 }
 
 // An option has no value, or one too many. Which option it is, only the exception tells.

@@ -1,0 +1,142 @@
+#include "tests/support/daemon.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/pidfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+
+#include "tests/support/process.h"
+
+namespace {
+
+constexpr int kPatience = 10000;  // milliseconds
+
+socklen_t make_address(const std::string& path, sockaddr_un& address) {
+    address = {};
+    address.sun_family = AF_UNIX;
+    memcpy(address.sun_path, path.data(), path.size());
+    if (path[0] == '@') address.sun_path[0] = '\0';
+    return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
+}
+
+[[noreturn]] void execute(const std::vector<std::string>& arguments) {
+    std::vector<char*> words{const_cast<char*>("quillsecurityd")};
+    for (const auto& argument : arguments) words.push_back(const_cast<char*>(argument.c_str()));
+    words.push_back(nullptr);
+    execv(QUILLSECURITYD, words.data());
+    _exit(127);
+}
+
+// A file without a name that collects what a child prints.
+int new_log() { return memfd_create("log", MFD_CLOEXEC); }
+
+std::string contents(int log) {
+    std::string text(static_cast<size_t>(lseek(log, 0, SEEK_END)), '\0');
+    const ssize_t got = pread(log, text.data(), text.size(), 0);
+    return text.substr(0, got < 0 ? 0 : static_cast<size_t>(got));
+}
+
+bool wait_until_ready(int notices, pid_t daemon) {
+    const int ended = pidfd_open(daemon, 0);
+    pollfd events[] = {{notices, POLLIN, 0}, {ended, POLLIN, 0}};
+    poll(events, 2, kPatience);
+    close(ended);
+    char notice[64] = {};
+    return (events[0].revents & POLLIN) != 0 && recv(notices, notice, sizeof notice - 1, 0) > 0 &&
+           strcmp(notice, "READY=1") == 0;
+}
+
+}  // namespace
+
+int bound_socket(int type, const std::string& path) {
+    sockaddr_un address;
+    const socklen_t size = make_address(path, address);
+    const int made = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+    if (bind(made, reinterpret_cast<sockaddr*>(&address), size) != 0) ADD_FAILURE() << path << ": " << strerror(errno);
+    return made;
+}
+
+Daemon::Daemon(const std::vector<std::string>& arguments) : log_(new_log()) {
+    static int count = 0;
+    const std::string manager = "@quill-test-" + std::to_string(getpid()) + "-" + std::to_string(++count);
+    const int notices = bound_socket(SOCK_DGRAM, manager);
+    pid_ = start_child([&] {
+        setenv("NOTIFY_SOCKET", manager.c_str(), 1);
+        dup2(log_, STDERR_FILENO);
+        std::vector<std::string> all{"--foreground"};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        execute(all);
+    });
+    ready_ = wait_until_ready(notices, pid_);
+    close(notices);
+}
+
+std::string Daemon::log() const { return contents(log_); }
+
+int Daemon::end(int signal) {
+    if (pid_ < 0) return -1;
+    kill(pid_, signal);
+    const int status = wait_for(pid_);
+    pid_ = -1;
+    return status;
+}
+
+int run_daemon_command(const std::vector<std::string>& arguments, std::string& printed) {
+    const int log = new_log();
+    const int status = in_child([&] {
+        dup2(log, STDOUT_FILENO);
+        dup2(log, STDERR_FILENO);
+        execute(arguments);
+    });
+    printed = contents(log);
+    close(log);
+    return status;
+}
+
+RawClient::RawClient() : socket_(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
+    sockaddr_un address;
+    const socklen_t size = make_address(getenv("QUILL_RUNTIME_DIR") + std::string("/quillsecurityd.sock"), address);
+    const timeval patience{kPatience / 1000, 0};
+    setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    if (connect(socket_, reinterpret_cast<sockaddr*>(&address), size) != 0) ADD_FAILURE() << strerror(errno);
+}
+
+RawClient::~RawClient() {
+    if (socket_ >= 0) close(socket_);
+}
+
+bool RawClient::send(const std::string& frame, int flags) {
+    return ::send(socket_, frame.data(), frame.size(), flags | MSG_NOSIGNAL) >= 0;
+}
+
+std::string RawClient::receive() {
+    std::string message(65536, '\0');
+    const ssize_t got = recv(socket_, message.data(), message.size(), 0);
+    message.resize(got < 0 ? 0 : static_cast<size_t>(got));
+    return message;
+}
+
+std::string word(uint32_t number) {
+    std::string bytes;
+    for (int shift = 24; shift >= 0; shift -= 8) bytes += static_cast<char>(number >> shift & 0xff);
+    return bytes;
+}
+
+std::string request_frame(uint32_t type, uint32_t operation, const std::string& record, uint32_t session,
+                          const std::string& user) {
+    std::string name = user;
+    name.resize(128);
+    return "QSEC" + word(1) + word(type) + word(operation) + word(session) +
+           word(static_cast<uint32_t>(record.size())) + name + record;
+}
+
+std::string reply_frame(uint32_t status, const std::string& record) {
+    return "QSEC" + word(1) + word(status) + word(static_cast<uint32_t>(record.size())) + record;
+}

@@ -1,0 +1,40 @@
+#include "tests/support/process.h"
+
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+pid_t start_child(const std::function<void()>& body) {
+    fflush(nullptr);
+    const pid_t child = fork();
+    if (child != 0) return child;
+    body();
+    fflush(nullptr);
+    _exit(testing::Test::HasFailure() ? 1 : 0);
+}
+
+int wait_for(pid_t child) {
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) continue;
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+int in_child(const std::function<void()>& body) { return wait_for(start_child(body)); }
+
+void become_nobody(gid_t group, const std::vector<gid_t>& groups) {
+    constexpr uid_t kNobody = 65534;
+    if (setgroups(groups.size(), groups.data()) != 0 || setresgid(group, group, group) != 0 ||
+        setresuid(kNobody, kNobody, kNobody) != 0)
+        _exit(99);
+}
+
+double seconds_now() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+void sleep_for(double seconds) { std::this_thread::sleep_for(std::chrono::duration<double>(seconds)); }
