@@ -14,6 +14,7 @@ if(QUILL_SYSROOT)
     add_link_options(-Wl,-rpath-link,${QUILL_SYSROOT}/usr/lib/i386-linux-gnu)
 endif()
 
+pkg_check_modules(libcrypto REQUIRED IMPORTED_TARGET libcrypto)
 pkg_check_modules(sqlite3 REQUIRED IMPORTED_TARGET sqlite3)
 pkg_check_modules(inih REQUIRED IMPORTED_TARGET inih)
 pkg_check_modules(libevent REQUIRED IMPORTED_TARGET libevent_core)

@@ -93,6 +93,156 @@ uint32_t security_conf_default_check(uint32_t handle);
 /* The same for the debug configuration, which has no defaults. Answers 0. */
 uint32_t security_debug_conf_default_check(void);
 
+/* ----------------------------------------------------------------------------------- secrets: encodings */
+
+/* Encoders turn a NUL-terminated text into a new block and its length, decoders a block of input_length bytes.
+ * The block is the caller's, to wipe and to free(3); it is null where the status is not 0. Answer 0; 1 when
+ * memory ran out or a key cannot be used; SECURITY_ERR_CRYPT when hashing or verifying failed. */
+typedef uint32_t (*encryption_func)(const char *text, const char *key, uint32_t key_length, char **output,
+                                    uint32_t *output_length);
+typedef uint32_t (*decryption_func)(const char *input, uint32_t input_length, const char *key, uint32_t key_length,
+                                    char **output, uint32_t *output_length);
+typedef struct encryption_func_entry {
+    uint32_t type; /* enum security_encryption */
+    encryption_func function;
+} encryption_func_entry;
+typedef struct decryption_func_entry {
+    uint32_t type;
+    decryption_func function;
+} decryption_func_entry;
+extern const encryption_func_entry encryption_func_table[];
+extern const int32_t encryption_func_table_size;
+extern const decryption_func_entry decryption_func_table[];
+extern const int32_t decryption_func_table_size;
+
+/* Encodes and decodes by type. SECURITY_ERR_NO_CIPHER, with no output, for a type that no table has. */
+uint32_t security_conf_encrypt(const char *text, uint32_t type, const char *key, uint32_t key_length, char **output,
+                               uint32_t *output_length);
+uint32_t security_conf_decrypt(const char *input, uint32_t input_length, uint32_t type, const char *key,
+                               uint32_t key_length, char **output, uint32_t *output_length);
+
+/* Type 0. The encoder's length counts the terminator; the decoder copies exactly its input. Keys are ignored. */
+uint32_t no_encrypt_func(const char *text, const char *key, uint32_t key_length, char **output,
+                         uint32_t *output_length);
+uint32_t no_decrypt_func(const char *input, uint32_t input_length, const char *key, uint32_t key_length,
+                         char **output, uint32_t *output_length);
+
+/* Type 7: each letter moves along the alphabet by a letter of the key, its case kept; everything else stays,
+ * but uses up its letter of the key. The length counts the terminator, and input_length is not used: the text
+ * ends at its terminator. key_length 0 stands for the built-in key; any other counts one byte more than the key
+ * has letters, and 1, which leaves no letter, is refused, as is a null key.
+ * What is a letter is for the current locale (isalpha(3)) to say. In the C locale and in UTF-8 ones decoding
+ * gives back any text; in one with further single-byte letters, such as Latin-1, those do not come back. */
+uint32_t vigenere_encrypt_func(const char *text, const char *key, uint32_t key_length, char **output,
+                               uint32_t *output_length);
+uint32_t vigenere_decrypt_func(const char *input, uint32_t input_length, const char *key, uint32_t key_length,
+                               char **output, uint32_t *output_length);
+
+/* Type 1, see below. The encoder's block holds the whole digest and its terminator; its length counts the hash
+ * string alone, which is what to store. The decoder verifies: the stored string is its input, the candidate its
+ * key, and the output a copy of the candidate. */
+uint32_t security_md5_encrypt_func(const char *text, const char *key, uint32_t key_length, char **output,
+                                   uint32_t *output_length);
+uint32_t security_verify_md5_hash_func(const char *stored, uint32_t stored_length, const char *candidate,
+                                       uint32_t candidate_length, char **output, uint32_t *output_length);
+
+/* ------------------------------------------------------------------------------- secrets: salted hashes */
+
+/* A hash string is "$TYPE$SALT$DIGEST": type 1 is MD5 and 3 SHA-1, the salt 1 to 8 hexadecimal digits, and the
+ * digest, over secret, salt and secret again, as many of its hexadecimal digits as it has bytes (16, 20). */
+
+/* A number as text: hexadecimal for the radix character 'x', else decimal. output holds 11 bytes. */
+void security_ltoa(char *output, char radix, uint32_t value);
+
+/* A random salt. *length asks for a length and receives the one given: whatever was asked for, 1 to 8; more than
+ * 64 is SECURITY_ERR_CRYPT. output holds 9 bytes. Seeds srandom(3). The two are the same. */
+uint32_t security_gen_salt(char *output, int32_t *length);
+uint32_t security_gen_fix_len_salt(char *output, int32_t *length);
+
+/* The digest over secret, salt and secret as hexadecimal text, by OpenSSL's name for it (EVP_get_digestbyname(3));
+ * SECURITY_ERR_NO_CIPHER where it has none of that name. All 1024 bytes of output are written, zero behind the
+ * text. *output_length is the digest's length in bytes, which is half of the text's. */
+uint32_t security_calculate_hash(const char *secret, uint32_t secret_length, const char *salt, uint32_t salt_length,
+                                 char *output, uint32_t *output_length, const char *digest_name);
+
+/* A new hash string of type 1. output holds 1036 bytes; *output_length is the length of the string, behind which
+ * the other half of the digest and zeros stand. */
+uint32_t security_calculate_md5_shadowed_hash(const char *secret, uint32_t secret_length, char *output,
+                                              uint32_t *output_length);
+
+/* Writes the name of a digest type ("none", "md5", "sha1" for 0, 1, 3) into name, which holds 8 bytes, and answers
+ * it; null, with an empty name, for any other. */
+char *security_get_digest_name_from_encryption_type(char *name, int32_t digest_type);
+
+/* 0 when the secret has the expected digest text, compared in constant time; SECURITY_ERR_CRYPT when not, or when
+ * expected_length is not the digest's length in bytes. */
+uint32_t security_verify_hash(const char *secret, uint32_t secret_length, const char *salt, uint32_t salt_length,
+                              const char *expected, uint32_t expected_length, const char *digest_name);
+
+/* 0 when the secret is the one of the hash string, a NUL-terminated text whose length stored_length gives.
+ * SECURITY_ERR_CRYPT when not, for a null text and for one that is no hash string; SECURITY_ERR_NO_CIPHER for type
+ * 0. Nothing is read past the text, whatever stored_length says. */
+uint32_t security_verify_shadowed_hash(const char *secret, uint32_t secret_length, const char *stored,
+                                       uint32_t stored_length);
+
+/* ----------------------------------------------------------------------------------------- user records */
+
+/* Handler of the user record; users with user_type 1 are kept apart from all others.
+ *   GET_REQ      fills the record; SECURITY_ERR_NOT_FOUND
+ *   GETNEXT_REQ  fills it with the user that follows; SECURITY_ERR_END_OF_TABLE
+ *   SET_REQ      stores it, a clear password (encryption_type 0) as cipher text
+ *   DEL_REQ      deletes it; SECURITY_PSS_NO_KEY
+ * Any other operation does nothing and answers 0. What is read comes back in clear, with encryption_type 0.
+ * SECURITY_ERR_CRYPT when encoding failed, with the record untouched, or decoding, with user_type left big-endian
+ * (a stored hash does not decode). A name without a terminator is refused with SECURITY_ERR_REQUEST_TEXT, a
+ * password without one that is to be encoded with SECURITY_ERR_CRYPT. */
+uint32_t security_user_config(uint32_t handle, uint32_t operation, security_user *record);
+
+/* ------------------------------------------------------------------------------------- privilege levels */
+
+/* Handler of a privilege level's record.
+ *   GET_REQ      fills the record; SECURITY_ERR_NO_PRIV_LVL
+ *   GETNEXT_REQ  fills it with the level that follows; SECURITY_ERR_NO_MORE_PRIV_LVLS
+ *   SET_REQ      stores it, a secret of SECURITY_ENCRYPTION_TO_HASH as hash string: its bytes go over the start of
+ *                the field without a terminator, and what stood behind them stays. Clear the field behind a longer
+ *                secret first, or its tail is stored. SECURITY_ERR_CRYPT when hashing failed or the secret has no
+ *                terminator.
+ *   DEL_REQ      deletes it; SECURITY_PSS_NO_KEY
+ * Any other operation does nothing and answers 0. The record's words are in host order before and after. */
+uint32_t security_priv_info_config(uint32_t handle, uint32_t operation, security_priv_info *record);
+
+/* Asks the daemon for the same; the record changes only with status 0. Undeliverable requests as for
+ * cmi_enable_info_config. */
+uint32_t cmi_security_priv_info_config(uint32_t connection, uint32_t operation, security_priv_info *record);
+
+/* The same for levels 1 to 15 in turn, each starting from what the last reply left in the record, up to the first
+ * status that is not 0. */
+uint32_t cmi_security_priv_info_config_all(uint32_t connection, uint32_t operation, security_priv_info *record);
+
+/* The same with an empty record, going on where a level has none (SECURITY_PSS_NO_KEY). */
+uint32_t cmi_security_priv_info_cleanup(uint32_t connection, uint32_t operation);
+
+/* Removes the secrets of all levels. */
+uint32_t cmi_security_vsh_callback_priv_info_cleanup(uint32_t connection);
+
+/* Sets *matched to 1 when the candidate is the secret of the level, else to 0. Answers 0 when it is, the status of
+ * security_verify_shadowed_hash when it is not, SECURITY_ERR_NO_PRIV_LVL when the level has none, or the status of
+ * the request. */
+uint32_t security_verify_priv_level_secret(uint32_t connection, const char *candidate, uint32_t candidate_length,
+                                           int32_t level, uint32_t *matched);
+
+/* Writes the name of the role that goes with a privilege level into buffer, which holds 1024 bytes and is zero
+ * behind it, and answers the buffer: "priv-0" to "priv-14"; for 15 "network-admin" in the default virtual device
+ * context and "vdc-admin" in others; nothing for any other level. */
+char *security_map_priv_lvl_to_roles(int32_t level, char *buffer);
+
+/* Privilege levels are always enabled: 1. */
+uint32_t vsh_is_privilege_enabled(void);
+uint32_t vsh_is_priv_enable(void);
+
+/* Expired users are never let in: 0. */
+uint32_t is_expired_user_allowed(void);
+
 /* ------------------------------------------------------------------------------- storage for loaders */
 
 /* Kept for the programs that load the library, which alone read and write it. All zero at load. */

@@ -38,11 +38,19 @@ enum security_request_type {
     SECURITY_NGINX_CERT_REQUEST = 283650    /* nginx_cert_rec, one-way */
 };
 
+/* How a secret is encoded. */
+enum security_encryption {
+    SECURITY_ENCRYPTION_CLEAR = 0,    /* as it is */
+    SECURITY_ENCRYPTION_HASH = 1,     /* salted hash string; one-way */
+    SECURITY_ENCRYPTION_CIPHER = 7,   /* reversible cipher */
+    SECURITY_ENCRYPTION_TO_HASH = 100 /* clear text that the handler of a privilege level hashes */
+};
+
 /* The password of a user and how it is encoded. */
 typedef struct security_user {
     char user_name[128];
     uint32_t user_type;       /* 1 selects the second user table, any other value the first */
-    uint32_t encryption_type; /* 0 clear text, 7 reversible cipher, 1 salted hash string */
+    uint32_t encryption_type; /* enum security_encryption */
     char password[128];
 } security_user;
 static_assert(sizeof(security_user) == 264, "layout");
@@ -59,7 +67,7 @@ static_assert(sizeof(security_enable_info) == 8, "layout");
 /* The secret of a privilege level. */
 typedef struct security_priv_info {
     int32_t priv_lvl;        /* the key; never stored in the value */
-    int32_t encryption_type; /* as in security_user; 100 is clear text to be hashed before it is stored */
+    int32_t encryption_type; /* enum security_encryption */
     char secret[1024];
     int32_t secret_len;      /* meaningful bytes of secret */
     uint32_t shadow_style;   /* nonzero: secret holds a salted hash string */

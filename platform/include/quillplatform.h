@@ -8,6 +8,7 @@
 #define QUILLPLATFORM_H
 
 #include "quillplatform/pss.h"
+#include "quillplatform/random.h"
 #include "quillplatform/shell.h"
 #include "quillplatform/sysmgr.h"
 #include "quillplatform/trace.h"

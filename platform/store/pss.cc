@@ -93,7 +93,11 @@ std::string state_directory() {
 
 // A folder that others can enter is refused rather than closed: the caller may have named the wrong one.
 uint32_t check_directory(const std::string& path, bool create) {
-    if (create && mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return status_of_errno(errno);
+    if (create) {
+        // Made without regard to the mask, which may take the owner's own bits.
+        const bool made = mkdir(path.c_str(), 0700) == 0;
+        if (made ? chmod(path.c_str(), 0700) != 0 : errno != EEXIST) return status_of_errno(errno);
+    }
     struct stat facts;
     if (stat(path.c_str(), &facts) != 0) return errno == ENOENT ? PSS_NO_STORE : status_of_errno(errno);
     if (!S_ISDIR(facts.st_mode)) return PSS_MISSING;

@@ -169,7 +169,7 @@ uint32_t SqliteEngine::report(int result) {
 }
 
 uint32_t SqliteEngine::open() {
-    constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
+    constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
     int result = sqlite3_open_v2(path_.c_str(), &connection_.database, kFlags, blanking_vfs());
     sqlite3* database = connection_.database;
     if (result == SQLITE_OK) result = sqlite3_exec(database, kSettings, nullptr, nullptr, nullptr);
@@ -304,8 +304,10 @@ uint32_t sync_folder_of(const std::string& path) {
 uint32_t make_private_file(const std::string& path) {
     const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (descriptor < 0) return status_of_errno(errno);
+    const int result = fchmod(descriptor, 0600);  // the mask may have taken the owner's own bits
+    const uint32_t status = status_of_errno(result == 0 ? 0 : errno);
     close(descriptor);
-    return PSS_OK;
+    return status;
 }
 
 uint32_t fill_new_file(const std::string& path) {
@@ -353,11 +355,12 @@ Finding examine_file(const std::string& path) {
     if (descriptor < 0) return {status_of_errno(errno), "cannot be opened"};
     unsigned char header[100] = {};
     const ssize_t got = pread(descriptor, header, sizeof header, 0);
+    const bool ours = got == sizeof header && has_our_header(header);
     // A file restored from elsewhere: its folder kept others out, now it does so itself.
-    const bool private_now = (facts.st_mode & 077) == 0 || fchmod(descriptor, 0600) == 0;
+    const bool private_now = !ours || (facts.st_mode & 077) == 0 || fchmod(descriptor, 0600) == 0;
     close(descriptor);
     if (got < 0) return {PSS_IO, "cannot be read"};
-    if (!has_our_header(header)) return {PSS_NOT_A_STORE, "its header is not that of a store"};
+    if (!ours) return {PSS_NOT_A_STORE, "its header is not that of a store"};
     return {private_now ? PSS_OK : PSS_UNSAFE, "cannot be closed to others"};
 }
 

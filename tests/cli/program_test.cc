@@ -24,7 +24,7 @@ struct Daemon {
     int requests = 0;
     uint32_t timeout = 0;  // in force at the last request
 };
-Daemon daemon_;
+Daemon the_daemon;
 
 struct Result {
     int exit;
@@ -43,23 +43,23 @@ Result quillsec(const std::vector<const char*>& words) {
 class Program : public testing::Test {
  protected:
     void SetUp() override {
-        daemon_ = Daemon();
+        the_daemon = Daemon();
         security_cmi_timeout = 60;
     }
 };
 }  // namespace
 
 uint32_t cmi_enable_info_config(uint32_t, uint32_t operation, int32_t code, uint32_t* value) {
-    ++daemon_.requests;
-    daemon_.timeout = security_cmi_timeout;
-    errno = daemon_.error;
-    if (daemon_.answer != SECURITY_OK) return daemon_.answer;
+    ++the_daemon.requests;
+    the_daemon.timeout = security_cmi_timeout;
+    errno = the_daemon.error;
+    if (the_daemon.answer != SECURITY_OK) return the_daemon.answer;
     if (operation == SET_REQ) {
-        daemon_.values[code] = *value;
-    } else if (!daemon_.values.count(code)) {
+        the_daemon.values[code] = *value;
+    } else if (!the_daemon.values.count(code)) {
         return SECURITY_ERR_NO_VALUE;
     } else {
-        *value = daemon_.values[code];
+        *value = the_daemon.values[code];
     }
     return SECURITY_OK;
 }
@@ -87,10 +87,10 @@ TEST_F(Program, SetsWhatTheWordsMean) {
         {"ploty https port", "65535", SECURITY_SERVICE_PLOTY_HTTPS_PORT, 65535},
     };
     for (const auto& c : cases) {
-        daemon_ = Daemon();
+        the_daemon = Daemon();
         EXPECT_EQ(0, quillsec({"service", "set", c.name, c.value}).exit) << c.name;
         const std::map<int32_t, uint32_t> want = {{c.code, c.want}};
-        EXPECT_EQ(want, daemon_.values) << c.name << ' ' << c.value;
+        EXPECT_EQ(want, the_daemon.values) << c.name << ' ' << c.value;
     }
 }
 
@@ -169,7 +169,7 @@ TEST_F(Program, RefusesBeforeAsking) {
         EXPECT_EQ("quillsec: " + std::string(c.line) + "\n", result.err);
         EXPECT_EQ("", result.out) << c.line;
     }
-    EXPECT_EQ(0, daemon_.requests);
+    EXPECT_EQ(0, the_daemon.requests);
 }
 
 TEST_F(Program, MapsWhatTheDaemonAnswers) {
@@ -197,8 +197,8 @@ TEST_F(Program, MapsWhatTheDaemonAnswers) {
         {SECURITY_ERR_TRANSPORT | uint32_t{EPROTO}, ENOENT, 1, "EPROTO", "0x804a0047"},
     };
     for (const auto& c : cases) {
-        daemon_.answer = c.answer;
-        daemon_.error = c.error;
+        the_daemon.answer = c.answer;
+        the_daemon.error = c.error;
         const Result result = quillsec({"service", "set", "ssh", "on", "--json"});
         EXPECT_EQ(c.exit, result.exit) << c.hex;
         const auto error = nlohmann::json::parse(result.out).at("error");
@@ -211,23 +211,23 @@ TEST_F(Program, MapsWhatTheDaemonAnswers) {
 }
 
 TEST_F(Program, SaysWhatWasRefused) {
-    daemon_.answer = SECURITY_ERR_NOT_PERMITTED;
+    the_daemon.answer = SECURITY_ERR_NOT_PERMITTED;
     const std::string remedy = " it; run as root or as a member of the administrators' group\n";
     EXPECT_EQ("quillsec: service 'ssh': you are not permitted to change" + remedy,
               quillsec({"service", "set", "ssh", "on"}).err);
     EXPECT_EQ("quillsec: service 'ssh': you are not permitted to read" + remedy,
               quillsec({"service", "show"}).err);
-    EXPECT_EQ(2, daemon_.requests) << "the first refusal ends the command";
-    daemon_.answer = 0xffffffff;
-    daemon_.error = ENOENT;
+    EXPECT_EQ(2, the_daemon.requests) << "the first refusal ends the command";
+    the_daemon.answer = 0xffffffff;
+    the_daemon.error = ENOENT;
     EXPECT_EQ("quillsec: the daemon is not running (no socket); start quillsecurityd\n",
               quillsec({"service", "show"}).err);
 }
 
 TEST_F(Program, ShowsEveryKindOfValue) {
-    daemon_.values = {{SECURITY_SERVICE_SSH, 1},     {SECURITY_SERVICE_TELNET, 0},
-                      {SECURITY_SERVICE_SCP, 7},     {SECURITY_SERVICE_RSA_KEY, 2048},
-                      {SECURITY_SERVICE_DSA_KEY, 1}, {SECURITY_SERVICE_PASSWORD_STRENGTH, 1}};
+    the_daemon.values = {{SECURITY_SERVICE_SSH, 1},     {SECURITY_SERVICE_TELNET, 0},
+                         {SECURITY_SERVICE_SCP, 7},     {SECURITY_SERVICE_RSA_KEY, 2048},
+                         {SECURITY_SERVICE_DSA_KEY, 1}, {SECURITY_SERVICE_PASSWORD_STRENGTH, 1}};
     EXPECT_EQ(
         "NAME               VALUE\n"
         "ssh                on\n"
@@ -252,7 +252,7 @@ TEST_F(Program, ShowsEveryKindOfValue) {
 }
 
 TEST_F(Program, MarksWhatDiffersFromTheFactory) {
-    daemon_.values = {
+    the_daemon.values = {
         {SECURITY_SERVICE_SSH, 1}, {SECURITY_SERVICE_TELNET, 1}, {SECURITY_SERVICE_RSA_KEY, 2048}};
     const auto rows = nlohmann::json::parse(quillsec({"service", "defaults", "--json"}).out).at("defaults");
     const auto row = [&](size_t i) { return rows.at(i).dump(); };
@@ -268,16 +268,17 @@ TEST_F(Program, TakesGlobalOptionsAnywhere) {
         {"--json", "--timeout", "7", "service", "show", "ssh"},
         {"service", "--json", "--timeout=7", "show", "ssh"},
         {"service", "show", "--timeout", "7", "ssh", "--json"},
-        {"--timeout", "1", "service", "show", "ssh", "--json", "--timeout", "7"},
+        {"--timeout", "1", "service", "show", "ssh", "--json", "--timeout", "2", "--timeout", "7"},
     };
     for (const auto& line : lines) {
         SetUp();
         const Result result = quillsec(line);
         EXPECT_EQ("{\"services\":[\n  {\"name\":\"ssh\",\"value\":null}\n]}\n", result.out);
-        EXPECT_EQ(7u, daemon_.timeout);
+        EXPECT_EQ(7u, the_daemon.timeout);
     }
     EXPECT_EQ("{\"version\":\"1.0.0\"}\n", quillsec({"service", "show", "--version", "--json"}).out);
-    EXPECT_EQ(3, quillsec({"service", "show", "--", "--json"}).exit) << "a name, not an option";
+    EXPECT_EQ("quillsec: service '--json' does not exist; 'quillsec service show' lists all\n",
+              quillsec({"service", "show", "--", "--json"}).err);
 }
 
 // With --json whatever is wrong comes as a document, bytes that are no text included.

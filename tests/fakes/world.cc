@@ -156,18 +156,20 @@ int32_t security_cmi(int32_t request_type, uint32_t operation, void* request, vo
                      uint32_t connection) {
     World& w = world();
     const std::string record(static_cast<const char*>(request), *length);
+    const auto scripted = w.replies.find(w.requests.size());
+    const Reply& answer = scripted == w.replies.end() ? w.reply : scripted->second;
     w.requests.push_back({request_type, operation, record, connection, security_cmi_timeout});
     *length = 0;
-    if (w.reply.status < 0) {
-        errno = w.reply.error;
-        return w.reply.status;
+    if (answer.status < 0) {
+        errno = answer.error;
+        return answer.status;
     }
-    if (w.reply.missing || reply == nullptr) return w.reply.status;
-    w.last_reply = w.reply.record.value_or(record);
+    if (answer.missing || reply == nullptr) return answer.status;
+    w.last_reply = answer.record.value_or(record);
     *length = static_cast<uint32_t>(w.last_reply.size());
     *reply = malloc(w.last_reply.size());
     memcpy(*reply, w.last_reply.data(), w.last_reply.size());
-    return w.reply.status;
+    return answer.status;
 }
 
 int32_t security_cmi2(int32_t request_type, uint32_t operation, void* request, void**, uint32_t* length,
@@ -200,6 +202,8 @@ void buginf(uint32_t level, const char* module_name, uint32_t zero, const char* 
     va_end(arguments);
     world().printed.push_back(std::to_string(level) + " " + module_name + " " + std::to_string(zero) + " " + text);
 }
+
+uint32_t TRAL_random() { return world().random; }
 
 int32_t sysmgrcmn_vdc_id_get() { return world().vdc; }
 

@@ -40,12 +40,14 @@ struct World {
 
     std::vector<Sent> requests;
     Reply reply;
+    std::map<size_t, Reply> replies;   // those to requests of these numbers, counted from 0
     std::string last_reply;            // bytes of the block handed out
 
     std::optional<uint16_t> card_type;
     std::vector<uint16_t> telnet_card_types;
     int card_reads = 0;
     int32_t vdc = 1;
+    uint32_t random = 0x1f;  // every number drawn
 };
 
 World& world();

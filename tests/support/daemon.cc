@@ -1,13 +1,15 @@
 #include "tests/support/daemon.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/pidfd.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -68,6 +70,7 @@ Daemon::Daemon(const std::vector<std::string>& arguments) : log_(new_log()) {
     const std::string manager = "@quill-test-" + std::to_string(getpid()) + "-" + std::to_string(++count);
     const int notices = bound_socket(SOCK_DGRAM, manager);
     pid_ = start_child([&] {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
         setenv("NOTIFY_SOCKET", manager.c_str(), 1);
         dup2(log_, STDERR_FILENO);
         std::vector<std::string> all{"--foreground"};
@@ -76,6 +79,11 @@ Daemon::Daemon(const std::vector<std::string>& arguments) : log_(new_log()) {
     });
     ready_ = wait_until_ready(notices, pid_);
     close(notices);
+}
+
+Daemon::~Daemon() {
+    end(SIGKILL);
+    close(log_);
 }
 
 std::string Daemon::log() const { return contents(log_); }

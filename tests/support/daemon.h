@@ -11,7 +11,7 @@
 class Daemon {
  public:
     explicit Daemon(const std::vector<std::string>& arguments = {});
-    ~Daemon() { end(9); }
+    ~Daemon();
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
 

@@ -14,6 +14,8 @@ inline std::string bytes_of(const pss_descriptor* run) {
     return run == nullptr ? "(null)" : std::string(static_cast<const char*>(run->bytes), run->length);
 }
 
+inline std::string numbered(std::string text, unsigned number) { return text += std::to_string(number); }
+
 inline uint32_t put(uint32_t handle, const std::string& key, const std::string& value) {
     const pss_descriptor key_run = describe(key), value_run = describe(value);
     return pss2_store(handle, &key_run, &value_run);

@@ -1,0 +1,66 @@
+// The reversible cipher: each letter of the text is moved along the alphabet by a letter of the key (Vigenere).
+// It hides a password from a glance and from nobody else; its strength is that the same text comes back.
+#include <cctype>
+#include <cstdlib>
+#include <cstring>
+
+#include "quillsecurity.h"
+
+namespace quill {
+namespace {
+
+constexpr char kBuiltInKey[] = "kplmoRtzacbnuyxiwegjhqvsdr";
+constexpr uint32_t kFailed = 1;
+constexpr int kAlphabet = 26;
+
+// The system's character table, asked with signed bytes: glibc's covers them, and so the current locale
+// decides what a letter is.
+bool is_letter(char c) { return isalpha(static_cast<signed char>(c)) != 0; }
+int first_letter(char c) { return isupper(static_cast<signed char>(c)) != 0 ? 'A' : 'a'; }
+
+int forward(char text, char key) {
+    return (text - first_letter(text)) + (key - first_letter(key));
+}
+int backward(char text, char key) {
+    return (first_letter(key) + kAlphabet - key) + (text - first_letter(text));
+}
+
+// A key length counts a terminator, so that its period is one less; 0 stands for the built-in key.
+uint32_t turn(const char* input, const char* key, uint32_t key_length, int (*shift)(char, char), char** output,
+              uint32_t* output_length) {
+    *output = nullptr;
+    *output_length = 0;
+    if (key_length == 0) {
+        key = kBuiltInKey;
+        key_length = sizeof kBuiltInKey;
+    }
+    if (key == nullptr || key_length < 2) return kFailed;  // a period of 0 has no key letter
+    char* text = strdup(input);
+    if (text == nullptr) return kFailed;
+
+    // Every character advances the key, letter or not.
+    const uint32_t period = key_length - 1;
+    const auto length = static_cast<uint32_t>(strlen(text));
+    for (uint32_t i = 0; i < length; ++i) {
+        const char k = key[i % period];
+        if (!is_letter(text[i]) || !is_letter(k)) continue;
+        text[i] = static_cast<char>(first_letter(text[i]) + shift(text[i], k) % kAlphabet);
+    }
+    *output = text;
+    *output_length = length + 1;
+    return SECURITY_OK;
+}
+
+}  // namespace
+}  // namespace quill
+
+uint32_t vigenere_encrypt_func(const char* text, const char* key, uint32_t key_length, char** output,
+                               uint32_t* output_length) {
+    return quill::turn(text, key, key_length, quill::forward, output, output_length);
+}
+
+// Works up to the terminator; the length given is not used.
+uint32_t vigenere_decrypt_func(const char* input, uint32_t, const char* key, uint32_t key_length, char** output,
+                               uint32_t* output_length) {
+    return quill::turn(input, key, key_length, quill::backward, output, output_length);
+}

@@ -1,0 +1,20 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "quillplatform/pss.h"
+#include "tests/platform/fresh_store.h"
+#include "tests/support/box.h"
+
+uint32_t fresh_store() {
+    static std::unique_ptr<Box> box;
+    static uint32_t handle = 0;
+    if (box != nullptr) pss2_close(handle);
+    box = nullptr;
+    box = std::make_unique<Box>();
+    const uint32_t parameters[4] = {};
+    uint32_t status = 0;
+    handle = pss2_open("contract", PSS_READ_WRITE | PSS_CREATE, 0, 0, parameters, &status);
+    EXPECT_EQ(PSS_OK, status);
+    return handle;
+}

@@ -1,0 +1,122 @@
+// Secrets that were deleted or replaced are gone from the store's files, and from all of them.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <map>
+#include <random>
+#include <set>
+
+#include "tests/support/box.h"
+#include "tests/support/process.h"
+#include "tests/support/store.h"
+
+namespace {
+
+// Every value is a row of tokens that name it, so that a fragment of 27 bytes tells whose it was.
+constexpr size_t kToken = 14;
+
+std::string make_value(unsigned id, size_t size) {
+    std::string value;
+    char token[kToken + 1];
+    for (unsigned i = 0; value.size() < size; ++i) {
+        snprintf(token, sizeof token, "<%07u.%04u>", id % 10000000, i % 10000);
+        value += token;
+    }
+    return value.substr(0, size);
+}
+
+std::set<unsigned> ids_in(const std::string& bytes) {
+    std::set<unsigned> ids;
+    for (size_t at = 0; (at = bytes.find('<', at)) != std::string::npos; ++at) {
+        unsigned id, index;
+        char end;
+        if (sscanf(bytes.substr(at, kToken).c_str(), "<%7u.%4u%c", &id, &index, &end) == 3 && end == '>') ids.insert(id);
+    }
+    return ids;
+}
+
+class SqliteSecrets : public testing::TestWithParam<unsigned> {
+ protected:
+    ~SqliteSecrets() override { pss2_close(handle); }
+
+    void open() {
+        const uint32_t parameters[4] = {};
+        uint32_t status = 0;
+        handle = pss2_open("s", PSS_READ_WRITE | PSS_CREATE, 0, 0, parameters, &status);
+        ASSERT_EQ(PSS_OK, status);
+    }
+
+    // One put, replacement or deletion of a record of one of the sizes that secrets have.
+    void change() {
+        constexpr size_t kSizes[] = {136, 69, 1104, 2200, 8193};
+        const std::string key = numbered("user", static_cast<unsigned>(random() % 60));
+        if (live.contains(key) && random() % 3 == 0) {
+            ASSERT_EQ(PSS_OK, erase(handle, key));
+            live.erase(key);
+            return;
+        }
+        const unsigned id = ++last_id;
+        ASSERT_EQ(PSS_OK, put(handle, key, make_value(id, kSizes[random() % std::size(kSizes)])));
+        live[key] = id;
+    }
+
+    // The secrets that stand in the files and in no record any more.
+    std::set<unsigned> leftovers() {
+        std::set<unsigned> left;
+        for (const auto& [name, bytes] : files_in(box.state())) left.merge(ids_in(bytes));
+        for (const auto& [key, id] : live) left.erase(id);
+        return left;
+    }
+
+    Box box;
+    uint32_t handle = 0;
+    std::mt19937 random{GetParam()};
+    std::map<std::string, unsigned> live;
+    unsigned last_id = 0;
+};
+
+TEST_P(SqliteSecrets, AreGoneOnceTheyAreReplacedOrDeleted) {
+    const std::set<unsigned> none;
+    open();
+    for (int i = 0; i < 150; ++i) change();
+    const auto before = leftovers();
+    EXPECT_LT(30u, before.size()) << "the search finds what is still to be blanked";
+    for (int i = 0; i < 256; ++i) change();
+    for (const unsigned id : leftovers()) EXPECT_FALSE(before.contains(id)) << id << " outlived 256 changes";
+
+    for (int round = 0; round < 60; ++round) {
+        for (int i = 0; i < 25; ++i) change();
+        ASSERT_EQ(PSS_OK, pss2_settle());
+        ASSERT_EQ(none, leftovers()) << "after settling, round " << round;
+    }
+    for (int i = 0; i < 25; ++i) change();
+    ASSERT_EQ(PSS_OK, pss2_close(handle));
+    EXPECT_EQ(none, leftovers()) << "after closing";
+    EXPECT_EQ(1u, files_in(box.state()).size());
+    open();
+    for (const auto& [key, id] : live) EXPECT_EQ(id, *ids_in(fetch(handle, key)).begin());
+    for (const auto& [key, id] : live) erase(handle, key);
+    live.clear();
+    pss2_settle();
+    EXPECT_EQ(none, leftovers()) << "an empty store holds nothing";
+}
+
+TEST_P(SqliteSecrets, AreGoneWhenTheStoreIsOpenedAfterACrash) {
+    EXPECT_EQ(128 + SIGKILL, in_child([&] {
+        open();
+        for (int i = 0; i < 200; ++i) change();
+        kill(getpid(), SIGKILL);
+    }));
+    open();
+    for (unsigned user = 0; user < 60; ++user) {
+        const std::string key = numbered("user", user);
+        const auto ids = ids_in(fetch(handle, key));
+        if (!ids.empty()) live[key] = *ids.begin();
+    }
+    EXPECT_LT(20u, live.size());
+    EXPECT_EQ(std::set<unsigned>(), leftovers());
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, SqliteSecrets, testing::Range(1u, 5u));
+
+}  // namespace
