@@ -147,6 +147,7 @@ TEST_F(SqliteFaults, AFailedWriteStaysUndoneWhenTheProcessDies) {
     ASSERT_EQ(PSS_OK, pss2_close(handle));
     for (const char* call : {"pwrite", "fdatasync"}) {
         for (int after = 0; after < 3; ++after) {
+            SCOPED_TRACE(testing::Message() << call << " after " << after);
             const int ended = in_child([&] {
                 ASSERT_EQ(PSS_OK, open());
                 fault = {call, after, EIO, false};
@@ -216,7 +217,7 @@ TEST_F(SqliteFaults, AFailedReadIsAStatusAndPasses) {
     fault = {"pread", 0, EIO, true};
     unsigned failed = 0;
     for (unsigned i = 0; i < kRecords; ++i) failed += fetch(handle, numbered("key", i)) == "[4048000c]";
-    EXPECT_LT(kRecords / 2, failed);
+    EXPECT_LT(kRecords / 2, failed) << fetch(handle, "key59");
     fault = {};
     for (unsigned i = 0; i < kRecords; ++i) EXPECT_TRUE(std::string(60000, 'v') == fetch(handle, numbered("key", i)));
 }
