@@ -5,11 +5,12 @@ JOBS ?= 2
 # Where `make install` puts things; DESTDIR goes before it, for packagers.
 PREFIX ?= /usr/local
 DESTDIR ?=
+FUZZ_SECONDS ?= 60
 
 SHELL := /bin/bash
 .SHELLFLAGS := -eu -o pipefail -c
 .NOTPARALLEL:
-.PHONY: help demo shell check check-asan check-i386 check-format check-static install format
+.PHONY: help demo shell check check-asan check-i386 check-format check-static fuzz install format
 
 # $(call build,PRESET,OPTIONS): configuring is quick where nothing changed, so it is not skipped.
 build = cmake --preset $(1) $(2) --log-level=NOTICE >/dev/null && cmake --build --preset $(1) -j $(JOBS)
@@ -52,6 +53,15 @@ check-static: ## clang-tidy over all but the tests; .clang-tidy says what for
 	@packaging/install-deps --ci
 	@$(call build,release) --target quillsecurityd quillsec
 	@git ls-files -z '*.cc' ':!tests' | xargs -0 -n 1 -P $(JOBS) clang-tidy --quiet -p build/release
+
+fuzz: ## search for inputs that break a parser, FUZZ_SECONDS (60) for each harness
+	@packaging/install-deps --fuzz
+	@$(call build,fuzz)
+	@for harness in build/fuzz/fuzz/fuzz_*; do \
+	    name=$${harness##*/fuzz_}; echo "== $$name"; mkdir -p build/fuzz/found/$$name; \
+	    $$harness -max_total_time=$(FUZZ_SECONDS) -artifact_prefix=build/fuzz/found/ -print_final_stats=1 \
+	        build/fuzz/found/$$name fuzz/corpus/$$name 2>&1 | grep -E 'ERROR|SUMMARY|stat::number_of_executed|Test unit'; \
+	done
 
 install: ## build and install below PREFIX (/usr/local); DESTDIR is honoured
 	@$(call build,release,-D CMAKE_INSTALL_PREFIX=$(PREFIX))

@@ -39,8 +39,10 @@ constexpr char kSettings[] =
     "PRAGMA temp_store=MEMORY;"
     "PRAGMA max_page_count=16777215;";  // keeps b-tree pages apart from others by their first byte, for blanking
 
-// Every error of SQLite turns into a status here.
-uint32_t status_of(sqlite3* database, int result) {
+// Every error of SQLite turns into a status here. What the system refused is in errno, which each call below
+// clears first: sqlite3_system_errno() says nothing of failures while a change is committed.
+uint32_t status_of(int result) {
+    const int error = errno;
     switch (result & 0xff) {
     case SQLITE_OK:
     case SQLITE_ROW:
@@ -52,7 +54,7 @@ uint32_t status_of(sqlite3* database, int result) {
     case SQLITE_FULL:
         return PSS_FULL;
     case SQLITE_CORRUPT:
-        return PSS_CORRUPT;
+        return error == EIO ? PSS_IO : PSS_CORRUPT;  // SQLite takes a read that failed so for damage
     case SQLITE_NOTADB:
         return PSS_NOT_A_STORE;
     case SQLITE_READONLY:
@@ -67,13 +69,16 @@ uint32_t status_of(sqlite3* database, int result) {
     case SQLITE_IOERR:
         if (result == SQLITE_IOERR_NOMEM) return PSS_NO_MEMORY;
         [[fallthrough]];
-    case SQLITE_CANTOPEN: {
-        const int error = sqlite3_system_errno(database);
+    case SQLITE_CANTOPEN:
         return error == 0 ? PSS_IO : status_of_errno(error);
-    }
     default:
         return PSS_ENGINE;
     }
+}
+
+int execute(sqlite3* database, const char* text) {
+    errno = 0;
+    return sqlite3_exec(database, text, nullptr, nullptr, nullptr);
 }
 
 // A prepared statement, ready again once it goes out of use.
@@ -85,13 +90,17 @@ class Statement {
     Statement& operator=(const Statement&) = delete;
 
     int prepare(sqlite3* database, const char* text) {
+        errno = 0;
         return sqlite3_prepare_v3(database, text, -1, SQLITE_PREPARE_PERSISTENT, &statement_, nullptr);
     }
     // The bytes must stay until the statement is reset. An empty text is still a blob, not a null.
     void bind(int index, std::string_view bytes) {
         sqlite3_bind_blob64(statement_, index, bytes.empty() ? "" : bytes.data(), bytes.size(), SQLITE_STATIC);
     }
-    int step() { return sqlite3_step(statement_); }
+    int step() {
+        errno = 0;
+        return sqlite3_step(statement_);
+    }
     void reset() { sqlite3_reset(statement_); }
     void column(int index, std::string& bytes) const {
         const auto* data = static_cast<const char*>(sqlite3_column_blob(statement_, index));
@@ -158,7 +167,7 @@ class SqliteEngine : public Engine {
 
 // A status, logged when it is not the one that was logged last: a full disk is one line, not one a request.
 uint32_t SqliteEngine::report(int result) {
-    const uint32_t status = status_of(connection_.database, result);
+    const uint32_t status = status_of(result);
     if (status == reported_) return status;
     if (status != PSS_OK)
         log_store_error(path_, status, sqlite3_errmsg(connection_.database));
@@ -170,9 +179,10 @@ uint32_t SqliteEngine::report(int result) {
 
 uint32_t SqliteEngine::open() {
     constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
+    errno = 0;
     int result = sqlite3_open_v2(path_.c_str(), &connection_.database, kFlags, blanking_vfs());
     sqlite3* database = connection_.database;
-    if (result == SQLITE_OK) result = sqlite3_exec(database, kSettings, nullptr, nullptr, nullptr);
+    if (result == SQLITE_OK) result = execute(database, kSettings);
     if (result == SQLITE_OK) result = fetch_.prepare(database, "SELECT value FROM record WHERE key = ?1");
     if (result == SQLITE_OK)
         result = walk_.prepare(database, "SELECT key, value FROM record WHERE key >= ?1 ORDER BY key");
@@ -184,7 +194,7 @@ uint32_t SqliteEngine::open() {
     if (result == SQLITE_OK) result = version_.prepare(database, "PRAGMA user_version");
     // The lock is taken, and a log that a crash left is recovered, by the first read; settling reads and
     // rids the log of what it still held.
-    if (result == SQLITE_OK) result = sqlite3_exec(database, "SELECT 1 FROM record LIMIT 1", nullptr, nullptr, nullptr);
+    if (result == SQLITE_OK) result = execute(database, "SELECT 1 FROM record LIMIT 1");
     const uint32_t status = report(result);
     if (status != PSS_OK) return status;
     opened_ = true;
@@ -238,7 +248,10 @@ uint32_t SqliteEngine::after(std::string_view key, Record& found) {
 // After a statement that changed the store, or failed to.
 uint32_t SqliteEngine::changed(int result) {
     const uint32_t status = report(result);
-    if (status == PSS_OK && ++unsettled_ >= kSettleAfter) settle();
+    // A flush that failed leaves the change whole in the log, and a crash would bring it back as done.
+    const bool in_log = result == SQLITE_IOERR_FSYNC;
+    if (status == PSS_OK || in_log) ++unsettled_;
+    if (unsettled_ >= kSettleAfter || in_log) settle();
     return status;
 }
 
@@ -277,12 +290,13 @@ uint32_t SqliteEngine::stamp(uint32_t version) {
     end_walk();
     char text[64];
     snprintf(text, sizeof text, "PRAGMA user_version=%d", static_cast<int32_t>(version));
-    return changed(sqlite3_exec(connection_.database, text, nullptr, nullptr, nullptr));
+    return changed(execute(connection_.database, text));
 }
 
 uint32_t SqliteEngine::settle() {
     if (unsettled_ == 0) return PSS_OK;
     end_walk();
+    errno = 0;
     const int result = sqlite3_wal_checkpoint_v2(connection_.database, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
     const uint32_t status = report(result);
     if (status == PSS_OK) unsettled_ = 0;
@@ -312,12 +326,14 @@ uint32_t make_private_file(const std::string& path) {
 
 uint32_t fill_new_file(const std::string& path) {
     sqlite3* database = nullptr;
+    errno = 0;
     int result = sqlite3_open_v2(path.c_str(), &database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_EXRESCODE, nullptr);
-    if (result == SQLITE_OK) result = sqlite3_exec(database, kCreate, nullptr, nullptr, nullptr);
-    uint32_t status = status_of(database, result);
+    if (result == SQLITE_OK) result = execute(database, kCreate);
+    const uint32_t status = status_of(result);
     if (status != PSS_OK) log_store_error(path, status, sqlite3_errmsg(database));
+    errno = 0;
     result = sqlite3_close(database);
-    return status != PSS_OK ? status : status_of(nullptr, result);
+    return status != PSS_OK ? status : status_of(result);
 }
 
 // Made whole under another name and then given its own, so that a crash leaves either no store or an empty one.

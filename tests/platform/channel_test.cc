@@ -1,0 +1,319 @@
+// The request channel: the client's end against a scripted peer and the real server, and the server's end
+// against raw clients.
+#include <gtest/gtest.h>
+#include <sys/time.h>
+
+#include <cerrno>
+#include <memory>
+#include <vector>
+
+#include "quillplatform/shell.h"
+#include "quillsecurity/status.h"
+#include "tests/platform/server_process.h"
+
+namespace {
+
+using quill::Answer;
+using quill::Peer;
+using quill::Request;
+
+struct Outcome {
+    int32_t status;
+    int error;
+    std::string record;
+    double seconds;
+};
+
+Outcome ask(int32_t type, const std::string& record = "record", uint32_t operation = 1) {
+    std::string request = record;
+    auto length = static_cast<uint32_t>(request.size());
+    auto* reply = reinterpret_cast<void*>(1);
+    const double start = seconds_now();
+    errno = 0;
+    const int32_t status = security_cmi(type, operation, request.data(), &reply, &length, 1);
+    const int error = errno;
+    const std::string bytes = reply == nullptr ? "(null)" : std::string(static_cast<char*>(reply), length);
+    EXPECT_EQ(reply == nullptr, length == 0);
+    EXPECT_TRUE(status >= 0 || reply == nullptr) << "nothing comes with a failure";
+    free(reply);
+    return {status, status < 0 ? error : 0, bytes, seconds_now() - start};
+}
+
+enum : uint32_t { kEcho = 1, kStatus, kSlow, kDie, kWho, kCount };
+
+// A handler for each of these types.
+Answer answer(const Peer&, Request& request) {
+    static int requests = 0;
+    ++requests;
+    switch (request.type) {
+    case kEcho:
+        return {0, request.length, false};
+    case kStatus:
+        return {SECURITY_ERR_NOT_FOUND, 0, false};
+    case kSlow:
+        sleep_for(1.5);
+        return answer_text(request, "late");
+    case kDie:
+        _exit(0);
+    case kWho:
+        return answer_text(request, std::string(request.user_name) + " " + std::to_string(request.session) + " " +
+                                        std::to_string(request.operation));
+    case kCount:
+        return answer_text(request, std::to_string(requests));
+    }
+    return {SECURITY_ERR_REQUEST_TYPE, 0, false};
+}
+
+class Channel : public testing::Test {
+ protected:
+    Channel() { security_cmi_timeout = 1; }
+
+    std::string socket_path() const { return box.run() + "/quillsecurityd.sock"; }
+
+    Box box;
+};
+
+std::string receive(int connection) {
+    std::string message(65536, '\0');
+    const ssize_t got = recv(connection, message.data(), message.size(), 0);
+    message.resize(got < 0 ? 0 : static_cast<size_t>(got));
+    return message;
+}
+
+void reply(int connection, const std::string& frame) { send(connection, frame.data(), frame.size(), MSG_NOSIGNAL); }
+
+// ---- The client
+
+TEST_F(Channel, TheBytesOfARequest) {
+    std::vector<std::string> seen;
+    {
+        ScriptedServer server([&](int connection) {
+            for (std::string got; !(got = receive(connection)).empty(); reply(connection, reply_frame(0, "r")))
+                seen.push_back(got);
+        });
+        security_cmi_session_id = 0x01020304;
+        ask(161, std::string("\0\xff record", 9), 3);
+        const std::string name(300, 'n');
+        security_cmi_username = name.c_str();
+        ask(283649, "", 4);
+        security_cmi_username = "admin";
+        uint32_t length = 2;
+        char record[] = "ab";
+        EXPECT_EQ(0, security_cmi2(-1, 2, record, nullptr, &length, 9));
+        EXPECT_EQ(0u, length);
+        security_cmi_username = nullptr;
+        security_cmi_session_id = 0;
+    }
+    ASSERT_EQ(3u, seen.size());
+    EXPECT_EQ(std::string("QSEC\0\0\0\1\0\0\0\xa1\0\0\0\3\1\2\3\4\0\0\0\x9", 24) + std::string(128, '\0') +
+                  std::string("\0\xff record", 9), seen[0]);
+    EXPECT_EQ(request_frame(283649, 4, "", 0x01020304, std::string(127, 'n')), seen[1]);
+    EXPECT_EQ(request_frame(0xffffffff, 2, "ab", 0x01020304, "admin"), seen[2]);
+}
+
+TEST_F(Channel, RepliesOfAllKinds) {
+    std::string next;
+    ScriptedServer server([&](int connection) {
+        while (!receive(connection).empty()) reply(connection, next);
+    });
+    const std::string good = reply_frame(0, "record");
+    const auto changed = [&good](size_t at, const std::string& bytes) { return std::string(good).replace(at, bytes.size(), bytes); };
+    const struct {
+        const char* what;
+        std::string frame;
+        int32_t status;
+        int error;
+        std::string record;
+    } cases[] = {
+        {"success", good, 0, 0, "record"},
+        {"a status with a record", reply_frame(0x404a0014, "why"), 0x404a0014, 0, "why"},
+        {"no record", reply_frame(0, ""), 0, 0, "(null)"},
+        {"the largest", reply_frame(0, std::string(SECURITY_CMI_MAX_RECORD, 'x')), 0, 0, std::string(SECURITY_CMI_MAX_RECORD, 'x')},
+        {"one byte more", reply_frame(0, std::string(SECURITY_CMI_MAX_RECORD + 1, 'x')), -1, EPROTO, "(null)"},
+        {"wrong magic", changed(0, "QSED"), -1, EPROTO, "(null)"},
+        {"wrong version", changed(4, word(2)), -1, EPROTO, "(null)"},
+        {"length one short", changed(12, word(5)), -1, EPROTO, "(null)"},
+        {"length one over", changed(12, word(7)), -1, EPROTO, "(null)"},
+        {"length beyond all", changed(12, word(0xffffffff)), -1, EPROTO, "(null)"},
+        {"half a head", good.substr(0, 15), -1, EPROTO, "(null)"},
+        {"a status that no daemon gives", reply_frame(0x804a0001, "x"), -1, EPROTO, "(null)"},
+        {"success after all that", good, 0, 0, "record"},
+    };
+    for (const auto& c : cases) {
+        next = c.frame;
+        const Outcome got = ask(kEcho);
+        EXPECT_EQ(c.status, got.status) << c.what;
+        EXPECT_EQ(c.error, got.error) << c.what;
+        EXPECT_TRUE(c.record == got.record) << c.what;
+    }
+}
+
+TEST_F(Channel, NoDaemon) {
+    EXPECT_EQ(ENOENT, ask(kEcho).error) << "no folder";
+    mkdir(box.run().c_str(), 0755);
+    EXPECT_EQ(ENOENT, ask(kEcho).error) << "no socket";
+    close(bound_socket(SOCK_SEQPACKET, socket_path()));
+    EXPECT_EQ(ECONNREFUSED, ask(kEcho).error) << "left by a daemon that is gone";
+    setenv("QUILL_RUNTIME_DIR", (box / std::string(120, 'p')).c_str(), 1);
+    EXPECT_EQ(ENAMETOOLONG, ask(kEcho).error);
+    if (geteuid() != 0) GTEST_SKIP() << "only root can be somebody else";
+    setenv("QUILL_RUNTIME_DIR", box.run().c_str(), 1);
+    ServerProcess server(answer);
+    chmod(socket_path().c_str(), 0600);
+    EXPECT_EQ(0, in_child([] {
+        become_nobody();
+        EXPECT_EQ(EACCES, ask(kEcho).error);
+    }));
+}
+
+TEST_F(Channel, TooLongARequestIsNotSent) {
+    ServerProcess server(answer);
+    const std::string largest(SECURITY_CMI_MAX_RECORD, 'x');
+    EXPECT_TRUE(largest == ask(kEcho, largest).record) << "both ways";
+    EXPECT_EQ(EMSGSIZE, ask(kEcho, largest + "x").error);
+    EXPECT_EQ("2", ask(kCount).record) << "the server saw nothing of it";
+}
+
+TEST_F(Channel, ALateReplyAnswersNothing) {
+    ServerProcess server(answer);
+    const Outcome late = ask(kSlow);
+    EXPECT_EQ(ETIMEDOUT, late.error);
+    EXPECT_NEAR(1.0, late.seconds, 0.2);
+    EXPECT_EQ("next", ask(kEcho, "next").record);
+}
+
+// Signals neither lengthen nor break the wait.
+TEST_F(Channel, SignalsDoNotMoveTheDeadline) {
+    ServerProcess server(answer);
+    EXPECT_EQ(0, in_child([] {
+        struct sigaction action {};
+        action.sa_handler = [](int) {};
+        sigaction(SIGALRM, &action, nullptr);
+        const itimerval often{{0, 30000}, {0, 30000}};
+        setitimer(ITIMER_REAL, &often, nullptr);
+        const Outcome late = ask(kSlow);
+        EXPECT_EQ(ETIMEDOUT, late.error);
+        EXPECT_NEAR(1.0, late.seconds, 0.2);
+        security_cmi_timeout = 5;
+        EXPECT_EQ("late", ask(kSlow).record);
+    }));
+}
+
+// The limit is that of the whole request, from the wait for a place in the daemon's queue on.
+TEST_F(Channel, TheDeadlineHoldsForAllStagesTogether) {
+    std::unique_ptr<RawClient> first;
+    ScriptedServer server([](int connection) {
+        sleep_for(0.7);
+        receive(connection);
+        sleep_for(1.5);
+    }, 0);
+    RawClient served, queued;
+    const Outcome late = ask(kEcho);
+    EXPECT_EQ(ETIMEDOUT, late.error);
+    EXPECT_NEAR(1.0, late.seconds, 0.2);
+}
+
+TEST_F(Channel, ARestartIsNotNoticed) {
+    for (const int signal : {SIGTERM, SIGKILL}) {
+        ServerProcess server(answer);
+        EXPECT_EQ("1", ask(kCount).record);
+        EXPECT_EQ("2", ask(kCount).record);
+        server.end(signal);
+    }
+    EXPECT_EQ(ECONNREFUSED, ask(kEcho).error) << "the last one left its socket";
+}
+
+TEST_F(Channel, ARequestWhoseDaemonDiedIsNotSentAgain) {
+    auto server = std::make_unique<ServerProcess>(answer);
+    EXPECT_EQ("1", ask(kCount).record);
+    EXPECT_EQ(ECONNRESET, ask(kDie).error);
+    EXPECT_EQ(0, server->join());
+    server = std::make_unique<ServerProcess>(answer);
+    EXPECT_EQ("1", ask(kCount).record) << "nothing came before it";
+}
+
+TEST_F(Channel, AForkedChildHasItsOwnConnection) {
+    ServerProcess server(answer);
+    ask(kEcho);
+    const auto converse = [](const std::string& who) {
+        for (unsigned i = 0; i < 500; ++i) {
+            const std::string record = who + std::to_string(i);
+            ASSERT_EQ(record, ask(kEcho, record).record);
+        }
+    };
+    const pid_t child = start_child([&] { converse("child "); });
+    converse("parent ");
+    EXPECT_EQ(0, wait_for(child));
+    EXPECT_EQ("after", ask(kEcho, "after").record);
+}
+
+TEST_F(Channel, WhomTheClientActsForIsTold) {
+    ServerProcess server(answer);
+    security_cmi_username = "admin";
+    security_cmi_session_id = 77;
+    EXPECT_EQ("admin 77 3", ask(kWho, "", 3).record);
+    security_cmi_username = nullptr;
+    security_cmi_session_id = 0;
+    EXPECT_EQ(" 0 1", ask(kWho, "").record);
+    const Outcome refused = ask(kStatus);
+    EXPECT_EQ(static_cast<int32_t>(SECURITY_ERR_NOT_FOUND), refused.status);
+    EXPECT_EQ("(null)", refused.record);
+}
+
+// ---- The server
+
+TEST_F(Channel, MalformedFramesAreRefusedAndTheConnectionLivesOn) {
+    ServerProcess server(answer);
+    RawClient client;
+    const std::string good = request_frame(kEcho, 1, "record");
+    const std::string refused = reply_frame(SECURITY_ERR_REQUEST_FRAME, "");
+    const auto changed = [&good](size_t at, const std::string& bytes) { return std::string(good).replace(at, bytes.size(), bytes); };
+    const std::pair<const char*, std::string> cases[] = {
+        {"one byte", "Q"},
+        {"half a head", good.substr(0, 100)},
+        {"a head less one", good.substr(0, 151)},
+        {"wrong magic", changed(0, "QSED")},
+        {"another version", changed(4, word(2))},
+        {"length one short", changed(20, word(5))},
+        {"length one over", changed(20, word(7))},
+        {"length beyond all", changed(20, word(0xffffffff))},
+        {"user name without an end", changed(24, std::string(128, 'n'))},
+        {"one byte too long", request_frame(kEcho, 1, std::string(SECURITY_CMI_MAX_RECORD + 1, 'x'))},
+        {"far too long", request_frame(kEcho, 1, std::string(60000, 'x'))},
+    };
+    for (const auto& [what, frame] : cases) {
+        EXPECT_EQ(refused, client.ask(frame)) << what;
+        EXPECT_EQ(reply_frame(0, "record"), client.ask(good)) << "after " << what;
+    }
+    const std::string largest(SECURITY_CMI_MAX_RECORD, 'x');
+    EXPECT_TRUE(reply_frame(0, largest) == client.ask(request_frame(kEcho, 1, largest)));
+    EXPECT_EQ(reply_frame(0, ""), client.ask(request_frame(kEcho, 1, "")));
+    EXPECT_EQ("25", client.ask(request_frame(kCount, 1, "")).substr(16)) << "no handler saw the malformed ones";
+}
+
+TEST_F(Channel, NobodyIsDelayedByTheOthers) {
+    ServerProcess server(answer);
+    std::vector<RawClient> idle(100);
+    RawClient stalled;
+    const std::string request = request_frame(kEcho, 1, std::string(10000, 'x'));
+    for (int i = 0; i < 10000 && stalled.send(request, MSG_DONTWAIT); ++i) continue;
+    EXPECT_EQ("here", ask(kEcho, "here").record);
+    for (int i = 0; i < 50; ++i) RawClient().send(request_frame(kEcho, 1, "dies without waiting"));
+    const Outcome got = ask(kEcho, "here");
+    EXPECT_EQ("here", got.record);
+    EXPECT_LT(got.seconds, 0.5);
+    EXPECT_EQ(reply_frame(0, "idle"), idle[50].ask(request_frame(kEcho, 1, "idle")));
+}
+
+TEST_F(Channel, ANewServerTakesTheNameOver) {
+    const mode_t mask = umask(077);
+    ServerProcess first(answer);
+    ask(kCount);
+    ServerProcess second(answer);
+    EXPECT_EQ("0666", mode_of(socket_path()));
+    umask(mask);
+    EXPECT_EQ("2", ask(kCount).record) << "whoever is connected stays";
+    EXPECT_EQ("1", RawClient().ask(request_frame(kCount, 1, "")).substr(16));
+}
+
+}  // namespace

@@ -1,0 +1,100 @@
+// Who the server takes its clients for, by the kernel's word alone.
+#undef _FORTIFY_SOURCE
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+#include "daemon/dispatch.h"
+#include "quillplatform/shell.h"
+#include "quillsecurity.h"
+#include "tests/platform/server_process.h"
+
+namespace {
+
+int failing_option = -1;  // of getsockopt, from now on
+
+}  // namespace
+
+int getsockopt(int socket, int level, int option, void* value, socklen_t* size) noexcept {
+    if (level == SOL_SOCKET && option == failing_option) {
+        errno = EIO;
+        return -1;
+    }
+    return reinterpret_cast<decltype(getsockopt)*>(dlsym(RTLD_NEXT, "getsockopt"))(socket, level, option, value, size);
+}
+
+namespace {
+
+constexpr gid_t kAdministrators = 4242;
+
+class Credentials : public testing::Test {
+ protected:
+    Credentials() { security_cmi_timeout = 5; }
+    ~Credentials() override { failing_option = -1; }
+
+    // What the server takes this process for.
+    static std::string who() {
+        const std::string reply = RawClient().ask(request_frame(1, 1, ""));
+        return reply.size() > 16 ? reply.substr(16) : "no reply";
+    }
+
+    static quill::Answer describe(const quill::Peer& peer, quill::Request& request) {
+        if (!peer.known) return answer_text(request, peer.administrator ? "unknown administrator" : "unknown");
+        return answer_text(request, (peer.administrator ? "administrator " : "other ") + std::to_string(peer.uid) +
+                                        (peer.pid > 0 ? "" : " without a process"));
+    }
+
+    Box box;
+};
+
+TEST_F(Credentials, AFailedLookUpIsNobody) {
+    failing_option = SO_PEERCRED;
+    ServerProcess server(describe, kAdministrators);
+    EXPECT_EQ("unknown", who());
+}
+
+TEST_F(Credentials, NobodyIsPermittedNothing) {
+    failing_option = SO_PEERCRED;
+    ServerProcess server([](const quill::Peer& peer, quill::Request& request) {
+        return quill::dispatch(quill::routes(), 1, peer, request);
+    });
+    RawClient client;
+    for (const uint32_t operation : {GET_REQ, GETNEXT_REQ, SET_REQ, DEL_REQ})
+        EXPECT_EQ(reply_frame(SECURITY_ERR_NOT_PERMITTED, ""),
+                  client.ask(request_frame(SECURITY_ENABLE_INFO_REQUEST, operation, word(1) + word(1))));
+}
+
+TEST_F(Credentials, RootAndMembersOfTheGroupAreAdministrators) {
+    if (geteuid() != 0) GTEST_SKIP() << "only root can be somebody else";
+    std::vector<gid_t> many;
+    for (gid_t group = 4200; group < 4243; ++group) many.push_back(group);
+    const struct {
+        const char* what;
+        gid_t administrators, group;
+        std::vector<gid_t> others;
+        int failing;
+        const char* want;
+    } cases[] = {
+        {"somebody", kAdministrators, 65534, {}, -1, "other 65534"},
+        {"a member of other groups", kAdministrators, 65534, {4, 4241, 4243}, -1, "other 65534"},
+        {"a member", kAdministrators, 65534, {4, 4242}, -1, "administrator 65534"},
+        {"a member of very many groups", kAdministrators, 65534, many, -1, "administrator 65534"},
+        {"by the first group", kAdministrators, 4242, {}, -1, "administrator 65534"},
+        {"a member whose groups cannot be had", kAdministrators, 65534, {4242}, SO_PEERGROUPS, "other 65534"},
+        {"a member of root's group, where there is no other", 0, 65534, {0}, -1, "other 65534"},
+        {"by the first group, where there is no other", 0, 0, {0}, -1, "other 65534"},
+    };
+    for (const auto& c : cases) {
+        failing_option = c.failing;
+        ServerProcess server(describe, c.administrators);
+        EXPECT_EQ("administrator 0", who()) << c.what;
+        const int ended = in_child([&] {
+            become_nobody(c.group, c.others);
+            EXPECT_EQ(c.want, who()) << c.what;
+        });
+        EXPECT_EQ(0, ended);
+    }
+}
+
+}  // namespace

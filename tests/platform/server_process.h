@@ -1,0 +1,93 @@
+// Ends of the request channel for tests: the daemon's server with handlers of the test's own, and a peer that
+// follows a script byte by byte.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "platform/channel/server.h"
+#include "tests/support/box.h"
+#include "tests/support/daemon.h"
+#include "tests/support/process.h"
+
+// A text as a reply's record.
+inline quill::Answer answer_text(quill::Request& request, const std::string& text) {
+    memcpy(request.record, text.data(), text.size());
+    return {0, static_cast<uint32_t>(text.size()), false};
+}
+
+// quill::Server in a process of its own, serving the box's runtime folder until the object goes.
+class ServerProcess {
+ public:
+    explicit ServerProcess(std::function<quill::Answer(const quill::Peer&, quill::Request&)> answer,
+                           gid_t administrators = 0) {
+        mkdir(getenv("QUILL_RUNTIME_DIR"), 0755);
+        int ends[2];
+        if (pipe(ends) != 0) return;
+        pid_ = start_child([&] {
+            quill::Server server({administrators, answer, [] { return true; }, [] {}});
+            if (!server.listen() || write(ends[1], "", 1) != 1) _exit(2);
+            close(ends[1]);
+            server.run();
+        });
+        close(ends[1]);
+        char ready;
+        EXPECT_EQ(1, read(ends[0], &ready, 1)) << "the server does not listen";
+        close(ends[0]);
+    }
+    ~ServerProcess() {
+        if (pid_ > 0) EXPECT_EQ(0, end(SIGTERM));
+    }
+    ServerProcess(const ServerProcess&) = delete;
+    ServerProcess& operator=(const ServerProcess&) = delete;
+
+    int end(int signal) {
+        kill(pid_, signal);
+        return join();
+    }
+    int join() {
+        const int status = wait_for(pid_);
+        pid_ = -1;
+        return status;
+    }
+
+ private:
+    pid_t pid_ = -1;
+};
+
+// A thread that listens where the daemon would, and hands each connection to the script; `backlog` as for
+// listen(2). The script runs for one connection after the other.
+class ScriptedServer {
+ public:
+    explicit ScriptedServer(std::function<void(int connection)> script, int backlog = 5) {
+        mkdir(getenv("QUILL_RUNTIME_DIR"), 0755);
+        const std::string path = std::string(getenv("QUILL_RUNTIME_DIR")) + "/quillsecurityd.sock";
+        unlink(path.c_str());
+        listener_ = bound_socket(SOCK_SEQPACKET, path);
+        listen(listener_, backlog);
+        thread_ = std::thread([this, script] {
+            for (int connection; (connection = accept(listener_, nullptr, nullptr)) >= 0; close(connection))
+                script(connection);
+        });
+    }
+    ~ScriptedServer() {
+        shutdown(listener_, SHUT_RDWR);
+        thread_.join();
+        close(listener_);
+    }
+    ScriptedServer(const ScriptedServer&) = delete;
+    ScriptedServer& operator=(const ScriptedServer&) = delete;
+
+ private:
+    int listener_ = -1;
+    std::thread thread_;
+};
