@@ -5,7 +5,8 @@
 // For people: aligned columns under a line of headings, plain ASCII around the values, the same on a
 // terminal and in a file. Failures are one line on standard error: tool, object, what is wrong, remedy.
 //
-// With --json, standard output is exactly one document and standard error stays empty:
+// With --json, standard output is exactly one document and standard error stays empty, unless standard output
+// itself cannot be written:
 //   an answer      {"services": [{"name": "ssh", "value": "on"}, ...]}
 //                  one member, named for what is listed, with one object per row; its members are the
 //                  columns. A row's value is a string or a number, as in the table, and null or a boolean

@@ -15,6 +15,7 @@ set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
 option(BUILD_TESTING "build the tests" ON)
 option(QUILL_WERROR "treat warnings as errors" OFF)
 option(QUILL_SANITIZE "address and undefined-behaviour sanitizers" OFF)
+option(QUILL_BENCH "benchmarks; needs Google Benchmark" OFF)
 option(QUILL_FUZZ "fuzz harnesses for libFuzzer; needs clang" OFF)
 
 # Ours alone: third-party sources are compiled without these.

@@ -3,19 +3,17 @@
 // Writer and verifier both count the digest's length in bytes and use it for its hexadecimal text, so half of
 // the digits take part: 16 for MD5, 20 for SHA-1. Stored secrets depend on that.
 #include <openssl/crypto.h>
-#include <openssl/evp.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <memory>
 
 #include "common/trace.h"
 #include "quillplatform/random.h"
 #include "quillsecurity.h"
+#include "secret/digest.h"
 
 namespace quill {
 namespace {
@@ -34,22 +32,8 @@ struct DigestArea {
     DigestArea& operator=(const DigestArea&) = delete;
 };
 
-struct Digest {
-    unsigned char bytes[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-};
-
-bool digest_of(const EVP_MD* kind, const char* secret, uint32_t secret_length, const char* salt, uint32_t salt_length,
-               Digest& digest) {
-    const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(), EVP_MD_CTX_free);
-    return context != nullptr && EVP_DigestInit_ex(context.get(), kind, nullptr) == 1 &&
-           EVP_DigestUpdate(context.get(), secret, secret_length) == 1 &&
-           EVP_DigestUpdate(context.get(), salt, salt_length) == 1 &&
-           EVP_DigestUpdate(context.get(), secret, secret_length) == 1 &&
-           EVP_DigestFinal_ex(context.get(), digest.bytes, &digest.length) == 1;
-}
-
 void trace_digest(const char* name, const Digest& digest, const char* text) {
+    if (!history_wanted() && !debug_wanted()) return;  // asked once, not twenty times
     trace("%s Digest is: ", name);
     for (unsigned int i = 0; i < digest.length; ++i) trace("%02x", static_cast<uint32_t>(digest.bytes[i]));
     trace("\n");
@@ -131,19 +115,16 @@ uint32_t security_gen_fix_len_salt(char* output, int32_t* length) { return secur
 uint32_t security_calculate_hash(const char* secret, uint32_t secret_length, const char* salt, uint32_t salt_length,
                                  char* output, uint32_t* output_length, const char* digest_name) {
     using namespace quill;
-    OpenSSL_add_all_digests();
-    const EVP_MD* kind = digest_name == nullptr ? nullptr : EVP_get_digestbyname(digest_name);
-    if (kind == nullptr) {
+    if (!select_digest(digest_name)) {
         trace("Unknown message digest %s\n", digest_name);
         return SECURITY_ERR_NO_CIPHER;
     }
     Digest digest;
-    if (!digest_of(kind, secret, secret_length, salt, salt_length, digest)) return SECURITY_ERR_CRYPT;
-
-    char text[2 * sizeof digest.bytes + 1] = "";
-    for (unsigned int i = 0; i < digest.length; ++i) snprintf(text + 2 * i, 3, "%02x", digest.bytes[i]);
-    trace_digest(digest_name, digest, text);
-    strncpy(output, text, kArea);
+    if (!digest_of({secret, secret_length}, {salt, salt_length}, {secret, secret_length}, digest))
+        return SECURITY_ERR_CRYPT;
+    const DigestText text(digest);
+    trace_digest(digest_name, digest, text.digits);
+    strncpy(output, text.digits, kArea);
     *output_length = digest.length;
     return SECURITY_OK;
 }

@@ -45,7 +45,8 @@ class ServerProcess {
         close(ends[0]);
     }
     ~ServerProcess() {
-        if (pid_ > 0) EXPECT_EQ(0, end(SIGTERM));
+        if (pid_ < 0) return;
+        EXPECT_EQ(0, end(SIGTERM)) << "the server's end";
     }
     ServerProcess(const ServerProcess&) = delete;
     ServerProcess& operator=(const ServerProcess&) = delete;

@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/mman.h>
-#include <sys/pidfd.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -46,7 +46,7 @@ std::string contents(int log) {
 }
 
 bool wait_until_ready(int notices, pid_t daemon) {
-    const int ended = pidfd_open(daemon, 0);
+    const auto ended = static_cast<int>(syscall(SYS_pidfd_open, daemon, 0));
     pollfd events[] = {{notices, POLLIN, 0}, {ended, POLLIN, 0}};
     poll(events, 2, kPatience);
     close(ended);
