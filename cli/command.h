@@ -13,9 +13,10 @@
 namespace quill::cli {
 
 struct Argument {
-    const char* name;  // "NAME" takes its place on the line, "--name" is an option with a value
+    const char* name;  // "NAME" takes its place on the line, "--name" is an option
     const char* help;
-    enum { kRequired, kOptional } need = kRequired;
+    enum { kRequired, kOptional, kFlag } need = kRequired;  // a flag is an option without a value
+    const char* value = "";                                 // what help calls the value of an option
 };
 
 // What was given, by the name of the argument.
@@ -29,6 +30,9 @@ class Arguments {
         return found == values_.end() ? nullptr : &found->second;
     }
 
+    // Whether a flag, or anything else, was given.
+    bool has(const std::string& name) const { return values_.contains(name); }
+
     // A required argument.
     const std::string& operator[](const std::string& name) const { return values_.at(name); }
 
@@ -40,7 +44,7 @@ struct Verb {
     const char* name;
     const char* help;
     std::initializer_list<Argument> arguments;
-    Table (*run)(const Arguments& arguments);  // throws Failure
+    Answer (*run)(const Arguments& arguments);  // throws Failure
 };
 
 struct Noun {
@@ -50,6 +54,6 @@ struct Noun {
     std::span<const Verb> verbs;
 };
 
-extern const Noun kService;
+extern const Noun kService, kSecret, kRecord;
 
 }  // namespace quill::cli

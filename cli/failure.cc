@@ -62,7 +62,7 @@ constexpr Meaning kMeanings[] = {
     {SECURITY_ERR_TOO_MANY_USERS, Exit::kFailed, "delete a user first"},
     {SECURITY_ERR_DATE_FORMAT, Exit::kInvalidValue, "give a day to come as year-month-day"},
     {SECURITY_ERR_MISSING_ARGUMENT, Exit::kInvalidValue, "give all arguments that --help lists"},
-    {SECURITY_ERR_NO_PRIV_LVL, Exit::kNoSuchObject, "set its secret first"},
+    {SECURITY_ERR_NO_PRIV_LVL, Exit::kNoSuchObject, "'quillsec secret show' lists those that have one"},
     {SECURITY_ERR_NO_MORE_PRIV_LVLS, Exit::kNoSuchObject, "set its secret first"},
     {SECURITY_ERR_CERT_TOO_BIG, Exit::kInvalidValue, "use a smaller certificate, without its chain"},
     {SECURITY_ERR_TOO_MANY_LOCALES, Exit::kFailed, "take a locale away first"},

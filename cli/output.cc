@@ -67,6 +67,12 @@ std::string for_programs(const Table& table) {
     return fmt::format("{{{}:[{}{}]}}\n", dump(table.subject), rows, rows.empty() ? "" : "\n");
 }
 
+std::string for_people(const Remark& remark) { return remark.content.text + '\n'; }
+
+std::string for_programs(const Remark& remark) {
+    return dump({{remark.subject, remark.content.value}}) + '\n';
+}
+
 std::string for_people(const Failure& failure) {
     return printable(fmt::format("quillsec: {}{}{}", failure.text, failure.remedy.empty() ? "" : "; ",
                                  failure.remedy)) +
@@ -103,13 +109,12 @@ int write_whole(int descriptor, std::string_view text) {
 void complain(const Failure& failure) { write_whole(STDERR_FILENO, for_people(failure)); }
 }  // namespace
 
-std::string rendered(const Table& table, Form form) {
-    return form == Form::kJson ? for_programs(table) : for_people(table);
-}
-
-std::string rendered(const Remark& remark, Form form) {
-    return (form == Form::kJson ? dump({{remark.subject, remark.content.value}}) : remark.content.text) +
-           '\n';
+std::string rendered(const Answer& answer, Form form) {
+    return std::visit(
+        [=](const auto& content) {
+            return form == Form::kJson ? for_programs(content) : for_people(content);
+        },
+        answer.content);
 }
 
 Exit say(const std::string& text) {

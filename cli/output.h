@@ -1,6 +1,6 @@
 // What a command says, once for people and once for programs.
 //
-// A verb answers with a table; which of the two forms it takes is decided here and nowhere else.
+// A verb answers with a table or a remark; which of the two forms it takes is decided here and nowhere else.
 //
 // For people: aligned columns under a line of headings, plain ASCII around the values, the same on a
 // terminal and in a file. Failures are one line on standard error: tool, object, what is wrong, remedy.
@@ -16,6 +16,7 @@
 //                             "exit_code": 5}}
 //                  status is null where the command failed before anything was asked; its name is null for
 //                  a number that has none, and that of errno where the request was not delivered.
+//   a yes or no    {"verified": false}, likewise a deed that leaves nothing to list: {"deleted": "amy"}
 //   --version      {"version": "1.0.0"}
 //   --help         {"help": "..."}
 // Bytes that are not UTF-8 appear as U+FFFD.
@@ -24,6 +25,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
+#include <variant>
 #include <vector>
 
 #include "cli/failure.h"
@@ -50,16 +52,24 @@ struct Table {
     std::vector<std::vector<Cell>> rows;
 };
 
-// A text for people and for programs that is no table: --help, --version.
+// A text for people and for programs that is no table: a yes or no, --help, --version.
 struct Remark {
     std::string subject;
     Cell content;
 };
 
+// What a verb answers. The exit code is part of it: a "no" is kFailed although nothing went wrong.
+struct Answer {
+    Answer(Table table, Exit code = Exit::kOk) : content(std::move(table)), exit(code) {}
+    Answer(Remark remark, Exit code = Exit::kOk) : content(std::move(remark)), exit(code) {}
+
+    std::variant<Table, Remark> content;
+    Exit exit;
+};
+
 enum class Form { kTable, kJson };
 
-std::string rendered(const Table& table, Form form);
-std::string rendered(const Remark& remark, Form form);
+std::string rendered(const Answer& answer, Form form);
 
 // Says an answer on standard output. Answers how the program ends: kFailed, with a line on standard error,
 // when it could not be written whole.

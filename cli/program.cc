@@ -8,15 +8,17 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <optional>
 
 #include "cli/command.h"
+#include "cli/secret_input.h"
 #include "cli/words.h"
 #include "quillplatform/shell.h"
 
 namespace quill::cli {
 namespace {
-constexpr const Noun* kNouns[] = {&kService};
+constexpr const Noun* kNouns[] = {&kService, &kSecret, &kRecord};
 
 constexpr uint32_t kLongestTimeout = 3600;
 
@@ -49,11 +51,21 @@ void label_next_words(CLI::App& app, const char* words) {
     app.formatter(formatter);
 }
 
+bool is_option(const Argument& argument) { return argument.name[0] == '-'; }
+
+void declare(CLI::App& app, const Argument& argument) {
+    if (argument.need == Argument::kFlag) {
+        app.add_flag(argument.name)->description(argument.help)->disable_flag_override();
+        return;
+    }
+    CLI::Option* option = app.add_option(argument.name, argument.help);
+    option->required(argument.need == Argument::kRequired);
+    if (is_option(argument)) option->option_text(argument.value)->take_last();
+}
+
 void declare(CLI::App& noun_app, const Noun& noun, const Verb& verb, std::optional<std::string>& timeout) {
     CLI::App& app = *noun_app.add_subcommand(verb.name, verb.help)->group("Verbs");
-    for (const Argument& argument : verb.arguments) {
-        app.add_option(argument.name, argument.help)->required(argument.need == Argument::kRequired);
-    }
+    for (const Argument& argument : verb.arguments) declare(app, argument);
     declare_global(app, timeout);
     app.footer(noun.notes);
 }
@@ -105,8 +117,10 @@ const Verb& verb_of(const Levels& levels) {
 std::string usage(const Levels& levels, const Verb& verb) {
     std::string line = "usage: " + path(levels);
     for (const Argument& argument : verb.arguments) {
+        const std::string word =
+            fmt::format("{}{}{}", argument.name, *argument.value ? " " : "", argument.value);
         const bool required = argument.need == Argument::kRequired;
-        line += required ? fmt::format(" {}", argument.name) : fmt::format(" [{}]", argument.name);
+        line += required ? fmt::format(" {}", word) : fmt::format(" [{}]", word);
     }
     return line;
 }
@@ -152,12 +166,22 @@ Failure next_word_failure(const Levels& levels) {
     return wrong_line(kind, fmt::format("{}a {} is missing", where(levels), kind), "use " + either(known));
 }
 
+bool takes_secret(const Verb& verb) {
+    return std::any_of(verb.arguments.begin(), verb.arguments.end(),
+                       [](const Argument& a) { return std::string_view(a.name) == kFromStdin.name; });
+}
+
 Failure argument_failure(const Levels& levels) {
     const Verb& verb = verb_of(levels);
     for (const Argument& argument : verb.arguments) {
         if (argument.need != Argument::kRequired || levels.back()->count(argument.name) > 0) continue;
         return wrong_line(fmt::format("argument '{}'", argument.name),
                           fmt::format("{}{} is missing", where(levels), argument.name), usage(levels, verb));
+    }
+    if (takes_secret(verb)) {
+        // The word may be one, and what is said here may end up in a log.
+        return wrong_line("argument", where(levels) + "there is an argument too many",
+                          usage(levels, verb) + "; secrets do not belong on the command line");
     }
     const std::string object = fmt::format("argument '{}'", misplaced(*levels.back(), false).value_or(""));
     return wrong_line(object, fmt::format("{}{} is not expected", where(levels), object),
@@ -204,7 +228,7 @@ void set_timeout(const std::optional<std::string>& text) {
     security_cmi_timeout = *seconds;
 }
 
-Table run_verb(const CLI::App& root) {
+Answer run_verb(const CLI::App& root) {
     const auto levels = recognised(root);
     const Verb& verb = verb_of(levels);
     Arguments arguments;
@@ -229,7 +253,7 @@ std::string help(const CLI::App& root) {
     return text.erase(text.find_last_not_of('\n') + 1);
 }
 
-std::string answer(std::span<const char* const> words, Form form) {
+Answer answer(std::span<const char* const> words) {
     refuse_terminator(words);
     CLI::App root("shows and changes the security configuration of this system.", "quillsec");
     std::optional<std::string> timeout;
@@ -238,14 +262,14 @@ std::string answer(std::span<const char* const> words, Form form) {
     try {
         root.parse(backwards);
     } catch (const CLI::CallForHelp&) {
-        return rendered(Remark{"help", help(root)}, form);
+        return Remark{"help", help(root)};
     } catch (const CLI::CallForVersion&) {
-        return rendered(Remark{"version", {QUILL_VERSION, "quillsec " QUILL_VERSION}}, form);
+        return Remark{"version", {QUILL_VERSION, "quillsec " QUILL_VERSION}};
     } catch (const CLI::ParseError& error) {
         throw usage_failure(root, error);
     }
     set_timeout(timeout);
-    return rendered(run_verb(root), form);
+    return run_verb(root);
 }
 
 // Known before the line is read, so that a complaint about the line has its form too.
@@ -261,7 +285,9 @@ Form form_of(std::span<const char* const> words) {
 int run(std::span<const char* const> words) noexcept {
     const Form form = form_of(words);
     try {
-        return static_cast<int>(say(answer(words, form)));
+        const Answer given = answer(words);
+        const Exit said = say(rendered(given, form));
+        return static_cast<int>(said == Exit::kOk ? given.exit : said);
     } catch (const Failure& failure) {
         return static_cast<int>(say(failure, form));
     } catch (const std::exception& error) {

@@ -113,7 +113,7 @@ std::optional<uint32_t> stored_value(const Service& service) {
 
 Table table_of_values() { return {"services", {"name", "value"}, {}}; }
 
-Table show(const Arguments& arguments) {
+Answer show(const Arguments& arguments) {
     const std::string* name = arguments.find("NAME");
     Table table = table_of_values();
     for (const Service& service : name ? std::vector{service_named(*name)} : all_services()) {
@@ -122,7 +122,7 @@ Table show(const Arguments& arguments) {
     return table;
 }
 
-Table set(const Arguments& arguments) {
+Answer set(const Arguments& arguments) {
     const Service service = service_named(arguments["NAME"]);
     uint32_t value = value_for(service, arguments["VALUE"]);
     const uint32_t status = status_of(cmi_enable_info_config(0, SET_REQ, service.code, &value));
@@ -133,7 +133,7 @@ Table set(const Arguments& arguments) {
 }
 
 // Telnet's default is for the daemon to know, and so is whether its value differs from it.
-Table defaults(const Arguments&) {
+Answer defaults(const Arguments&) {
     Table table{"defaults", {"name", "default", "value", "differs"}, {}};
     for (const Service& service : all_services()) {
         const Default* factory = find(kDefaults, service.code);

@@ -1,9 +1,11 @@
 // The client's side of every request that carries one whole record.
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 
 #include "quillplatform/shell.h"
+#include "quillsecurity/status.h"
 
 namespace quill {
 
@@ -19,6 +21,13 @@ uint32_t request(int32_t request_type, uint32_t operation, Record& record, uint3
     const uint32_t status = exchange(request_type, operation, &message, sizeof message, connection);
     if (status == 0) record = message;
     return status;
+}
+
+// The status of a request with an undeliverable one, for which the channel answers -1, as SECURITY_ERR_TRANSPORT
+// and errno.
+inline uint32_t with_errno(uint32_t status) {
+    const bool undelivered = status >> 31 != 0 && (status & 0xffff0000u) != SECURITY_ERR_TRANSPORT;
+    return undelivered ? SECURITY_ERR_TRANSPORT | (static_cast<uint32_t>(errno) & 0xfff) : status;
 }
 
 // Lets requests take as long as given while in scope.

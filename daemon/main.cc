@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -81,6 +82,16 @@ gid_t group_number(const char* name) {
     if (found != nullptr) return found->gr_gid;
     syslog(LOG_NOTICE, "there is no group %s; only root may change the configuration", name);
     return 0;
+}
+
+// Whoever starts a daemon may have closed these: nothing that is opened later may take their numbers, or
+// messages would be written into it.
+void open_standard_files() {
+    int opened;
+    do {
+        opened = open("/dev/null", O_RDWR);
+    } while (opened >= 0 && opened <= STDERR_FILENO);
+    if (opened >= 0) close(opened);
 }
 
 // Secrets pass through this memory: no core file of it, and nobody but root looks inside.
@@ -160,6 +171,8 @@ int serve(const Options& options, Background& background) {
 
 int main(int count, char** arguments) {
     using namespace quill;
+    open_standard_files();
+    signal(SIGPIPE, SIG_IGN);  // the reader of its messages may end before it
     const Options options = parse(count, arguments);
     Background background;
     if (!options.foreground && !background.enter()) {

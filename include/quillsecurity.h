@@ -22,6 +22,12 @@
 #include "quillsecurity/status.h"
 
 #include <stdint.h>
+#include <stdio.h>
+#include <sys/types.h>
+
+struct passwd;                /* <pwd.h> */
+struct spwd;                  /* <shadow.h> */
+struct platform_shadow_entry; /* quillplatform/accounts.h */
 
 #ifdef __cplusplus
 extern "C" {
@@ -185,6 +191,24 @@ uint32_t security_verify_hash(const char *secret, uint32_t secret_length, const 
 uint32_t security_verify_shadowed_hash(const char *secret, uint32_t secret_length, const char *stored,
                                        uint32_t stored_length);
 
+/* ---------------------------------------------------------------------------------- password strength */
+
+/* Judges a new password: our own rules, then cracklib with the dictionary /tovo/etc/quillsecurity/cracklib_dict,
+ * without which every password is rejected. Answers 0 when it is accepted or checking is off
+ * (SECURITY_SERVICE_PASSWORD_STRENGTH is 0; connection 0xffffffff does not ask), else the address of the message
+ * of the first rule that it breaks, valid until the next check; cmi_common_user_err_str holds a copy. Null texts
+ * count as empty. Rules and cracklib look at bounded copies: the first 255 characters decide. */
+uintptr_t security_user_password_check_psec_norm(uint32_t connection, const char *password, const char *user_name);
+
+/* Our own rules alone: the message, or null. The message lies in one buffer, which every call overwrites. */
+char *security_check_strength_main(const char *user_name, const char *password);
+
+/* Work in place and answer the text; null stays null. reverse_fun reverses it, bin_sort_fun sorts its characters
+ * as signed bytes, change_to_lower turns all but the first to lower case. */
+char *reverse_fun(char *text);
+char *bin_sort_fun(char *text);
+char *change_to_lower(char *text);
+
 /* ----------------------------------------------------------------------------------------- user records */
 
 /* Handler of the user record; users with user_type 1 are kept apart from all others.
@@ -197,6 +221,10 @@ uint32_t security_verify_shadowed_hash(const char *secret, uint32_t secret_lengt
  * (a stored hash does not decode). A name without a terminator is refused with SECURITY_ERR_REQUEST_TEXT, a
  * password without one that is to be encoded with SECURITY_ERR_CRYPT. */
 uint32_t security_user_config(uint32_t handle, uint32_t operation, security_user *record);
+
+/* Asks the daemon for the same; the record changes only with status 0, also where the handler would fill it and
+ * answer SECURITY_ERR_CRYPT. Undeliverable requests as for cmi_enable_info_config. */
+uint32_t cmi_security_user_config(uint32_t connection, uint32_t operation, security_user *record);
 
 /* ------------------------------------------------------------------------------------- privilege levels */
 
@@ -242,6 +270,88 @@ uint32_t vsh_is_priv_enable(void);
 
 /* Expired users are never let in: 0. */
 uint32_t is_expired_user_allowed(void);
+
+/* -------------------------------------------------------------------------------------- local accounts */
+
+/* All virtual device contexts share one passwd and one shadow file. Accounts of context 1 are stored under their
+ * plain names, those of context NN as NAME#NN#. These functions see the files as the calling process's context
+ * does (sysmgrcmn_vdc_id_get, asked each time). Entries are the C library's, changed in place, and live until its
+ * next call; mapped names live in static buffers. None of them may run beside another. */
+
+/* The context that a stored name belongs to: 1 unless it ends in '#', else the number in the two characters before
+ * that, and 0, which is no context, where none can be read. */
+int32_t security_get_vdc_from_username(const char *name);
+
+/* The next entry of the caller's context, by its plain name; null at the end. Opened and closed with setpwent(3),
+ * setspent(3) and their like, or the stream. */
+struct passwd *vdc_getpwent(void);
+struct spwd *vdc_getspent(void);
+struct passwd *vdc_fgetpwent(FILE *stream);
+struct spwd *vdc_fgetspent(FILE *stream);
+
+/* The entry of a plain name in the caller's context; null when there is none, and with errno EINVAL when the
+ * context's number has no place in a name (above 99). */
+struct passwd *vdc_getpwnam(const char *name);
+struct spwd *vdc_getspnam(const char *name);
+
+/* The entry of a user id of any context. Outside context 1 its name loses four characters, whatever they are; a
+ * shorter name stays. */
+struct passwd *vdc_getpwuid(uid_t uid);
+
+/* The stored form of a plain name, cut to 131 characters, or of a file's name, cut to 1023. Each has a buffer of
+ * its own; that of user names is shared with vdc_getpwnam and vdc_getspnam. Null counts as empty. */
+char *security_get_system_username(const char *name);
+char *security_get_system_filename(const char *name);
+
+/* The platform's shadow entry of a stored name in *entry, null when there is none. A failed look-up is null and its
+ * status; the second function answers 0 even then. */
+uint32_t security_conf_get_vdc_user(uint32_t handle, const char *name, struct platform_shadow_entry **entry);
+uint32_t security_conf_get_user(uint32_t handle, const char *name, struct platform_shadow_entry **entry);
+
+/* 1 when the name is one of the system's own, listed one a line in /tovo/etc/quillsecurity/internalusers, else 0.
+ * The list, of any length, is read at the first call; one that cannot be read then is empty for good. */
+uint32_t is_internal_user(const char *name);
+
+/* Counts the accounts of the caller's context that stand in both files. Answers 0; handle is not used. */
+uint32_t cmi_security_num_users_get(uint32_t handle, uint32_t *count);
+
+/* Name order: shorter names first, then by bytes. Negative, 0 or positive; the arguments are texts. */
+int32_t security_conf_compare_username(const void *a, const void *b);
+
+/* Replaces the stored name in `name` (128 bytes; empty to start) by the one of the shadow file that follows it in
+ * name order; SECURITY_ERR_END_OF_TABLE. Names of every context take part. One of 128 characters or more is
+ * skipped. handle is not used. */
+uint32_t security_conf_user_getnext(uint32_t handle, char *name);
+
+/* The same for the roles of a user, which the daemon is asked for: `role` holds 65 bytes. SECURITY_ERR_NO_MORE_ROLES;
+ * SECURITY_ERR_NOT_FOUND for a user name of 128 characters or more; SECURITY_ERR_TRANSPORT | errno; or the daemon's
+ * status. */
+uint32_t security_conf_user_role_getnext(uint32_t session, const char *user, char *role);
+
+/* The text behind the first `marker` in it, or the whole text. */
+char *security_conf_get_stderr(char *text, const char *marker);
+
+/* Runs a command with /bin/sh -c, in an environment of one variable (PATH). Its output and errors go to the files
+ * named, made with mode 0777 & ~umask and not truncated; null leaves the stream as it is. Answers the exit status, 0
+ * to 255 (127 also when there is no shell); 0 as well when a signal ended the command; -1 for a null command, when
+ * fork(2) failed, and with errno ETIME when it was still running after 150 seconds and was killed. Looks every 25
+ * ms. Leaves no child behind. */
+int32_t security_conf_system(const char *command, const char *out_path, const char *err_path);
+
+/* Removes the accounts of a context that are not internal, 256 at the most, with userdel(8) and their homes below
+ * /bootflash/home and /tmp/home. The log says what became of each: deleted, whatever userdel's exit status, or
+ * failed. A name is cut at 31 characters. Homes of a name from 23 characters on are not removed, since the command
+ * does not fit; nothing is run for a name that the shell would not take for one plain word (letters, digits and
+ * "._-#", not beginning with '.', '-' or '#', a '$' at the end), which is logged as failed with -1. */
+void security_del_vdc_users_for_vdc(int32_t vdc);
+
+/* The same for the calling process's context. */
+void security_del_vdc_users(void);
+
+/* ------------------------------------------------------------------------------------ user management */
+
+/* The text of the last failure that is meant for a person, terminated. */
+extern char cmi_common_user_err_str[256];
 
 /* ------------------------------------------------------------------------------- storage for loaders */
 

@@ -33,21 +33,25 @@ std::optional<int32_t> number_of(std::string_view text, int32_t smallest, int32_
     return number;
 }
 
+// All of the list or, where one of it is no card type, nothing.
 bool add_card_types(std::vector<uint16_t>& types, std::string_view list) {
+    std::vector<uint16_t> listed;
     while (!list.empty()) {
         const size_t comma = list.find(',');
         const auto type = number_of(trimmed(list.substr(0, comma)), 0, kMaxCardType);
         if (!type) return false;
-        types.push_back(static_cast<uint16_t>(*type));
+        listed.push_back(static_cast<uint16_t>(*type));
         list = comma == std::string_view::npos ? std::string_view() : list.substr(comma + 1);
     }
+    types.insert(types.end(), listed.begin(), listed.end());
     return true;
 }
 
 bool set(Config& config, const std::string_view name, const char* value) {
     if (name == "vdc_id") {
-        config.vdc_id = parse_number(value, 1, kMaxVdc);
-        return config.vdc_id.has_value();
+        const auto id = parse_number(value, 1, kMaxVdc);
+        if (id) config.vdc_id = id;
+        return id.has_value();
     }
     if (name == "card_type") {
         const auto type = parse_number(value, 0, kMaxCardType);

@@ -9,6 +9,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -34,13 +35,17 @@ class Deadline {
  public:
     Deadline() : at_(Clock::now() + std::chrono::seconds(limit())) {}
     bool passed() const { return Clock::now() >= at_; }
-    static uint32_t limit() { return security_cmi_timeout != 0 ? security_cmi_timeout : kDefaultTimeout; }
-    std::chrono::microseconds left() const {
-        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(at_ - Clock::now());
-        return std::max(left, std::chrono::microseconds(1));  // 0 would mean to wait for ever
+    // In whole tenths of a second, rounded up: a request that nothing delays finds the bound that the last one
+    // set. Never 0, which would mean to wait for ever.
+    std::chrono::milliseconds left() const {
+        constexpr std::chrono::milliseconds kTenth(100);
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(at_ - Clock::now());
+        return std::max((left + kTenth - std::chrono::milliseconds(1)) / kTenth * kTenth, kTenth);
     }
 
  private:
+    static uint32_t limit() { return security_cmi_timeout != 0 ? security_cmi_timeout : kDefaultTimeout; }
+
     Clock::time_point at_;
 };
 
@@ -50,13 +55,13 @@ class Connection {
     int get(const Deadline& deadline);
     void drop();
     // Bounds the socket's calls by the time that is left, whenever that differs from the last bound.
-    bool bound(std::chrono::microseconds time);
+    bool bound(std::chrono::milliseconds time);
     bool inherited() const { return socket_ >= 0 && owner_ != getpid(); }
 
  private:
     int socket_ = -1;
     pid_t owner_ = 0;
-    std::chrono::microseconds bound_{};
+    std::chrono::milliseconds bound_{};
 };
 
 struct Answer {
@@ -75,9 +80,10 @@ void Connection::drop() {
     errno = kept_errno;
 }
 
-bool Connection::bound(std::chrono::microseconds time) {
+bool Connection::bound(std::chrono::milliseconds time) {
     if (time == bound_) return true;
-    const timeval value{static_cast<time_t>(time.count() / 1000000), static_cast<suseconds_t>(time.count() % 1000000)};
+    const int64_t seconds = std::min<int64_t>(time.count() / 1000, INT32_MAX);  // a 32-bit time_t holds no more
+    const timeval value{static_cast<time_t>(seconds), static_cast<suseconds_t>(time.count() % 1000 * 1000)};
     if (setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &value, sizeof value) != 0 ||
         setsockopt(socket_, SOL_SOCKET, SO_SNDTIMEO, &value, sizeof value) != 0)
         return false;
@@ -95,10 +101,11 @@ int Connection::get(const Deadline& deadline) {
     if (socket_ < 0) return -1;
     owner_ = getpid();
     bound_ = {};
-    while (bound(std::chrono::seconds(Deadline::limit()))) {
+    while (bound(deadline.left())) {
         if (connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return socket_;
-        if (errno == EAGAIN) errno = ETIMEDOUT;  // the daemon's queue stayed full
-        if (errno != EINTR || deadline.passed()) break;
+        if (errno == EINTR && !deadline.passed()) continue;
+        if (errno == EAGAIN || errno == EINTR) errno = ETIMEDOUT;  // the daemon's queue stayed full
+        break;
     }
     drop();
     return -1;
@@ -110,7 +117,7 @@ bool never_arrived(int error) { return error == EPIPE || error == ECONNRESET || 
 bool send_request(msghdr& message, const Deadline& deadline) {
     for (bool fresh = false;;) {
         const int socket = connection.get(deadline);
-        if (socket < 0 || !connection.bound(std::chrono::seconds(Deadline::limit()))) return false;
+        if (socket < 0 || !connection.bound(deadline.left())) return false;
         if (sendmsg(socket, &message, MSG_NOSIGNAL) >= 0) return true;
         if (errno == EINTR && !deadline.passed()) continue;
         if (errno == EAGAIN || errno == EINTR) errno = ETIMEDOUT;
@@ -128,7 +135,7 @@ bool receive_reply(const Deadline& deadline) {
     msghdr message{};
     message.msg_iov = parts;
     message.msg_iovlen = 2;
-    for (;;) {
+    while (connection.bound(deadline.left())) {
         const ssize_t received = recvmsg(connection.get(deadline), &message, 0);
         if (received > 0) {
             const bool whole = (message.msg_flags & MSG_TRUNC) == 0;
@@ -137,13 +144,14 @@ bool receive_reply(const Deadline& deadline) {
         } else if (received == 0) {
             errno = ECONNRESET;
         } else if (errno == EINTR && !deadline.passed()) {
-            if (connection.bound(deadline.left())) continue;
+            continue;
         } else if (errno == EAGAIN || errno == EINTR) {
             errno = ETIMEDOUT;
         }
-        connection.drop();
-        return false;
+        break;
     }
+    connection.drop();
+    return false;
 }
 
 int32_t exchange(int32_t request_type, uint32_t operation, void* record, uint32_t length) {
@@ -167,7 +175,10 @@ int32_t exchange(int32_t request_type, uint32_t operation, void* record, uint32_
     message.msg_iovlen = 2;
     const Deadline deadline;
     if (!send_request(message, deadline) || !receive_reply(deadline)) return -1;
-    return static_cast<int32_t>(static_cast<uint32_t>(answer.head.status));
+    const uint32_t status = answer.head.status;
+    if (status <= INT32_MAX) return static_cast<int32_t>(status);
+    errno = EPROTO;  // no status of a daemon: it would pass for a failure of the channel
+    return -1;
 }
 
 // A block of the reply's record, or null where it has none. False when memory ran out.

@@ -219,7 +219,8 @@ bool Server::Loop::serve(Client& client) {
     const Answer given = answer(client, head, size, (message.msg_flags & MSG_TRUNC) == 0);
     if (is_refusal(given.status)) refusals.add(client.peer, head, size, given.status);
     const bool sent = reply(client.socket, given);
-    explicit_bzero(record, std::max<size_t>(size, given.length));  // records carry secrets
+    // Records carry secrets. What was received is a head longer than the record.
+    explicit_bzero(record, std::min(sizeof record, std::max<size_t>(size, given.length)));
     if (given.changed) settle_soon();
     return sent;
 }

@@ -7,6 +7,7 @@
 #ifndef QUILLPLATFORM_H
 #define QUILLPLATFORM_H
 
+#include "quillplatform/accounts.h"
 #include "quillplatform/pss.h"
 #include "quillplatform/random.h"
 #include "quillplatform/shell.h"

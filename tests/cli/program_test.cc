@@ -14,6 +14,7 @@
 
 #include "quillplatform.h"
 #include "quillsecurity.h"
+#include "tests/cli/quillsec.h"
 
 namespace {
 
@@ -25,20 +26,6 @@ struct Daemon {
     uint32_t timeout = 0;  // in force at the last request
 };
 Daemon the_daemon;
-
-struct Result {
-    int exit;
-    std::string out;
-    std::string err;
-};
-
-Result quillsec(const std::vector<const char*>& words) {
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    const int exit = quill::cli::run(words);
-    const std::string out = testing::internal::GetCapturedStdout();
-    return {exit, out, testing::internal::GetCapturedStderr()};
-}
 
 class Program : public testing::Test {
  protected:
@@ -131,7 +118,7 @@ TEST_F(Program, RefusesBeforeAsking) {
          3,
          "service 'a\\x0a\\x1b[1m' does not exist; 'quillsec service show' lists all"},
         {{"service", "show", "set"}, 3, "service 'set' does not exist; 'quillsec service show' lists all"},
-        {{}, 2, "a noun is missing; use service"},
+        {{}, 2, "a noun is missing; use service, secret or record"},
         {{"servce", "show"}, 2, "noun 'servce' does not exist; did you mean 'service'?"},
         {{"service"}, 2, "service: a verb is missing; use show, set or defaults"},
         {{"service", "shwo", "ssh"}, 2, "service: verb 'shwo' does not exist; did you mean 'show'?"},
@@ -147,6 +134,17 @@ TEST_F(Program, RefusesBeforeAsking) {
          2,
          "service set: argument '-x' is not expected; usage: quillsec service set NAME VALUE; "
          "quote what contains blanks"},
+        {{"secret", "set", "3", "hunter2"},
+         2,
+         "secret set: there is an argument too many; usage: quillsec secret set LEVEL [--stdin]; "
+         "secrets do not belong on the command line"},
+        {{"record", "show", "amy", "bob"},
+         2,
+         "record show: argument 'bob' is not expected; usage: quillsec record show [NAME] [--type N] "
+         "[--show-password]; quote what contains blanks"},
+        {{"secret", "verify", "3", "--stdin=x"},
+         2,
+         "secret verify: option '--stdin' takes no value; see 'quillsec secret verify --help'"},
         {{"service", "show", "++"}, 2, "argument '++' is not expected; put '--' before it"},
         {{"service", "show", "--jsn"},
          2,

@@ -203,6 +203,11 @@ void buginf(uint32_t level, const char* module_name, uint32_t zero, const char* 
     world().printed.push_back(std::to_string(level) + " " + module_name + " " + std::to_string(zero) + " " + text);
 }
 
+platform_shadow_entry* mygetspnam(uint32_t handle, const char* name) {
+    world().shadow_look_ups.emplace_back(handle, name);
+    return world().shadow ? &*world().shadow : nullptr;
+}
+
 uint32_t TRAL_random() { return world().random; }
 
 int32_t sysmgrcmn_vdc_id_get() { return world().vdc; }

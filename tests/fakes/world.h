@@ -48,6 +48,9 @@ struct World {
     int card_reads = 0;
     int32_t vdc = 1;
     uint32_t random = 0x1f;  // every number drawn
+
+    std::optional<platform_shadow_entry> shadow;  // what every look-up of a shadow entry finds
+    std::vector<std::pair<uint32_t, std::string>> shadow_look_ups;
 };
 
 World& world();

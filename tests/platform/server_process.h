@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -76,12 +77,15 @@ class ScriptedServer {
         listener_ = bound_socket(SOCK_SEQPACKET, path);
         listen(listener_, backlog);
         thread_ = std::thread([this, script] {
-            for (int connection; (connection = accept(listener_, nullptr, nullptr)) >= 0; close(connection))
-                script(connection);
+            while ((connection_ = accept(listener_, nullptr, nullptr)) >= 0) {
+                script(connection_);
+                close(connection_.exchange(-1));
+            }
         });
     }
     ~ScriptedServer() {
         shutdown(listener_, SHUT_RDWR);
+        shutdown(connection_, SHUT_RDWR);  // the client keeps its end
         thread_.join();
         close(listener_);
     }
@@ -90,5 +94,6 @@ class ScriptedServer {
 
  private:
     int listener_ = -1;
+    std::atomic<int> connection_ = -1;
     std::thread thread_;
 };

@@ -148,7 +148,7 @@ TEST_F(SqliteFiles, OneOpenAtATime) {
 
 TEST_F(SqliteFiles, StoresDoNotShareHandlesBytesOrRecords) {
     uint32_t handles[16], status = 0;
-    for (size_t i = 0; i < 16; ++i) {
+    for (unsigned i = 0; i < 16; ++i) {
         ASSERT_EQ(PSS_OK, open(PSS_READ_WRITE | PSS_CREATE, numbered("s", i)));
         handles[i] = handle;
         put(handle, "key", "of " + std::to_string(i));

@@ -1,50 +1,9 @@
 // What every store keeps to, the fake that the library is tested with included: each test runs over both.
-#include <gtest/gtest.h>
-
-#include "tests/platform/fresh_store.h"
-#include "tests/support/store.h"
+#include "tests/platform/store_contract.h"
 
 namespace {
 
-class StoreContract : public testing::Test {
- protected:
-    // Key and value under the cursor as "key=value", or the status in brackets.
-    std::string here() {
-        uint32_t status = 0x55;
-        const pss_descriptor* found = pss2_getkey(store, &status);
-        if (status != PSS_OK) return found == nullptr && value_here() == "" ? bracketed(status) : "not both refused";
-        const std::string key = bytes_of(found);
-        return key + "=" + value_here();
-    }
-
-    std::string value_here() {
-        uint32_t status = 0x55;
-        const pss_descriptor* found = pss2_getvalue(store, &status);
-        if (status == PSS_OK) return bytes_of(found);
-        return found == nullptr && status == PSS_NO_KEY ? "" : "(wrong)";
-    }
-
-    std::string move(const std::string& key) {
-        const pss_descriptor run = describe(key);
-        uint32_t handle = store, status = 0x55;
-        const uint32_t answer = pss2_move2key(&handle, PSS_MODE, &run, &status);
-        EXPECT_EQ(answer, status) << "answered and stored";
-        return (status == PSS_OK ? "at " : "after ") + here();
-    }
-
-    std::string next() {
-        uint32_t handle = store, status = 0x55;
-        const uint32_t answer = pss2_move2location(&handle, PSS_MODE, PSS_NEXT, &status);
-        EXPECT_EQ(answer, status) << "answered and stored";
-        return status == PSS_OK ? here() : bracketed(status);
-    }
-
-    static std::string bracketed(uint32_t status) { return status == PSS_NO_KEY ? "none" : "failed"; }
-
-    const uint32_t store = fresh_store();
-};
-
-TEST_F(StoreContract, AValueIsWhatWasLastStored) {
+TEST_P(StoreContract, AValueIsWhatWasLastStored) {
     EXPECT_EQ("[40480003]", fetch(store, "key"));
     EXPECT_EQ(PSS_NO_KEY, erase(store, "key"));
     for (const std::string& value : {std::string("first"), std::string("a longer second"), std::string("3rd"),
@@ -59,7 +18,7 @@ TEST_F(StoreContract, AValueIsWhatWasLastStored) {
     EXPECT_EQ(PSS_NO_KEY, erase(store, "key"));
 }
 
-TEST_F(StoreContract, TheLongestKeyAndValueAreKeptWhole) {
+TEST_P(StoreContract, TheLongestKeyAndValueAreKeptWhole) {
     const std::string key(PSS_MAX_KEY, 'k');
     std::string value(PSS_MAX_VALUE, 'v');
     for (size_t i = 0; i < value.size(); ++i) value[i] = static_cast<char>(i * 7 + i / 256);
@@ -70,7 +29,7 @@ TEST_F(StoreContract, TheLongestKeyAndValueAreKeptWhole) {
 }
 
 // Byte order: unsigned, a prefix before what it begins, zeros and 0xff like any other byte.
-TEST_F(StoreContract, AWalkGoesInTheByteOrderOfTheKeys) {
+TEST_P(StoreContract, AWalkGoesInTheByteOrderOfTheKeys) {
     const std::string ordered[] = {std::string(1, '\0'), std::string("\0\0", 2), std::string("\0\1", 2),
                                    "A",  std::string("A\0", 2), "AA", "B", "a", "\x7f", "\x80", "\xff", "\xff\xff"};
     for (const size_t i : {7, 2, 11, 0, 9, 4, 6, 1, 10, 3, 8, 5}) ASSERT_EQ(PSS_OK, put(store, ordered[i], "v"));
@@ -79,7 +38,7 @@ TEST_F(StoreContract, AWalkGoesInTheByteOrderOfTheKeys) {
     EXPECT_EQ("none", next());
 }
 
-TEST_F(StoreContract, MovingToAKey) {
+TEST_P(StoreContract, MovingToAKey) {
     EXPECT_EQ("after none", move("any")) << "an empty store";
     put(store, "bb", "1");
     put(store, "dd", "2");
@@ -97,7 +56,7 @@ TEST_F(StoreContract, MovingToAKey) {
     EXPECT_EQ("none", next());
 }
 
-TEST_F(StoreContract, ACursorOutlivesTheRecordUnderIt) {
+TEST_P(StoreContract, ACursorOutlivesTheRecordUnderIt) {
     for (const char* key : {"a", "b", "c", "d"}) put(store, key, "1");
     move("b");
     erase(store, "b");
@@ -117,7 +76,7 @@ TEST_F(StoreContract, ACursorOutlivesTheRecordUnderIt) {
     EXPECT_EQ("bb=came after", next()) << "what follows is decided by the step";
 }
 
-TEST_F(StoreContract, ACursorSeesWhatIsStoredNow) {
+TEST_P(StoreContract, ACursorSeesWhatIsStoredNow) {
     put(store, "a", "old");
     put(store, "c", "old");
     move("a");
@@ -131,7 +90,7 @@ TEST_F(StoreContract, ACursorSeesWhatIsStoredNow) {
     EXPECT_EQ("c=new", next());
 }
 
-TEST_F(StoreContract, AWalkMeetsTheNextTable) {
+TEST_P(StoreContract, AWalkMeetsTheNextTable) {
     const std::string one("\0\0\0\1", 4), two("\0\0\0\2", 4);
     put(store, one + "z", "last of one");
     put(store, two, "bare key of two");
@@ -142,7 +101,7 @@ TEST_F(StoreContract, AWalkMeetsTheNextTable) {
     EXPECT_EQ("none", next());
 }
 
-TEST_F(StoreContract, WrongWordsAreRefusedAndTouchNothing) {
+TEST_P(StoreContract, WrongWordsAreRefusedAndTouchNothing) {
     const std::string name = "a";
     const pss_descriptor key = describe(name);
     put(store, "a", "1");

@@ -1,5 +1,6 @@
 #include "tests/support/daemon.h"
 
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/mman.h>
@@ -28,14 +29,6 @@ socklen_t make_address(const std::string& path, sockaddr_un& address) {
     return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
 }
 
-[[noreturn]] void execute(const std::vector<std::string>& arguments) {
-    std::vector<char*> words{const_cast<char*>("quillsecurityd")};
-    for (const auto& argument : arguments) words.push_back(const_cast<char*>(argument.c_str()));
-    words.push_back(nullptr);
-    execv(QUILLSECURITYD, words.data());
-    _exit(127);
-}
-
 // A file without a name that collects what a child prints.
 int new_log() { return memfd_create("log", MFD_CLOEXEC); }
 
@@ -57,6 +50,14 @@ bool wait_until_ready(int notices, pid_t daemon) {
 
 }  // namespace
 
+void execute_daemon(const std::vector<std::string>& arguments) {
+    std::vector<char*> words{const_cast<char*>("quillsecurityd")};
+    for (const auto& argument : arguments) words.push_back(const_cast<char*>(argument.c_str()));
+    words.push_back(nullptr);
+    execv(QUILLSECURITYD, words.data());
+    _exit(127);
+}
+
 int bound_socket(int type, const std::string& path) {
     sockaddr_un address;
     const socklen_t size = make_address(path, address);
@@ -74,8 +75,9 @@ Daemon::Daemon(const std::vector<std::string>& arguments) : log_(new_log()) {
         setenv("NOTIFY_SOCKET", manager.c_str(), 1);
         dup2(log_, STDERR_FILENO);
         std::vector<std::string> all{"--foreground"};
+        if (geteuid() != 0) all.insert(all.end(), {"--admin-group", getgrgid(getegid())->gr_name});
         all.insert(all.end(), arguments.begin(), arguments.end());
-        execute(all);
+        execute_daemon(all);
     });
     ready_ = wait_until_ready(notices, pid_);
     close(notices);
@@ -101,7 +103,7 @@ int run_daemon_command(const std::vector<std::string>& arguments, std::string& p
     const int status = in_child([&] {
         dup2(log, STDOUT_FILENO);
         dup2(log, STDERR_FILENO);
-        execute(arguments);
+        execute_daemon(arguments);
     });
     printed = contents(log);
     close(log);
@@ -113,7 +115,9 @@ RawClient::RawClient() : socket_(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 
     const socklen_t size = make_address(getenv("QUILL_RUNTIME_DIR") + std::string("/quillsecurityd.sock"), address);
     const timeval patience{kPatience / 1000, 0};
     setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    if (connect(socket_, reinterpret_cast<sockaddr*>(&address), size) != 0) ADD_FAILURE() << strerror(errno);
+    if (connect(socket_, reinterpret_cast<sockaddr*>(&address), size) == 0) return;
+    close(socket_);
+    socket_ = -1;
 }
 
 RawClient::~RawClient() {
@@ -122,6 +126,12 @@ RawClient::~RawClient() {
 
 bool RawClient::send(const std::string& frame, int flags) {
     return ::send(socket_, frame.data(), frame.size(), flags | MSG_NOSIGNAL) >= 0;
+}
+
+pid_t RawClient::server() const {
+    ucred credentials{};
+    socklen_t size = sizeof credentials;
+    return getsockopt(socket_, SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0 ? credentials.pid : -1;
 }
 
 std::string RawClient::receive() {

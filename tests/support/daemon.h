@@ -7,7 +7,8 @@
 #include <string>
 #include <vector>
 
-// Started in the foreground, on the folders that the environment names; gone with the object.
+// Started in the foreground, on the folders that the environment names; gone with the object. Whoever runs the
+// tests is its administrator.
 class Daemon {
  public:
     explicit Daemon(const std::vector<std::string>& arguments = {});
@@ -30,18 +31,22 @@ class Daemon {
 // Runs quillsecurityd with these arguments until the command returns; how it ended, and what it printed.
 int run_daemon_command(const std::vector<std::string>& arguments, std::string& printed);
 
+// Becomes that program.
+[[noreturn]] void execute_daemon(const std::vector<std::string>& arguments);
+
 // An AF_UNIX address; a path that begins with '@' is a name in the abstract namespace.
 int bound_socket(int type, const std::string& path);
 
 class RawClient {
  public:
-    RawClient();  // connected to the daemon's socket
+    RawClient();  // connected to the daemon's socket, or failing at each call
     ~RawClient();
     RawClient(RawClient&& other) noexcept : socket_(other.socket_) { other.socket_ = -1; }
 
     bool send(const std::string& frame, int flags = 0);
     std::string receive();  // within 10 seconds; empty where the connection has ended
     std::string ask(const std::string& frame) { return send(frame) ? receive() : ""; }
+    pid_t server() const;  // the process that listens
 
  private:
     int socket_;

@@ -1,10 +1,9 @@
-#include <gtest/gtest.h>
-
 #include <memory>
 
-#include "quillplatform/pss.h"
-#include "tests/platform/fresh_store.h"
+#include "tests/platform/store_contract.h"
 #include "tests/support/box.h"
+
+namespace {
 
 uint32_t fresh_store() {
     static std::unique_ptr<Box> box;
@@ -18,3 +17,7 @@ uint32_t fresh_store() {
     EXPECT_EQ(PSS_OK, status);
     return handle;
 }
+
+INSTANTIATE_TEST_SUITE_P(Sqlite, StoreContract, testing::Values(fresh_store));
+
+}  // namespace

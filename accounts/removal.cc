@@ -1,0 +1,85 @@
+// Removing all accounts of a virtual device context, with their homes.
+//
+// Names go into command lines, so a name that the shell or a tool would take for anything but one plain word
+// runs nothing at all, and neither does a command that does not fit its buffer: cut short, it would remove what
+// belongs to somebody else.
+#include <shadow.h>
+#include <syslog.h>
+
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "quillplatform/sysmgr.h"
+#include "quillsecurity.h"
+
+namespace quill {
+namespace {
+
+constexpr size_t kMostUsers = 256;
+constexpr size_t kNameSlot = 32;
+constexpr size_t kCommand = 80;
+constexpr char kOut[] = "/tmp/userdel.out";
+constexpr char kErr[] = "/tmp/userdel.err";
+
+using Name = std::array<char, kNameSlot>;
+
+// Stored names, in the order of the shadow file. A longer one is cut and then names nobody.
+size_t collect(int32_t context, std::array<Name, kMostUsers>& names) {
+    size_t count = 0;
+    setspent();
+    const spwd* entry;
+    while (count < names.size() && (entry = getspent()) != nullptr) {
+        if (is_internal_user(entry->sp_namp) != 0 || security_get_vdc_from_username(entry->sp_namp) != context)
+            continue;
+        Name& name = names[count++];
+        strncpy(name.data(), entry->sp_namp, name.size());
+        name.back() = '\0';
+    }
+    endspent();
+    return count;
+}
+
+bool is_plain_word(const char* name) {
+    constexpr char kPlain[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-#";
+    // An option, a comment, a folder above; and no name at all, which would be everybody's home.
+    if (*name == '\0' || *name == '-' || *name == '#' || *name == '.') return false;
+    const size_t plain = strspn(name, kPlain);
+    return name[plain] == '\0' || strcmp(name + plain, "$") == 0;
+}
+
+// Runs the command unless it does not fit; -1 then.
+__attribute__((format(printf, 1, 2))) int32_t run(const char* format, ...) {
+    char command[kCommand];
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = vsnprintf(command, sizeof command, format, arguments);
+    va_end(arguments);
+    const bool fits = length >= 0 && static_cast<size_t>(length) < sizeof command;
+    return fits ? security_conf_system(command, kOut, kErr) : -1;
+}
+
+void remove(const char* name) {
+    int32_t result = -1;
+    if (is_plain_word(name)) {
+        run("rm -fr /bootflash/home/%s /tmp/home/%s", name, name);
+        result = run("userdel -r %s", name);
+    }
+    // userdel's own failures are not told apart: only the runner's count.
+    if (result >= 0)
+        syslog(LOG_INFO, "deleted user %s", name);
+    else
+        syslog(LOG_ERR, "user delete failed for: %s return value: %d", name, result);
+}
+
+}  // namespace
+}  // namespace quill
+
+void security_del_vdc_users_for_vdc(int32_t vdc) {
+    std::array<quill::Name, quill::kMostUsers> names;
+    const size_t count = quill::collect(vdc, names);
+    for (size_t i = 0; i < count; ++i) quill::remove(names[i].data());
+}
+
+void security_del_vdc_users() { security_del_vdc_users_for_vdc(sysmgrcmn_vdc_id_get()); }

@@ -1,0 +1,78 @@
+#include "cli/secret_input.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "cli/terminal.h"
+#include "cli/words.h"
+
+namespace quill::cli {
+namespace {
+
+Failure refused(const SecretWanted& wanted, Exit exit, const std::string& what, std::string remedy) {
+    return {exit, wanted.object, fmt::format("{}: {}", wanted.object, what), std::move(remedy)};
+}
+
+void check(const SecretWanted& wanted, const Line& secret) {
+    const char* fault = nullptr;
+    if (secret.length == 0) fault = "is empty";
+    if (secret.length > wanted.longest) fault = "is too long";
+    if (memchr(secret.bytes, '\0', secret.length)) fault = "holds a NUL byte";
+    if (!fault) return;
+    throw refused(wanted, Exit::kInvalidValue, fmt::format("the {} {}", wanted.name, fault),
+                  fmt::format("use 1 to {} bytes", wanted.longest));
+}
+
+void read_from_stdin(const SecretWanted& wanted, Line& secret) {
+    if (isatty(STDIN_FILENO)) {
+        throw refused(wanted, Exit::kUsage, "standard input is a terminal, which would show what is typed",
+                      fmt::format("leave out {} to be asked", kFromStdin.name));
+    }
+    if (!read_line(STDIN_FILENO, wanted.longest, secret)) {
+        throw refused(wanted, Exit::kFailed,
+                      fmt::format("standard input cannot be read: {}", error_text(errno)),
+                      fmt::format("connect it to what gives the {}", wanted.name));
+    }
+    check(wanted, secret);
+}
+
+// False when a signal is to be let in first.
+bool ask(const Terminal& terminal, const HiddenInput& hidden, const std::string& prompt, size_t longest,
+         Line& line) {
+    terminal.say(printable(prompt));
+    const bool answered = hidden.read_line(longest, line);
+    terminal.say("\n");  // in place of the one that was typed
+    return answered;
+}
+
+bool ask(const Terminal& terminal, const SecretWanted& wanted, Line& secret) {
+    const HiddenInput hidden(terminal);
+    const std::string prompt = fmt::format("{} of {}: ", wanted.name, wanted.object);
+    if (!ask(terminal, hidden, prompt, wanted.longest, secret)) return false;
+    check(wanted, secret);
+    if (!wanted.new_one) return true;
+    Line again;
+    if (!ask(terminal, hidden, "the same again: ", wanted.longest, again)) return false;
+    if (again.length != secret.length || memcmp(again.bytes, secret.bytes, secret.length) != 0) {
+        throw refused(wanted, Exit::kInvalidValue, "the two entries differ",
+                      fmt::format("enter the same {} twice", wanted.name));
+    }
+    return true;
+}
+}  // namespace
+
+void read_secret(const SecretWanted& wanted, const Arguments& arguments, Line& secret) {
+    if (arguments.has(kFromStdin.name)) return read_from_stdin(wanted, secret);
+    const Terminal terminal;
+    if (!terminal.found()) {
+        throw refused(wanted, Exit::kUsage,
+                      fmt::format("there is no terminal to ask for the {}", wanted.name),
+                      fmt::format("give it on standard input with {}", kFromStdin.name));
+    }
+    while (!ask(terminal, wanted, secret)) {
+    }
+}
+
+}  // namespace quill::cli

@@ -1,0 +1,25 @@
+// The box's account files, written anew for each test, and what the library logs.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tests/fakes/library_test.h"
+
+struct Account {
+    std::string name;
+    bool in_passwd = true;
+    bool in_shadow = true;
+};
+
+class AccountFiles : public LibraryTest {
+ protected:
+    void SetUp() override;
+    static void write(const std::vector<Account>& accounts);
+};
+
+void write_file(const std::string& path, const std::string& text);
+std::string read_file(const std::string& path);
+
+// Lines of syslog(3), each with its priority before it.
+std::vector<std::string>& log_lines();

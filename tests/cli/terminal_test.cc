@@ -1,0 +1,217 @@
+// Secrets typed at a terminal: the program runs as a job of a small shell, which says on the screen how it
+// found the terminal when the job stopped or ended.
+#include <poll.h>
+#include <pty.h>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstring>
+
+#include "tests/cli/fake_daemon.h"
+#include "tests/cli/quillsec.h"
+
+namespace {
+
+void report(const char* what, int number) {
+    termios modes;
+    tcgetattr(STDIN_FILENO, &modes);
+    int left = 0;
+    ioctl(STDIN_FILENO, FIONREAD, &left);
+    dprintf(STDOUT_FILENO, "[%s %d, echo %s, %d bytes left]\n", what, number,
+            modes.c_lflag & ECHO ? "on" : "off", left);
+}
+
+[[noreturn]] void job(const std::vector<const char*>& words) {
+    setpgid(0, 0);
+    tcsetpgrp(STDIN_FILENO, getpid());
+    signal(SIGTTOU, SIG_DFL);
+    _exit(quill::cli::run(words));
+}
+
+pid_t the_job;
+
+void take_terminal_and_end_job(int) {
+    tcsetpgrp(STDIN_FILENO, getpid());
+    kill(the_job, SIGTERM);
+}
+
+// Runs the command in the foreground and wakes it again whenever it has been stopped.
+[[noreturn]] void shell(const std::vector<const char*>& words) {
+    signal(SIGTTOU, SIG_IGN);
+    const pid_t pid = fork();
+    if (pid == 0) job(words);
+    setpgid(pid, pid);
+    the_job = pid;
+    signal(SIGUSR1, take_terminal_and_end_job);
+    for (int status; waitpid(pid, &status, WUNTRACED) == pid;) {
+        if (WIFSIGNALED(status)) report("killed by", WTERMSIG(status));
+        if (WIFEXITED(status)) report("ended", WEXITSTATUS(status));
+        if (!WIFSTOPPED(status)) break;
+        report("stopped by", WSTOPSIG(status));
+        kill(-pid, SIGCONT);
+    }
+    _exit(0);
+}
+
+// A person in front of it.
+class Screen {
+ public:
+    explicit Screen(const std::vector<const char*>& words) {
+        shell_ = forkpty(&terminal_, nullptr, nullptr, nullptr);
+        if (shell_ == 0) shell(words);
+    }
+    ~Screen() {
+        close(terminal_);
+        kill(shell_, SIGKILL);
+        waitpid(shell_, nullptr, 0);
+    }
+    Screen(const Screen&) = delete;
+    Screen& operator=(const Screen&) = delete;
+
+    // Waits until the screen shows the text behind what was waited for before.
+    bool shows(const std::string& text) {
+        for (;;) {
+            const size_t found = screen_.find(text, seen_);
+            if (found != std::string::npos) {
+                seen_ = found + text.size();
+                return true;
+            }
+            pollfd watched{terminal_, POLLIN, 0};
+            char bytes[1024];
+            if (poll(&watched, 1, 20000) != 1) return false;
+            const ssize_t count = read(terminal_, bytes, sizeof bytes);
+            if (count <= 0) return false;
+            screen_.append(bytes, static_cast<size_t>(count));
+        }
+    }
+    void types(const std::string& text) {
+        ASSERT_EQ(static_cast<ssize_t>(text.size()), write(terminal_, text.data(), text.size()));
+    }
+    void ends_in_the_background() const { kill(shell_, SIGUSR1); }
+    const std::string& all() const { return screen_; }
+
+ private:
+    int terminal_ = -1;
+    pid_t shell_;
+    std::string screen_;
+    size_t seen_ = 0;
+};
+
+constexpr char kPrompt[] = "secret of privilege level 3: ";
+constexpr char kAgain[] = "the same again: ";
+
+class TypedSecret : public FakeDaemonTest {
+ protected:
+    void SetUp() override {
+        FakeDaemonTest::SetUp();
+        const StandardInput given("right");
+        ASSERT_EQ(0, quillsec({"secret", "set", "3", "--stdin"}).exit);
+    }
+};
+
+TEST_F(TypedSecret, IsAskedForTwiceAndNeverShown) {
+    const struct {
+        const char* first;
+        const char* second;
+        int exit;
+        const char* says;
+    } cases[] = {
+        {"hunter2", "hunter2", 0, "3      set     hash"},
+        {"hunter2", "hunter3", 6, "privilege level 3: the two entries differ; enter the same secret twice"},
+        {"hunter2", "hunter", 6, "differ"},
+        {"hunter2", "", 6, "differ"},
+        {"hun\x7fnter2", "hunter2", 0, "3      set     hash"},  // corrected on the way
+    };
+    for (const auto& c : cases) {
+        Screen screen({"secret", "set", "3"});
+        ASSERT_TRUE(screen.shows(kPrompt));
+        screen.types(std::string(c.first) + "\n");
+        ASSERT_TRUE(screen.shows(kAgain)) << screen.all();
+        screen.types(std::string(c.second) + "\n");
+        EXPECT_TRUE(screen.shows(c.says)) << screen.all();
+        EXPECT_TRUE(screen.shows("[ended " + std::to_string(c.exit) + ", echo on, 0 bytes left]"))
+            << screen.all();
+        EXPECT_EQ(std::string::npos, screen.all().find("hun")) << screen.all();
+    }
+}
+
+// Lines that come both at once, as when they are pasted, are two answers, and what is too much is dropped.
+TEST_F(TypedSecret, IsRefusedLikeAnyOther) {
+    const std::string too_long = std::string(1024, 'x') + "tail\n";
+    const struct {
+        std::string typed;
+        int exit;
+        const char* says;
+    } cases[] = {
+        {"hunter2\nhunter2\n", 0, "set     hash"},
+        {"\n", 6, "the secret is empty"},
+        {"\x04", 6, "the secret is empty"},
+        {too_long, 6, "the secret is too long"},
+        {too_long + too_long, 6, "the secret is too long"},
+    };
+    for (const auto& c : cases) {
+        Screen screen({"secret", "set", "3"});
+        ASSERT_TRUE(screen.shows(kPrompt));
+        screen.types(c.typed);
+        EXPECT_TRUE(screen.shows(c.says)) << screen.all();
+        EXPECT_TRUE(screen.shows("[ended " + std::to_string(c.exit) + ", echo on, 0 bytes left]"))
+            << screen.all();
+    }
+}
+
+TEST_F(TypedSecret, IsAskedForOnceToVerify) {
+    for (const auto& [typed, exit] : {std::pair{"right", 0}, {"wrong", 1}}) {
+        Screen screen({"secret", "verify", "3"});
+        ASSERT_TRUE(screen.shows(kPrompt));
+        screen.types(std::string(typed) + "\n");
+        EXPECT_TRUE(screen.shows("[ended " + std::to_string(exit) + ", echo on")) << screen.all();
+    }
+}
+
+TEST_F(TypedSecret, InterruptionsFindTheTerminalAsItWas) {
+    Screen screen({"secret", "set", "3"});
+    ASSERT_TRUE(screen.shows(kPrompt));
+    screen.types("hun\x1a");
+    EXPECT_TRUE(screen.shows("[stopped by 20, echo on, 0 bytes left]")) << screen.all();
+    // Back in the foreground everything is asked again.
+    ASSERT_TRUE(screen.shows(kPrompt)) << screen.all();
+    screen.types("hunter2\n");
+    ASSERT_TRUE(screen.shows(kAgain)) << screen.all();
+    screen.types("\x1a");
+    EXPECT_TRUE(screen.shows("[stopped by 20, echo on, 0 bytes left]")) << screen.all();
+    ASSERT_TRUE(screen.shows(kPrompt)) << screen.all();
+    screen.types(
+        "hun\x04"
+        "ter2\x03");
+    EXPECT_TRUE(screen.shows("[killed by 2, echo on, 0 bytes left]")) << screen.all();
+    EXPECT_EQ(std::string::npos, screen.all().find("hun")) << screen.all();
+}
+
+TEST_F(TypedSecret, TheTerminalIsPutRightFromTheBackgroundToo) {
+    Screen screen({"secret", "verify", "3"});
+    ASSERT_TRUE(screen.shows(kPrompt));
+    screen.ends_in_the_background();
+    EXPECT_TRUE(screen.shows("[killed by 15, echo on")) << screen.all();
+}
+
+TEST_F(TypedSecret, AllAreDeletedOnlyForAYes) {
+    for (const auto& [typed, exit] : {std::pair{"y", 0}, {"YES", 0}, {"", 1}, {"n", 1}, {"yet", 1}}) {
+        Screen screen({"secret", "delete", "--all"});
+        ASSERT_TRUE(screen.shows("delete the secrets of all privilege levels? [y/N] ")) << screen.all();
+        screen.types(std::string(typed) + "\n");
+        EXPECT_TRUE(screen.shows("[ended " + std::to_string(exit) + ", echo on")) << screen.all();
+    }
+}
+
+TEST_F(TypedSecret, IsNotReadFromATerminalThatShowsIt) {
+    Screen screen({"secret", "set", "3", "--stdin"});
+    EXPECT_TRUE(
+        screen.shows("standard input is a terminal, which would show what is typed; leave out --stdin"))
+        << screen.all();
+    EXPECT_TRUE(screen.shows("[ended 2")) << screen.all();
+}
+
+}  // namespace

@@ -1,0 +1,159 @@
+// The small pieces of the platform: trace history, configuration, texts of statuses.
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <sstream>
+#include <vector>
+
+#include "quillplatform.h"
+#include "quillsecurity/status.h"
+#include "tests/support/box.h"
+#include "tests/support/process.h"
+
+namespace {
+
+// ---- Traces. Each test is a process of its own, so the history begins empty and $QUILL_TRACE is yet unread.
+
+void trace(const std::string& text) {
+    const std::string event = std::string("\x66\0\0\0", 4) + text;
+    sdwrap_hist_event(0x730000, static_cast<uint32_t>(event.size()), event.data());
+}
+
+// The dumped lines without their time.
+std::vector<std::string> dumped() {
+    const int file = memfd_create("dump", 0);
+    EXPECT_EQ(0, quill_trace_dump(file));
+    std::string bytes(1 << 20, '\0');
+    bytes.resize(static_cast<size_t>(pread(file, bytes.data(), bytes.size(), 0)));
+    close(file);
+    std::vector<std::string> lines;
+    std::istringstream stream(bytes);
+    for (std::string line; std::getline(stream, line);) {
+        EXPECT_EQ("T", line.substr(10, 1)) << line;
+        lines.push_back(line.substr(std::min<size_t>(21, line.size())));
+    }
+    return lines;
+}
+
+void traces_keep_the_last_512() {
+    EXPECT_TRUE(dumped().empty());
+    for (int i = 0; i < 700; ++i) trace(std::to_string(i));
+    const auto lines = dumped();
+    ASSERT_EQ(512u, lines.size());
+    for (size_t i = 0; i < lines.size(); ++i) EXPECT_EQ(std::to_string(i + 188), lines[i]);
+    EXPECT_EQ(-1, quill_trace_dump(-1));
+    EXPECT_EQ(EBADF, errno);
+}
+
+void traces_are_bounded_and_harmless() {
+    trace(std::string(5000, 'x'));
+    trace("ends\nhere\r\x1b[2Jand\x7f");
+    trace(std::string("up to\0the end", 13));
+    trace("");
+    sdwrap_hist_event(0, 2, "ab");
+    sdwrap_hist_event(0, 0, "");
+    EXPECT_EQ((std::vector<std::string>{std::string(512, 'x'), "ends.here..[2Jand.", "up to", "", "", ""}), dumped());
+}
+
+TEST(Traces, TheHistory) {
+    EXPECT_EQ(0, in_child(traces_keep_the_last_512));
+    EXPECT_EQ(0, in_child(traces_are_bounded_and_harmless));
+}
+
+TEST(Traces, TheEnvironmentChoosesTheSinks) {
+    const struct {
+        const char* value;
+        bool history, debug;
+    } cases[] = {{nullptr, true, false}, {"", true, false}, {"history", true, false}, {"debug", true, true}, {"off", false, false}};
+    for (const auto& c : cases) {
+        const int ended = in_child([&] {
+            unsetenv("QUILL_TRACE");
+            if (c.value != nullptr) setenv("QUILL_TRACE", c.value, 1);
+            EXPECT_EQ(c.history, sdwrap_hist_event_subtype_check(0x730000, 102) == 0);
+            EXPECT_EQ(c.debug, sdwrap_chk_int(102, 0, 0, 1) != 0);
+        });
+        EXPECT_EQ(0, ended) << c.value;
+    }
+}
+
+TEST(Traces, MessagesGoToStandardErrorUnderTheirModulesName) {
+    testing::internal::CaptureStderr();
+    buginf(1, "security", 0, "%s has %d%%", "a name", 7);
+    EXPECT_EQ("security: a name has 7%\n", testing::internal::GetCapturedStderr());
+}
+
+// ---- Configuration
+
+struct Settings {
+    int32_t vdc;
+    int32_t card;  // -1: not to be read
+    std::vector<uint16_t> telnet;
+};
+
+void expect_settings(const std::string& file, const char* environment, const Settings& want) {
+    const int ended = in_child([&] {
+        Box box;
+        if (!file.empty()) write_file(box / "platform.conf", file);
+        setenv("QUILL_PLATFORM_CONF", (box / "platform.conf").c_str(), 1);
+        unsetenv("SYSMGR_VDC_ID");
+        if (environment != nullptr) setenv("SYSMGR_VDC_ID", environment, 1);
+        EXPECT_EQ(want.vdc, sysmgrcmn_vdc_id_get());
+        card_module_info card{777};
+        EXPECT_EQ(want.card < 0, get_card_module_info(&card) != 0);
+        EXPECT_EQ(want.card < 0 ? 777 : want.card, card.card_type);
+        uint32_t count = 77;
+        const uint16_t* types = quill_telnet_card_types(&count);
+        EXPECT_EQ(want.telnet, std::vector<uint16_t>(types, types + count));
+    });
+    EXPECT_EQ(0, ended) << file << (environment == nullptr ? "" : environment);
+}
+
+TEST(Configuration, ItsLines) {
+    const std::string good = "[system]\nvdc_id = 7\ncard_type = 65535\ntelnet_card_types = 12, 13,0\n";
+    expect_settings("", nullptr, {1, -1, {}});
+    expect_settings(good, nullptr, {7, 65535, {12, 13, 0}});
+    expect_settings("; a comment\n\n[system]\ncard_type=0 ; zero is a type\n", nullptr, {1, 0, {}});
+    expect_settings("[other]\nvdc_id = 7\n[system]\n", nullptr, {1, -1, {}});
+    // What is not understood leaves everything else as it was.
+    for (const char* garbage : {"vdc_id = 0", "vdc_id = 100", "vdc_id = 7x", "vdc_id =", "card_type = -1", "card_type = 65536",
+                                "card_type = twelve", "telnet_card_types = 5, x", "telnet_card_types = 70000",
+                                "no such name = 1", "neither name nor value", "[system", "\xff\xfe"})
+        expect_settings(good + garbage + "\n", nullptr, {7, 65535, {12, 13, 0}});
+}
+
+TEST(Configuration, TheEnvironmentGoesFirst) {
+    const std::string file = "[system]\nvdc_id = 7\n";
+    for (const char* value : {"1", "99", "42"}) expect_settings(file, value, {atoi(value), -1, {}});
+    for (const char* value : {"0", "100", "-1", "", "7 ", "x", "4294967297", "0x10"}) expect_settings(file, value, {7, -1, {}});
+    expect_settings("", "0", {1, -1, {}});
+}
+
+// ---- Texts
+
+TEST(StatusTexts, EveryStatusHasItsOwn) {
+    struct Row {
+        uint32_t status;
+        const char* text;
+    };
+    std::vector<uint32_t> seen;
+#define ROW(name, value, text) Row{value, text},
+    for (const Row& row : {SECURITY_STATUS_LIST(ROW) PSS_STATUS_LIST(ROW)}) {
+        EXPECT_STREQ(row.text, syserr2str(row.status));
+        seen.push_back(row.status);
+    }
+#undef ROW
+    std::sort(seen.begin(), seen.end());
+    // Success and "no key" stand in both lists.
+    EXPECT_EQ(seen.end() - 2, std::unique(seen.begin(), seen.end())) << "one status, one meaning";
+}
+
+TEST(StatusTexts, Others) {
+    EXPECT_STREQ("the request could not be delivered: Connection refused", syserr2str(SECURITY_ERR_TRANSPORT | ECONNREFUSED));
+    EXPECT_STREQ("the request could not be delivered: unknown reason", syserr2str(SECURITY_ERR_TRANSPORT | 0xfff));
+    EXPECT_STREQ("unknown status 0x804a1000", syserr2str(SECURITY_ERR_TRANSPORT | 0x1000));
+    EXPECT_STREQ("unknown status 0xffffffff", syserr2str(0xffffffff));
+}
+
+}  // namespace
