@@ -30,6 +30,7 @@ TEST_F(EnableInfo, AnswersByOperation) {
     } cases[] = {
         {"get", GET_REQ, 2, 0, 0x01020304},
         {"get of an unset one", GET_REQ, 1, 0x404a0007, 0x11223344},
+        {"get of another unset one", GET_REQ, 20, 0x404a0007, 0x11223344},
         {"get of unset scp", GET_REQ, 16, 0, 0},
         {"get of a code without a name", GET_REQ, 13, 0, 7},
         {"getnext", GETNEXT_REQ, 2, 0, 0x11223344},

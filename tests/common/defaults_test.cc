@@ -1,4 +1,6 @@
 // Defaults fill what is absent and nothing else.
+#include <algorithm>
+
 #include "tests/fakes/library_test.h"
 
 namespace {
@@ -48,16 +50,20 @@ TEST_F(Defaults, TelnetGoesByTheCard) {
     }
 }
 
-// The third write fails: two values stay, the rest is left for the next start.
+// Whichever write fails, those before it stay and the rest is left for the next start.
 TEST_F(Defaults, StopAtTheFirstFailedWrite) {
-    world().answer = {{"pss2_store", 0x40480009}};
-    world().fail_after = {{"pss2_store", 2}};
-    EXPECT_EQ(0x40480009u, security_conf_default_check(kHandle));
-    EXPECT_EQ(be32(1), stored(1));
-    EXPECT_EQ(be32(1024), stored(8));
-    EXPECT_EQ(2u, world().store.size());
-    EXPECT_EQ("error in storing to pss:<[40480009]>", world().traces.back());
-    EXPECT_EQ(3, std::count(world().calls.begin(), world().calls.end(), "pss2_store"));
+    const uint32_t order[] = {1, 8, 9, 10, 13, 14, 20, 21, 2};
+    for (size_t written = 0; written < 9; ++written) {
+        world() = World();
+        world().answer = {{"pss2_store", 0x40480009}};
+        world().fail_after = {{"pss2_store", static_cast<int>(written)}};
+        EXPECT_EQ(0x40480009u, security_conf_default_check(kHandle));
+        EXPECT_EQ(written, world().store.size());
+        for (size_t i = 0; i < 9; ++i) EXPECT_EQ(i >= written, stored(order[i]) == "absent") << order[i];
+        EXPECT_EQ("error in storing to pss:<[40480009]>", world().traces.back());
+        EXPECT_EQ(static_cast<int>(written) + 1,
+                  std::count(world().calls.begin(), world().calls.end(), "pss2_store"));
+    }
 }
 
 // What cannot be read is not known to be absent.

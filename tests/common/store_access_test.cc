@@ -102,6 +102,42 @@ TEST_F(StoreAccess, Move2LocationTracesUnderItsSistersName) {
               world().traces);
 }
 
+TEST_F(StoreAccess, Move2LocationFailsByEitherAnswer) {
+    world().store = {{"aaaa", "1"}, {"bbbb", "2"}};
+    char bytes[] = "aaaa";
+    const pss_descriptor key{bytes, 4};
+    const struct {
+        const char* what;
+        uint32_t location, result, status, want;
+    } cases[] = {{"the result alone", 3, 1, 0, 0}, {"the status alone", 3, 0, 0x4048000c, 0x4048000c},
+                 {"another location", 5, PSS_BAD_ARGUMENT, 0, PSS_BAD_ARGUMENT}};
+    for (const auto& c : cases) {
+        world().answer.clear();
+        uint32_t status = 0;
+        security_pss_move2key(kHandle, &key, &status);
+        if (c.status != 0) world().answer = {{"pss2_move2location", c.status}};
+        world().move_result = c.result;
+        EXPECT_EQ(nullptr, security_pss_move2location(kHandle, c.location, &status)) << c.what;
+        EXPECT_EQ(c.want, status) << c.what;
+    }
+}
+
+// The key's own status is the caller's, except behind an absent key, which must stay known to be absent.
+TEST_F(StoreAccess, AKeyThatCannotBeReadIsReported) {
+    world().store = {{"bbbb", "1"}, {"cccc", "2"}};
+    world().answer = {{"pss2_getkey", 0x4048000c}};
+    char bytes[] = "bbbb";
+    pss_descriptor key{bytes, 4};
+    uint32_t status = 0;
+    EXPECT_EQ(nullptr, security_pss_move2key(kHandle, &key, &status));
+    EXPECT_EQ(0x4048000cu, status);
+    EXPECT_EQ(nullptr, security_pss_move2location(kHandle, 3, &status));
+    EXPECT_EQ(0x4048000cu, status);
+    bytes[0] = 'a';
+    EXPECT_EQ(nullptr, security_pss_move2key(kHandle, &key, &status));
+    EXPECT_EQ(0x40480003u, status);
+}
+
 // ---- Walks, as a handler of a table keyed by name makes them
 
 struct Named {

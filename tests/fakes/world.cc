@@ -113,7 +113,7 @@ uint32_t pss2_delete(uint32_t handle, const pss_descriptor* key, uint32_t count)
 
 uint32_t pss2_move2key(uint32_t* handle, uint32_t mode, const pss_descriptor* key, uint32_t* status) {
     *status = begin("pss2_move2key", *handle);
-    if (*status == SECURITY_OK && mode != PSS_MODE) *status = PSS_BAD_ARGUMENT;
+    if (*status == SECURITY_OK && mode != 1) *status = PSS_BAD_ARGUMENT;
     if (*status != SECURITY_OK) return *status;
     const std::string wanted = bytes_of(key);
     place(world().store.lower_bound(wanted));
@@ -123,9 +123,9 @@ uint32_t pss2_move2key(uint32_t* handle, uint32_t mode, const pss_descriptor* ke
 
 uint32_t pss2_move2location(uint32_t* handle, uint32_t mode, uint32_t location, uint32_t* status) {
     *status = begin("pss2_move2location", *handle);
-    if (*status == SECURITY_OK && (mode != PSS_MODE || location != PSS_NEXT)) *status = PSS_BAD_ARGUMENT;
+    if (*status == SECURITY_OK && (mode != 1 || location != 3)) *status = PSS_BAD_ARGUMENT;
     if (*status == SECURITY_OK) *status = cursor ? place(world().store.upper_bound(*cursor)) : SECURITY_PSS_NO_KEY;
-    return *status;
+    return world().move_result.value_or(*status);
 }
 
 pss_descriptor* pss2_getkey(uint32_t handle, uint32_t* status) {
@@ -181,7 +181,8 @@ uint32_t sdwrap_hist_event_subtype_check(uint32_t module, uint32_t subtype) {
     return world().history && module == 0x730000 && subtype == 102 ? 0 : 1;
 }
 
-uint32_t sdwrap_hist_event(uint32_t, uint32_t length, const void* event) {
+uint32_t sdwrap_hist_event(uint32_t module, uint32_t length, const void* event) {
+    if (module != 0x730000) return 1;
     const std::string bytes(static_cast<const char*>(event), length);
     world().events.push_back(bytes);
     world().traces.push_back(bytes.substr(4, bytes.size() - 5));
@@ -208,7 +209,10 @@ platform_shadow_entry* mygetspnam(uint32_t handle, const char* name) {
     return world().shadow ? &*world().shadow : nullptr;
 }
 
-uint32_t TRAL_random() { return world().random; }
+uint32_t TRAL_random() {
+    ++world().randoms;
+    return world().random;
+}
 
 int32_t sysmgrcmn_vdc_id_get() { return world().vdc; }
 

@@ -30,6 +30,7 @@ struct World {
     uint32_t version = 0;
     std::map<std::string, uint32_t> answer;    // "pss2_store" -> the status it gives from now on
     std::map<std::string, int> fail_after;     // how many calls go well before `answer` holds
+    std::optional<uint32_t> move_result;       // what pss2_move2location returns beside its status
     std::vector<std::string> calls;            // of the store, in order: name, then its plain arguments
 
     bool history = true;
@@ -48,6 +49,7 @@ struct World {
     int card_reads = 0;
     int32_t vdc = 1;
     uint32_t random = 0x1f;  // every number drawn
+    int randoms = 0;         // how many were
 
     std::optional<platform_shadow_entry> shadow;  // what every look-up of a shadow entry finds
     std::vector<std::pair<uint32_t, std::string>> shadow_look_ups;

@@ -1,8 +1,28 @@
 // Hash strings against digests made with the openssl tool:
 //   printf '%s' SECRET SALT SECRET | openssl dgst -md5
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstring>
+#include <ctime>
 
 #include "tests/fakes/library_test.h"
+
+namespace {
+
+std::vector<unsigned> seeds;
+bool clock_fails = false;
+
+}  // namespace
+
+// Taken in place of the C library's.
+extern "C" void srandom(unsigned seed) { seeds.push_back(seed); }
+extern "C" int clock_gettime(clockid_t clock, timespec* now) {
+    if (!clock_fails) return static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+    errno = EINVAL;
+    return -1;
+}
 
 namespace {
 
@@ -52,6 +72,27 @@ TEST_F(SaltedHash, SaltsIgnoreTheLengthAskedFor) {
     EXPECT_EQ(8, length);
 }
 
+// The generator is seeded afresh for each number: by the clock's nanoseconds, or by time and process.
+TEST_F(SaltedHash, SaltsSeedTheGenerator) {
+    for (const bool fails : {false, true}) {
+        seeds.clear();
+        world().randoms = 0;
+        char salt[9];
+        int32_t length = 10;  // draws, and is then asked for again without a length
+        const auto before = static_cast<unsigned>(time(nullptr)) + static_cast<unsigned>(getpid());
+        clock_fails = fails;
+        EXPECT_EQ(0u, security_gen_salt(salt, &length));
+        clock_fails = false;
+        ASSERT_EQ(2u, seeds.size());
+        EXPECT_EQ(2, world().randoms);
+        if (fails)
+            EXPECT_LE(seeds[0] - before, 1u);
+        else
+            EXPECT_NE(seeds[0], seeds[1]) << "nanoseconds pass between the two";
+        EXPECT_LT(seeds[0], fails ? 0xffffffffu : 1000000000u);
+    }
+}
+
 TEST_F(SaltedHash, DigestIsOverSecretSaltSecret) {
     const struct {
         const char *digest, *secret, *salt;
@@ -96,6 +137,10 @@ TEST_F(SaltedHash, DigestTraces) {
     security_calculate_hash("abc", 3, "1f", 2, area, &length, "sha1");
     EXPECT_EQ("sha1 Digest is: ", world().traces[0]);
     EXPECT_EQ("md5 hash_len:20", world().traces[22]) << "whatever the digest";
+    world().history = false;
+    world().debug = true;
+    security_calculate_hash("abc", 3, "1f", 2, area, &length, "sha1");
+    EXPECT_EQ(24u, world().printed.size()) << "the other sink alone";
 }
 
 TEST_F(SaltedHash, EncoderCountsHalfTheDigits) {
