@@ -1,5 +1,5 @@
-// The command runner: a shell with an environment of one variable, its output sent to files, waited for with a
-// time limit and without signals or threads.
+// The command runner: a shell with an environment of one variable, its output sent to files, waited for with
+// a time limit and without signals or threads.
 #include <fcntl.h>
 #include <sys/select.h>
 #include <sys/wait.h>
@@ -54,7 +54,8 @@ void sleep_a_step() {
 // A child that cannot die, stuck in a device, is left to init after a second rather than waited for.
 void kill_and_reap(pid_t child) {
     kill(child, SIGKILL);
-    for (int i = 0; i < kReapTries && waitpid(child, nullptr, WNOHANG) == 0; ++i) nanosleep(&kReapPause, nullptr);
+    for (int i = 0; i < kReapTries && waitpid(child, nullptr, WNOHANG) == 0; ++i)
+        nanosleep(&kReapPause, nullptr);
 }
 
 }  // namespace

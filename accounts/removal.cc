@@ -1,8 +1,8 @@
 // Removing all accounts of a virtual device context, with their homes.
 //
 // Names go into command lines, so a name that the shell or a tool would take for anything but one plain word
-// runs nothing at all, and neither does a command that does not fit its buffer: cut short, it would remove what
-// belongs to somebody else.
+// runs nothing at all, and neither does a command that does not fit its buffer: cut short, it would remove
+// what belongs to somebody else.
 #include <shadow.h>
 #include <syslog.h>
 
@@ -31,7 +31,8 @@ size_t collect(int32_t context, std::array<Name, kMostUsers>& names) {
     setspent();
     const spwd* entry;
     while (count < names.size() && (entry = getspent()) != nullptr) {
-        if (is_internal_user(entry->sp_namp) != 0 || security_get_vdc_from_username(entry->sp_namp) != context)
+        if (is_internal_user(entry->sp_namp) != 0 ||
+            security_get_vdc_from_username(entry->sp_namp) != context)
             continue;
         Name& name = names[count++];
         strncpy(name.data(), entry->sp_namp, name.size());

@@ -1,4 +1,5 @@
-// Names as the account files store them: those of virtual device context 1 as they are, all others followed by
+// Names as the account files store them: those of virtual device context 1 as they are, all others followed
+// by
 // "#NN#", the context's number.
 #pragma once
 

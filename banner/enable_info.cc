@@ -4,8 +4,8 @@
 // to assume; only scp reads as disabled then.
 #include "common/byte_order.h"
 #include "common/request.h"
-#include "common/tables.h"
 #include "common/store_access.h"
+#include "common/tables.h"
 #include "common/trace.h"
 #include "quillsecurity.h"
 

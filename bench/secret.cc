@@ -47,7 +47,8 @@ void verify_hash_string(benchmark::State& state) {
     uint32_t length;
     security_calculate_md5_shadowed_hash(kSecret, kLength, area, &length);
     area[length] = '\0';
-    for (auto _ : state) benchmark::DoNotOptimize(security_verify_shadowed_hash(kSecret, kLength, area, length));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(security_verify_shadowed_hash(kSecret, kLength, area, length));
 }
 BENCHMARK(verify_hash_string);
 

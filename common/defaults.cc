@@ -3,8 +3,8 @@
 #include <algorithm>
 
 #include "common/byte_order.h"
-#include "common/tables.h"
 #include "common/store_access.h"
+#include "common/tables.h"
 #include "common/trace.h"
 #include "quillplatform/sysmgr.h"
 #include "quillsecurity.h"

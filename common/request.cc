@@ -26,7 +26,8 @@ class Reply {
 
 }  // namespace
 
-uint32_t exchange(int32_t request_type, uint32_t operation, void* record, uint32_t length, uint32_t connection) {
+uint32_t exchange(int32_t request_type, uint32_t operation, void* record, uint32_t length,
+                  uint32_t connection) {
     security_conf_cmi_byteorder_convert(request_type, record);
     Reply reply;
     uint32_t received = length;

@@ -44,7 +44,8 @@ template <class Field, class Finish>
 uint32_t take_as(uint32_t handle, const pss_descriptor& found, Field& identity, Run value, Finish finish) {
     Field copy;
     const uint32_t skipped = std::min(found.length, kIdentityAt);
-    copy_padded({&copy, sizeof copy}, static_cast<unsigned char*>(found.bytes) + skipped, found.length - skipped);
+    copy_padded({&copy, sizeof copy}, static_cast<unsigned char*>(found.bytes) + skipped,
+                found.length - skipped);
     finish(copy);
 
     uint32_t status = SECURITY_OK;
@@ -120,9 +121,7 @@ uint32_t security_pss_create(uint32_t* handle, const char* name, uint32_t word1,
     return status;
 }
 
-int32_t set_pss_version(uint32_t handle) {
-    return pss_version_set(handle, 1, quill::kVersion) == 0 ? 0 : -1;
-}
+int32_t set_pss_version(uint32_t handle) { return pss_version_set(handle, 1, quill::kVersion) == 0 ? 0 : -1; }
 
 pss_descriptor* security_pss_move2key(uint32_t handle, const pss_descriptor* key, uint32_t* status) {
     pss2_move2key(&handle, PSS_MODE, key, status);

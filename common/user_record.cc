@@ -28,8 +28,8 @@ Run value_of(security_user& user) {
 bool encode(security_user& user) {
     CodedSecret cipher;
     if (!terminated(user.password) ||
-        security_conf_encrypt(user.password, SECURITY_ENCRYPTION_CIPHER, nullptr, 0, cipher.block(), cipher.length()) !=
-            SECURITY_OK ||
+        security_conf_encrypt(user.password, SECURITY_ENCRYPTION_CIPHER, nullptr, 0, cipher.block(),
+                              cipher.length()) != SECURITY_OK ||
         !cipher.fits(user.password))
         return false;
     cipher.copy_to(user.password);
@@ -40,8 +40,9 @@ bool encode(security_user& user) {
 bool decode(security_user& user) {
     CodedSecret clear;
     if (!terminated(user.password) ||
-        security_conf_decrypt(user.password, static_cast<uint32_t>(strlen(user.password)) + 1, user.encryption_type,
-                              nullptr, 0, clear.block(), clear.length()) != SECURITY_OK ||
+        security_conf_decrypt(user.password, static_cast<uint32_t>(strlen(user.password)) + 1,
+                              user.encryption_type, nullptr, 0, clear.block(),
+                              clear.length()) != SECURITY_OK ||
         !clear.fits(user.password))
         return false;
     clear.copy_to(user.password);

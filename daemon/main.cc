@@ -120,7 +120,8 @@ bool open_store(uint32_t& store) {
     }
     status = security_conf_default_check(store);
     // Half the defaults are better than no service: what is missing is written at the next start.
-    if (status != SECURITY_OK) syslog(LOG_ERR, "not all defaults are stored: %s (%#x)", syserr2str(status), status);
+    if (status != SECURITY_OK)
+        syslog(LOG_ERR, "not all defaults are stored: %s (%#x)", syserr2str(status), status);
     pss2_settle();
     return true;
 }

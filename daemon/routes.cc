@@ -22,8 +22,8 @@ uint32_t enable_info(uint32_t store, uint32_t operation, void* record) {
 // The same hash as the handler would make, into an empty field.
 bool hash(security_priv_info& info) {
     CodedSecret hashed;
-    const uint32_t status = security_conf_encrypt(info.secret, SECURITY_ENCRYPTION_HASH, nullptr, 0, hashed.block(),
-                                                  hashed.length());
+    const uint32_t status = security_conf_encrypt(info.secret, SECURITY_ENCRYPTION_HASH, nullptr, 0,
+                                                  hashed.block(), hashed.length());
     if (status != SECURITY_OK || !hashed.fits(info.secret)) return false;
     OPENSSL_cleanse(info.secret, sizeof info.secret);
     OPENSSL_cleanse(info.salt, sizeof info.salt);
@@ -35,8 +35,8 @@ bool hash(security_priv_info& info) {
     return true;
 }
 
-// The handler keeps what stands in the field behind the hash, which would store the tail of a longer secret in
-// clear and never verify it. So it is never given one.
+// The handler keeps what stands in the field behind the hash, which would store the tail of a longer secret
+// in clear and never verify it. So it is never given one.
 uint32_t priv_info(uint32_t store, uint32_t operation, void* record) {
     auto& info = *static_cast<security_priv_info*>(record);
     const bool clear = operation == SET_REQ && info.encryption_type == SECURITY_ENCRYPTION_TO_HASH;
@@ -60,8 +60,8 @@ constexpr CountField kPrivInfoCounts[] = {COUNT(security_priv_info, secret_len, 
 constexpr Route kRoutes[] = {
     {SECURITY_ENABLE_INFO_REQUEST, sizeof(security_enable_info), enable_info, Access::kEveryone,
      Access::kAdministrators},
-    {SECURITY_USER_REQUEST, sizeof(security_user), by<security_user, security_user_config>, Access::kAdministrators,
-     Access::kAdministrators, kUserTexts},
+    {SECURITY_USER_REQUEST, sizeof(security_user), by<security_user, security_user_config>,
+     Access::kAdministrators, Access::kAdministrators, kUserTexts},
     {SECURITY_PRIV_INFO_REQUEST, sizeof(security_priv_info), priv_info, Access::kAdministrators,
      Access::kAdministrators, kPrivInfoTexts, kPrivInfoCounts},
 };

@@ -1,5 +1,5 @@
-// The reversible cipher in both directions: a text comes back, under the built-in key and under any other, and
-// no byte outside it is touched.
+// The reversible cipher in both directions: a text comes back, under the built-in key and under any other,
+// and no byte outside it is touched.
 #include <cstdlib>
 #include <cstring>
 #include <string>

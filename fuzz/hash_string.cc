@@ -21,7 +21,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     char* output = nullptr;
     uint32_t length = 0;
-    const uint32_t decoded = security_verify_md5_hash_func(stored, given, secret.data(), secret_length, &output, &length);
+    const uint32_t decoded =
+        security_verify_md5_hash_func(stored, given, secret.data(), secret_length, &output, &length);
     if (decoded != status || (output != nullptr) != (status == SECURITY_OK)) abort();
     free(output);
     free(stored);

@@ -15,7 +15,8 @@ platform_shadow_entry* mygetspnam(uint32_t, const char* name) {
         return &entry;
     }
     // Only these say that reading went wrong; other values are left over from looking for the file's line.
-    if (errno != EACCES && errno != EIO && errno != EMFILE && errno != ENFILE && errno != ENOMEM) return nullptr;
+    if (errno != EACCES && errno != EIO && errno != EMFILE && errno != ENFILE && errno != ENOMEM)
+        return nullptr;
     entry = {SECURITY_ERR_TRANSPORT | static_cast<uint32_t>(errno), "", -1};
     return &entry;
 }

@@ -34,7 +34,8 @@ bool take_runtime_directory(std::string& reason) {
         return false;
     }
     if (facts.st_uid != geteuid() || (facts.st_mode & 022) != 0) {
-        reason = "runtime directory " + folder + " must belong to the daemon's user and be writable for it alone";
+        reason =
+            "runtime directory " + folder + " must belong to the daemon's user and be writable for it alone";
         return false;
     }
     const std::string lock = folder + "/quillsecurityd.lock";
@@ -44,7 +45,8 @@ bool take_runtime_directory(std::string& reason) {
         return false;
     }
     if (flock(descriptor, LOCK_EX | LOCK_NB) == 0) return true;  // held by the descriptor, so until the end
-    reason = errno == EWOULDBLOCK ? "another quillsecurityd is running already; stop it first" : because("lock " + lock);
+    reason = errno == EWOULDBLOCK ? "another quillsecurityd is running already; stop it first"
+                                  : because("lock " + lock);
     close(descriptor);
     return false;
 }

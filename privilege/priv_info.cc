@@ -16,7 +16,8 @@ constexpr uint32_t kTable = 22;
 constexpr int32_t kLastLevel = 15;
 
 // Traces of this record name the handler and a line.
-#define TRACE(format, ...) trace("%s(%d):" format, "security_priv_info_config", __LINE__ __VA_OPT__(, ) __VA_ARGS__)
+#define TRACE(format, ...) \
+    trace("%s(%d):" format, "security_priv_info_config", __LINE__ __VA_OPT__(, ) __VA_ARGS__)
 
 Run value_of(security_priv_info& info) {
     return {&info.encryption_type, sizeof info - offsetof(security_priv_info, encryption_type)};
@@ -27,8 +28,8 @@ bool hash(security_priv_info& info) {
     const bool whole = terminated(info.secret);
     CodedSecret hashed;
     if (!whole ||
-        security_conf_encrypt(info.secret, SECURITY_ENCRYPTION_HASH, nullptr, 0, hashed.block(), hashed.length()) !=
-            SECURITY_OK ||
+        security_conf_encrypt(info.secret, SECURITY_ENCRYPTION_HASH, nullptr, 0, hashed.block(),
+                              hashed.length()) != SECURITY_OK ||
         !hashed.fits(info.secret)) {
         trace("encryption failed for secret:%s, encryption-type:%d", whole ? info.secret : "",
               SECURITY_ENCRYPTION_HASH);
@@ -130,7 +131,8 @@ uint32_t cmi_security_priv_info_config(uint32_t connection, uint32_t operation, 
     return quill::request(SECURITY_PRIV_INFO_REQUEST, operation, *record, connection);
 }
 
-uint32_t cmi_security_priv_info_config_all(uint32_t connection, uint32_t operation, security_priv_info* record) {
+uint32_t cmi_security_priv_info_config_all(uint32_t connection, uint32_t operation,
+                                           security_priv_info* record) {
     for (int32_t level = 1; level <= quill::kLastLevel; ++level) {
         record->priv_lvl = level;  // the rest is as the last reply left it
         const uint32_t status = cmi_security_priv_info_config(connection, operation, record);
@@ -154,8 +156,8 @@ uint32_t cmi_security_vsh_callback_priv_info_cleanup(uint32_t connection) {
     return cmi_security_priv_info_cleanup(connection, DEL_REQ);
 }
 
-uint32_t security_verify_priv_level_secret(uint32_t connection, const char* candidate, uint32_t candidate_length,
-                                           int32_t level, uint32_t* matched) {
+uint32_t security_verify_priv_level_secret(uint32_t connection, const char* candidate,
+                                           uint32_t candidate_length, int32_t level, uint32_t* matched) {
     *matched = 0;
     quill::PrivateRecord record;
     record.priv_lvl = level;

@@ -1,5 +1,6 @@
-// The reversible cipher: each letter of the text is moved along the alphabet by a letter of the key (Vigenere).
-// It hides a password from a glance and from nobody else; its strength is that the same text comes back.
+// The reversible cipher: each letter of the text is moved along the alphabet by a letter of the key
+// (Vigenere). It hides a password from a glance and from nobody else; its strength is that the same text
+// comes back.
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
@@ -18,16 +19,14 @@ constexpr int kAlphabet = 26;
 bool is_letter(char c) { return isalpha(static_cast<signed char>(c)) != 0; }
 int first_letter(char c) { return isupper(static_cast<signed char>(c)) != 0 ? 'A' : 'a'; }
 
-int forward(char text, char key) {
-    return (text - first_letter(text)) + (key - first_letter(key));
-}
+int forward(char text, char key) { return (text - first_letter(text)) + (key - first_letter(key)); }
 int backward(char text, char key) {
     return (first_letter(key) + kAlphabet - key) + (text - first_letter(text));
 }
 
 // A key length counts a terminator, so that its period is one less; 0 stands for the built-in key.
-uint32_t turn(const char* input, const char* key, uint32_t key_length, int (*shift)(char, char), char** output,
-              uint32_t* output_length) {
+uint32_t turn(const char* input, const char* key, uint32_t key_length, int (*shift)(char, char),
+              char** output, uint32_t* output_length) {
     *output = nullptr;
     *output_length = 0;
     if (key_length == 0) {
@@ -60,7 +59,7 @@ uint32_t vigenere_encrypt_func(const char* text, const char* key, uint32_t key_l
 }
 
 // Works up to the terminator; the length given is not used.
-uint32_t vigenere_decrypt_func(const char* input, uint32_t, const char* key, uint32_t key_length, char** output,
-                               uint32_t* output_length) {
+uint32_t vigenere_decrypt_func(const char* input, uint32_t, const char* key, uint32_t key_length,
+                               char** output, uint32_t* output_length) {
     return quill::turn(input, key, key_length, quill::backward, output, output_length);
 }

@@ -40,10 +40,10 @@ uint32_t hand_over(char* block, uint32_t length, char** output, uint32_t* output
 }  // namespace
 }  // namespace quill
 
-uint32_t security_conf_encrypt(const char* text, uint32_t type, const char* key, uint32_t key_length, char** output,
-                               uint32_t* output_length) {
-    return quill::dispatch(encryption_func_table, encryption_func_table_size, type, text, key, key_length, output,
-                           output_length);
+uint32_t security_conf_encrypt(const char* text, uint32_t type, const char* key, uint32_t key_length,
+                               char** output, uint32_t* output_length) {
+    return quill::dispatch(encryption_func_table, encryption_func_table_size, type, text, key, key_length,
+                           output, output_length);
 }
 
 uint32_t security_conf_decrypt(const char* input, uint32_t input_length, uint32_t type, const char* key,

@@ -1,7 +1,7 @@
 // Is this password good enough? Our own rules first, then cracklib's.
 //
-// A rule is a small function that answers the message of the broken rule, or null; the first one broken is what
-// the user sees. They look at bounded copies: 255 characters of a name or password decide.
+// A rule is a small function that answers the message of the broken rule, or null; the first one broken is
+// what the user sees. They look at bounded copies: 255 characters of a name or password decide.
 #include <openssl/crypto.h>
 
 #include <cctype>
@@ -57,7 +57,8 @@ CharacterClass class_of(char c) {
 }
 
 const char* name_missing(const Candidate& c) {
-    return *c.user_name == '\0' ? "User name is not supplied, I can't verify the password strength." : nullptr;
+    return *c.user_name == '\0' ? "User name is not supplied, I can't verify the password strength."
+                                : nullptr;
 }
 
 const char* password_missing(const Candidate& c) {
@@ -86,7 +87,8 @@ const char* too_few_classes(const Candidate& c) {
     unsigned classes = 0;
     for (const char* at = c.password; *at != '\0'; ++at) classes |= class_of(*at);
     if (__builtin_popcount(classes) >= kFewestClasses) return nullptr;
-    return "Password should contain characters from at least three of the following classes: lower case letters, "
+    return "Password should contain characters from at least three of the following classes: lower case "
+           "letters, "
            "upper case letters, digits and special characters.";
 }
 
@@ -99,8 +101,8 @@ const char* same_as_name(const Candidate& c) {
 }
 
 using Rule = const char* (*)(const Candidate&);
-constexpr Rule kRules[] = {name_missing, password_missing, too_short, forbidden_or_repeated, too_few_classes,
-                           same_as_name};
+constexpr Rule kRules[] = {name_missing,          password_missing, too_short,
+                           forbidden_or_repeated, too_few_classes,  same_as_name};
 
 // Checks are on unless the administrator has switched them off; a switch that cannot be read leaves them on.
 bool checks_on(uint32_t connection) {
@@ -124,7 +126,8 @@ const char* objection(const char* password, const char* user_name) {
 }  // namespace
 }  // namespace quill
 
-uintptr_t security_user_password_check_psec_norm(uint32_t connection, const char* password, const char* user_name) {
+uintptr_t security_user_password_check_psec_norm(uint32_t connection, const char* password,
+                                                 const char* user_name) {
     using namespace quill;
     trace("In %s:", __func__);
     if (!checks_on(connection)) return 0;
@@ -156,7 +159,8 @@ char* reverse_fun(char* text) {
 char* bin_sort_fun(char* text) {
     const size_t length = text == nullptr ? 0 : strlen(text);
     for (size_t i = 1; i < length; ++i)
-        for (size_t at = i; at > 0 && static_cast<signed char>(text[at - 1]) > static_cast<signed char>(text[at]); --at)
+        for (size_t at = i;
+             at > 0 && static_cast<signed char>(text[at - 1]) > static_cast<signed char>(text[at]); --at)
             std::swap(text[at - 1], text[at]);
     return text;
 }
@@ -164,6 +168,7 @@ char* bin_sort_fun(char* text) {
 // The first character is left as it is; callers have sorted by that ever since.
 char* change_to_lower(char* text) {
     if (text == nullptr || *text == '\0') return text;
-    for (char* at = text + 1; *at != '\0'; ++at) *at = static_cast<char>(tolower(static_cast<signed char>(*at)));
+    for (char* at = text + 1; *at != '\0'; ++at)
+        *at = static_cast<char>(tolower(static_cast<signed char>(*at)));
     return text;
 }

@@ -63,7 +63,8 @@ uint32_t parse(const char* stored, uint32_t stored_length, HashString& parts) {
     char* end;
     const auto type = static_cast<int32_t>(strtol(stored + 1, &end, 10));
     trace("%s(%d):digest_type:%d ", "security_verify_shadowed_hash", 518, type);
-    if (security_get_digest_name_from_encryption_type(parts.digest_name, type) == nullptr) return SECURITY_ERR_CRYPT;
+    if (security_get_digest_name_from_encryption_type(parts.digest_name, type) == nullptr)
+        return SECURITY_ERR_CRYPT;
     trace("%s(%d) Digest is:%s", "security_verify_shadowed_hash", 523, parts.digest_name);
 
     if (*end == '\0') return SECURITY_ERR_CRYPT;
@@ -110,10 +111,13 @@ uint32_t security_gen_salt(char* output, int32_t* length) {
     return SECURITY_OK;
 }
 
-uint32_t security_gen_fix_len_salt(char* output, int32_t* length) { return security_gen_salt(output, length); }
+uint32_t security_gen_fix_len_salt(char* output, int32_t* length) {
+    return security_gen_salt(output, length);
+}
 
-uint32_t security_calculate_hash(const char* secret, uint32_t secret_length, const char* salt, uint32_t salt_length,
-                                 char* output, uint32_t* output_length, const char* digest_name) {
+uint32_t security_calculate_hash(const char* secret, uint32_t secret_length, const char* salt,
+                                 uint32_t salt_length, char* output, uint32_t* output_length,
+                                 const char* digest_name) {
     using namespace quill;
     if (!select_digest(digest_name)) {
         trace("Unknown message digest %s\n", digest_name);
@@ -145,11 +149,12 @@ uint32_t security_calculate_md5_shadowed_hash(const char* secret, uint32_t secre
     return status;
 }
 
-uint32_t security_md5_encrypt_func(const char* text, const char*, uint32_t, char** output, uint32_t* output_length) {
+uint32_t security_md5_encrypt_func(const char* text, const char*, uint32_t, char** output,
+                                   uint32_t* output_length) {
     *output = static_cast<char*>(calloc(1, quill::kEncoderBlock));
     if (*output == nullptr) return SECURITY_ERR_CRYPT;
-    const uint32_t status =
-        security_calculate_md5_shadowed_hash(text, static_cast<uint32_t>(strlen(text)), *output, output_length);
+    const uint32_t status = security_calculate_md5_shadowed_hash(text, static_cast<uint32_t>(strlen(text)),
+                                                                 *output, output_length);
     if (status != SECURITY_OK) {
         free(*output);
         *output = nullptr;
@@ -170,8 +175,9 @@ char* security_get_digest_name_from_encryption_type(char* name, int32_t digest_t
     return nullptr;
 }
 
-uint32_t security_verify_hash(const char* secret, uint32_t secret_length, const char* salt, uint32_t salt_length,
-                              const char* expected, uint32_t expected_length, const char* digest_name) {
+uint32_t security_verify_hash(const char* secret, uint32_t secret_length, const char* salt,
+                              uint32_t salt_length, const char* expected, uint32_t expected_length,
+                              const char* digest_name) {
     quill::DigestArea computed;
     uint32_t digest_length = 0;
     const uint32_t status = security_calculate_hash(secret, secret_length, salt, salt_length, computed.text,

@@ -20,22 +20,22 @@ enum security_operation {
 };
 
 enum security_request_type {
-    SECURITY_PASSWD_REQUEST = 155,          /* password change */
-    SECURITY_USER_MANAGE_REQUEST = 157,     /* create, modify or delete an account */
-    SECURITY_ROLE_ASSIGN_REQUEST = 158,     /* role list of a user, to change it */
-    SECURITY_ENABLE_INFO_REQUEST = 161,     /* security_enable_info */
-    SECURITY_USER_REQUEST = 165,            /* security_user */
-    SECURITY_SSHKEY_FILE_REQUEST = 170,     /* ssh_key_rec or ssh_key_new_rec */
-    SECURITY_BANNER_REQUEST = 171,          /* the banner's delimiter, one byte */
-    SECURITY_RESULT_REQUEST = 2215,         /* post of a self-test result */
-    SECURITY_ROLES_REQUEST = 5155,          /* role list of a user, to read it */
-    SECURITY_USER_LOOKUP_REQUEST = 5156,    /* user look-up */
-    SECURITY_SSHKEY_REQUEST = 5157,         /* ssh_key_cmd_rec */
+    SECURITY_PASSWD_REQUEST = 155,           /* password change */
+    SECURITY_USER_MANAGE_REQUEST = 157,      /* create, modify or delete an account */
+    SECURITY_ROLE_ASSIGN_REQUEST = 158,      /* role list of a user, to change it */
+    SECURITY_ENABLE_INFO_REQUEST = 161,      /* security_enable_info */
+    SECURITY_USER_REQUEST = 165,             /* security_user */
+    SECURITY_SSHKEY_FILE_REQUEST = 170,      /* ssh_key_rec or ssh_key_new_rec */
+    SECURITY_BANNER_REQUEST = 171,           /* the banner's delimiter, one byte */
+    SECURITY_RESULT_REQUEST = 2215,          /* post of a self-test result */
+    SECURITY_ROLES_REQUEST = 5155,           /* role list of a user, to read it */
+    SECURITY_USER_LOOKUP_REQUEST = 5156,     /* user look-up */
+    SECURITY_SSHKEY_REQUEST = 5157,          /* ssh_key_cmd_rec */
     SECURITY_SSHKEY_TRANSFER_REQUEST = 5158, /* ssh_key_cmd_rec, import and export; never converted */
-    SECURITY_PRIV_INFO_REQUEST = 5159,      /* security_priv_info */
-    SECURITY_LOCALE_ASSIGN_REQUEST = 5161,  /* locale list of a user */
-    SECURITY_NGINX_PORT_REQUEST = 283649,   /* nginx_port_rec, one-way */
-    SECURITY_NGINX_CERT_REQUEST = 283650    /* nginx_cert_rec, one-way */
+    SECURITY_PRIV_INFO_REQUEST = 5159,       /* security_priv_info */
+    SECURITY_LOCALE_ASSIGN_REQUEST = 5161,   /* locale list of a user */
+    SECURITY_NGINX_PORT_REQUEST = 283649,    /* nginx_port_rec, one-way */
+    SECURITY_NGINX_CERT_REQUEST = 283650     /* nginx_cert_rec, one-way */
 };
 
 /* How a secret is encoded. */
@@ -69,9 +69,9 @@ typedef struct security_priv_info {
     int32_t priv_lvl;        /* the key; never stored in the value */
     int32_t encryption_type; /* enum security_encryption */
     char secret[1024];
-    int32_t secret_len;      /* meaningful bytes of secret */
-    uint32_t shadow_style;   /* nonzero: secret holds a salted hash string */
-    char salt[64];           /* empty where the salt is part of the hash string */
+    int32_t secret_len;    /* meaningful bytes of secret */
+    uint32_t shadow_style; /* nonzero: secret holds a salted hash string */
+    char salt[64];         /* empty where the salt is part of the hash string */
     int32_t salt_len;
 } security_priv_info;
 static_assert(sizeof(security_priv_info) == 1108, "layout");

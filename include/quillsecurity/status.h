@@ -15,43 +15,43 @@
 
 #include <stdint.h>
 
-#define SECURITY_STATUS_LIST(X)                                                                              \
-    X(SECURITY_OK, 0x00000000, "success")                                                                    \
-    X(SECURITY_PSS_NO_KEY, 0x40480003, "the store has no record under this key")                             \
-    X(SECURITY_ERR_NO_VALUE, 0x404a0007, "no value is stored for this service or port")                      \
-    X(SECURITY_ERR_NO_CIPHER, 0x404a0008, "unknown encryption type or digest")                               \
-    X(SECURITY_ERR_CRYPT, 0x404a0009, "encoding, decoding or verifying a secret failed")                     \
-    X(SECURITY_ERR_PASSWD_UNDELIVERED, 0x404a000b, "the password change could not be delivered")             \
-    X(SECURITY_ERR_UNKNOWN_ROLE, 0x404a000d, "there is no role of this name")                                \
-    X(SECURITY_ERR_ROLE_NOT_HELD, 0x404a000e, "the user does not hold this role")                            \
-    X(SECURITY_ERR_NOT_FOUND, 0x404a0014, "the record does not exist")                                       \
-    X(SECURITY_ERR_END_OF_TABLE, 0x404a001c, "no further record of this kind")                               \
-    X(SECURITY_ERR_TOO_MANY_ROLES, 0x404a0024, "the user already holds 64 roles")                            \
-    X(SECURITY_ERR_SSHKEY_CONVERT, 0x404a0027, "converting the SSH key failed")                              \
-    X(SECURITY_ERR_SSHKEY_FORMAT, 0x404a0028, "not a public key, or of a format that cannot be converted")   \
-    X(SECURITY_ERR_FILE_OPEN, 0x404a0029, "the file cannot be opened, or its location is unknown")           \
-    X(SECURITY_ERR_SSHKEY_TYPE, 0x404a002a, "the type of the SSH key could not be determined")               \
-    X(SECURITY_ERR_FILE_READ, 0x404a002b, "the file cannot be read")                                         \
-    X(SECURITY_ERR_URI_TYPE, 0x404a002c, "unknown type of file location")                                    \
-    X(SECURITY_ERR_NO_MORE_ROLES, 0x404a002d, "the user holds no further role")                              \
-    X(SECURITY_ERR_WEAK_PASSWORD, 0x404a002f, "the password is too weak")                                    \
-    X(SECURITY_ERR_EXPIRY_DATE, 0x404a0030, "the expiry date is past, not in the calendar or out of range")  \
-    X(SECURITY_ERR_NO_USER, 0x404a0031, "no such user, a reserved name or an empty one")                     \
-    X(SECURITY_ERR_TOO_MANY_USERS, 0x404a0033, "256 local users exist already")                              \
-    X(SECURITY_ERR_DATE_FORMAT, 0x404a0034, "the expiry date is not of the form year-month-day")             \
-    X(SECURITY_ERR_MISSING_ARGUMENT, 0x404a003e, "an argument of the self-test request is missing")          \
-    X(SECURITY_ERR_NO_PRIV_LVL, 0x404a0045, "the privilege level has no secret")                             \
-    X(SECURITY_ERR_NO_MORE_PRIV_LVLS, 0x404a0046, "no further privilege level has a secret")                 \
-    X(SECURITY_ERR_CERT_TOO_BIG, 0x404a0048, "the certificate is too long")                                  \
-    X(SECURITY_ERR_TOO_MANY_LOCALES, 0x404a004a, "the user already holds 64 locales")                        \
-    X(SECURITY_ERR_UNKNOWN_LOCALE, 0x404a004b, "there is no locale of this name")                            \
-    X(SECURITY_ERR_LOCALE_NOT_HELD, 0x404a004c, "the user does not hold this locale")                        \
-    /* What the daemon answers to a request that no handler gets to see. */                                  \
-    X(SECURITY_ERR_REQUEST_FRAME, 0x404a0101, "the request is not one of this system")                       \
-    X(SECURITY_ERR_REQUEST_TYPE, 0x404a0102, "the daemon does not serve requests of this type")              \
-    X(SECURITY_ERR_REQUEST_SIZE, 0x404a0103, "the record's length is not that of its request type")          \
-    X(SECURITY_ERR_REQUEST_TEXT, 0x404a0104, "a text of the request has no terminator in its field")         \
-    X(SECURITY_ERR_REQUEST_COUNT, 0x404a0105, "a count of the request is out of range")                      \
+#define SECURITY_STATUS_LIST(X)                                                                             \
+    X(SECURITY_OK, 0x00000000, "success")                                                                   \
+    X(SECURITY_PSS_NO_KEY, 0x40480003, "the store has no record under this key")                            \
+    X(SECURITY_ERR_NO_VALUE, 0x404a0007, "no value is stored for this service or port")                     \
+    X(SECURITY_ERR_NO_CIPHER, 0x404a0008, "unknown encryption type or digest")                              \
+    X(SECURITY_ERR_CRYPT, 0x404a0009, "encoding, decoding or verifying a secret failed")                    \
+    X(SECURITY_ERR_PASSWD_UNDELIVERED, 0x404a000b, "the password change could not be delivered")            \
+    X(SECURITY_ERR_UNKNOWN_ROLE, 0x404a000d, "there is no role of this name")                               \
+    X(SECURITY_ERR_ROLE_NOT_HELD, 0x404a000e, "the user does not hold this role")                           \
+    X(SECURITY_ERR_NOT_FOUND, 0x404a0014, "the record does not exist")                                      \
+    X(SECURITY_ERR_END_OF_TABLE, 0x404a001c, "no further record of this kind")                              \
+    X(SECURITY_ERR_TOO_MANY_ROLES, 0x404a0024, "the user already holds 64 roles")                           \
+    X(SECURITY_ERR_SSHKEY_CONVERT, 0x404a0027, "converting the SSH key failed")                             \
+    X(SECURITY_ERR_SSHKEY_FORMAT, 0x404a0028, "not a public key, or of a format that cannot be converted")  \
+    X(SECURITY_ERR_FILE_OPEN, 0x404a0029, "the file cannot be opened, or its location is unknown")          \
+    X(SECURITY_ERR_SSHKEY_TYPE, 0x404a002a, "the type of the SSH key could not be determined")              \
+    X(SECURITY_ERR_FILE_READ, 0x404a002b, "the file cannot be read")                                        \
+    X(SECURITY_ERR_URI_TYPE, 0x404a002c, "unknown type of file location")                                   \
+    X(SECURITY_ERR_NO_MORE_ROLES, 0x404a002d, "the user holds no further role")                             \
+    X(SECURITY_ERR_WEAK_PASSWORD, 0x404a002f, "the password is too weak")                                   \
+    X(SECURITY_ERR_EXPIRY_DATE, 0x404a0030, "the expiry date is past, not in the calendar or out of range") \
+    X(SECURITY_ERR_NO_USER, 0x404a0031, "no such user, a reserved name or an empty one")                    \
+    X(SECURITY_ERR_TOO_MANY_USERS, 0x404a0033, "256 local users exist already")                             \
+    X(SECURITY_ERR_DATE_FORMAT, 0x404a0034, "the expiry date is not of the form year-month-day")            \
+    X(SECURITY_ERR_MISSING_ARGUMENT, 0x404a003e, "an argument of the self-test request is missing")         \
+    X(SECURITY_ERR_NO_PRIV_LVL, 0x404a0045, "the privilege level has no secret")                            \
+    X(SECURITY_ERR_NO_MORE_PRIV_LVLS, 0x404a0046, "no further privilege level has a secret")                \
+    X(SECURITY_ERR_CERT_TOO_BIG, 0x404a0048, "the certificate is too long")                                 \
+    X(SECURITY_ERR_TOO_MANY_LOCALES, 0x404a004a, "the user already holds 64 locales")                       \
+    X(SECURITY_ERR_UNKNOWN_LOCALE, 0x404a004b, "there is no locale of this name")                           \
+    X(SECURITY_ERR_LOCALE_NOT_HELD, 0x404a004c, "the user does not hold this locale")                       \
+    /* What the daemon answers to a request that no handler gets to see. */                                 \
+    X(SECURITY_ERR_REQUEST_FRAME, 0x404a0101, "the request is not one of this system")                      \
+    X(SECURITY_ERR_REQUEST_TYPE, 0x404a0102, "the daemon does not serve requests of this type")             \
+    X(SECURITY_ERR_REQUEST_SIZE, 0x404a0103, "the record's length is not that of its request type")         \
+    X(SECURITY_ERR_REQUEST_TEXT, 0x404a0104, "a text of the request has no terminator in its field")        \
+    X(SECURITY_ERR_REQUEST_COUNT, 0x404a0105, "a count of the request is out of range")                     \
     X(SECURITY_ERR_NOT_PERMITTED, 0x404a0106, "the caller is not permitted to do this")
 
 #ifdef __cplusplus

@@ -1,8 +1,8 @@
 // The client's end of the request channel.
 //
 // One connection a process, made when it is first needed and again when it turns out to be gone. A message is
-// sent again only when it certainly never reached the daemon; a request that was delivered and not answered is
-// reported, since it may have been done.
+// sent again only when it certainly never reached the daemon; a request that was delivered and not answered
+// is reported, since it may have been done.
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/uio.h>
@@ -35,8 +35,8 @@ class Deadline {
  public:
     Deadline() : at_(Clock::now() + std::chrono::seconds(limit())) {}
     bool passed() const { return Clock::now() >= at_; }
-    // In whole tenths of a second, rounded up: a request that nothing delays finds the bound that the last one
-    // set. Never 0, which would mean to wait for ever.
+    // In whole tenths of a second, rounded up: a request that nothing delays finds the bound that the last
+    // one set. Never 0, which would mean to wait for ever.
     std::chrono::milliseconds left() const {
         constexpr std::chrono::milliseconds kTenth(100);
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(at_ - Clock::now());
@@ -82,7 +82,8 @@ void Connection::drop() {
 
 bool Connection::bound(std::chrono::milliseconds time) {
     if (time == bound_) return true;
-    const int64_t seconds = std::min<int64_t>(time.count() / 1000, INT32_MAX);  // a 32-bit time_t holds no more
+    const int64_t seconds =
+        std::min<int64_t>(time.count() / 1000, INT32_MAX);  // a 32-bit time_t holds no more
     const timeval value{static_cast<time_t>(seconds), static_cast<suseconds_t>(time.count() % 1000 * 1000)};
     if (setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &value, sizeof value) != 0 ||
         setsockopt(socket_, SOL_SOCKET, SO_SNDTIMEO, &value, sizeof value) != 0)
@@ -102,7 +103,8 @@ int Connection::get(const Deadline& deadline) {
     owner_ = getpid();
     bound_ = {};
     while (bound(deadline.left())) {
-        if (connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return socket_;
+        if (connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
+            return socket_;
         if (errno == EINTR && !deadline.passed()) continue;
         if (errno == EAGAIN || errno == EINTR) errno = ETIMEDOUT;  // the daemon's queue stayed full
         break;

@@ -18,8 +18,8 @@ namespace quill {
 class Be32 {
  public:
     Be32() = default;
-    Be32(uint32_t number) : bytes_(big_endian(number)) {}        // NOLINT(google-explicit-constructor)
-    operator uint32_t() const { return big_endian(bytes_); }     // NOLINT(google-explicit-constructor)
+    Be32(uint32_t number) : bytes_(big_endian(number)) {}     // NOLINT(google-explicit-constructor)
+    operator uint32_t() const { return big_endian(bytes_); }  // NOLINT(google-explicit-constructor)
 
  private:
     uint32_t bytes_ = 0;

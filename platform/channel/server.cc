@@ -54,7 +54,8 @@ Peer identify(int socket, gid_t administrators) {
         syslog(LOG_ERR, "a client's credentials cannot be had: %m; its requests are refused");
         return {};
     }
-    const bool member = administrators != 0 && (credentials.gid == administrators || in_group(socket, administrators));
+    const bool member =
+        administrators != 0 && (credentials.gid == administrators || in_group(socket, administrators));
     return {true, credentials.uid == 0 || member, credentials.uid, credentials.pid};
 }
 
@@ -74,8 +75,8 @@ class RefusalLog {
         }
         if (++lines_ > kLines) return;
         syslog(LOG_WARNING, "request type %u, operation %u, %zu bytes from uid %u, pid %d refused: %s",
-               static_cast<uint32_t>(head.request_type), static_cast<uint32_t>(head.operation), received, peer.uid,
-               peer.pid, syserr2str(status));
+               static_cast<uint32_t>(head.request_type), static_cast<uint32_t>(head.operation), received,
+               peer.uid, peer.pid, syserr2str(status));
     }
 
  private:
@@ -144,8 +145,9 @@ void Server::Loop::watch_signals() {
     };
     terminate = make(SIGTERM, EV_SIGNAL | EV_PERSIST, stop, this);
     interrupt = make(SIGINT, EV_SIGNAL | EV_PERSIST, stop, this);
-    dump = make(SIGUSR1, EV_SIGNAL | EV_PERSIST,
-                [](evutil_socket_t, short, void* loop) { static_cast<Loop*>(loop)->settings.dump(); }, this);
+    dump = make(
+        SIGUSR1, EV_SIGNAL | EV_PERSIST,
+        [](evutil_socket_t, short, void* loop) { static_cast<Loop*>(loop)->settings.dump(); }, this);
     for (Event* signal : {&terminate, &interrupt, &dump}) event_add(signal->get(), nullptr);
 }
 
@@ -172,12 +174,13 @@ void Server::Loop::accept_client() {
     }
     Client& client = clients.emplace_front(*this, socket, peer);
     client.self = clients.begin();
-    client.readable = make(socket, EV_READ | EV_PERSIST,
-                           [](evutil_socket_t, short, void* argument) {
-                               auto& readable = *static_cast<Client*>(argument);
-                               if (!readable.loop.serve(readable)) readable.loop.clients.erase(readable.self);
-                           },
-                           &client);
+    client.readable = make(
+        socket, EV_READ | EV_PERSIST,
+        [](evutil_socket_t, short, void* argument) {
+            auto& readable = *static_cast<Client*>(argument);
+            if (!readable.loop.serve(readable)) readable.loop.clients.erase(readable.self);
+        },
+        &client);
     event_add(client.readable.get(), nullptr);
 }
 
@@ -244,22 +247,22 @@ bool Server::listen() {
         chmod(address.sun_path, 0666) != 0 || ::listen(loop.listener, kBacklog) != 0)
         return false;
 
-    loop.acceptable = loop.make(loop.listener, EV_READ | EV_PERSIST,
-                                [](evutil_socket_t, short, void* argument) {
-                                    static_cast<Loop*>(argument)->accept_client();
-                                },
-                                &loop);
-    loop.resume = loop.make(-1, 0,
-                            [](evutil_socket_t, short, void* argument) {
-                                event_add(static_cast<Loop*>(argument)->acceptable.get(), nullptr);
-                            },
-                            &loop);
-    loop.settle = loop.make(-1, 0,
-                            [](evutil_socket_t, short, void* argument) {
-                                auto& settling = *static_cast<Loop*>(argument);
-                                if (!settling.settings.settle()) settling.settle_soon();
-                            },
-                            &loop);
+    loop.acceptable = loop.make(
+        loop.listener, EV_READ | EV_PERSIST,
+        [](evutil_socket_t, short, void* argument) { static_cast<Loop*>(argument)->accept_client(); }, &loop);
+    loop.resume = loop.make(
+        -1, 0,
+        [](evutil_socket_t, short, void* argument) {
+            event_add(static_cast<Loop*>(argument)->acceptable.get(), nullptr);
+        },
+        &loop);
+    loop.settle = loop.make(
+        -1, 0,
+        [](evutil_socket_t, short, void* argument) {
+            auto& settling = *static_cast<Loop*>(argument);
+            if (!settling.settings.settle()) settling.settle_soon();
+        },
+        &loop);
     event_add(loop.acceptable.get(), nullptr);
     loop.watch_signals();
     return true;

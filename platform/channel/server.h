@@ -40,10 +40,10 @@ struct Answer {
 class Server {
  public:
     struct Settings {
-        gid_t administrators = 0;                        // group; 0 for root alone
+        gid_t administrators = 0;  // group; 0 for root alone
         std::function<Answer(const Peer&, Request&)> answer;
-        std::function<bool()> settle;                    // soon after a change; false to be called again
-        std::function<void()> dump;                      // on SIGUSR1
+        std::function<bool()> settle;  // soon after a change; false to be called again
+        std::function<void()> dump;    // on SIGUSR1
     };
 
     explicit Server(Settings settings);

@@ -12,7 +12,7 @@ constexpr size_t kLargestPage = 65536;
 
 sqlite3_vfs* real_vfs;
 sqlite3_vfs vfs;
-sqlite3_io_methods methods;                               // the real ones but for the write
+sqlite3_io_methods methods;  // the real ones but for the write
 int (*real_write)(sqlite3_file*, const void*, int, sqlite3_int64);
 
 size_t word16(const unsigned char* at) { return static_cast<size_t>(at[0] << 8 | at[1]); }

@@ -26,7 +26,8 @@ class Engine {
     // PSS_NO_KEY when there is none.
     virtual uint32_t fetch(std::string_view key, std::string& value) = 0;
 
-    // The first record at or after, and the first after a key that need not exist; PSS_NO_KEY when there is none.
+    // The first record at or after, and the first after a key that need not exist; PSS_NO_KEY when there is
+    // none.
     virtual uint32_t at_or_after(std::string_view key, Record& found) = 0;
     virtual uint32_t after(std::string_view key, Record& found) = 0;
 
@@ -42,8 +43,8 @@ class Engine {
     virtual uint32_t settle() = 0;
 };
 
-// Opens the store kept in the file `path`, or with `create` makes it where nothing is there. The file's folder
-// has been found safe. Whatever else stands under that name is left as it is.
+// Opens the store kept in the file `path`, or with `create` makes it where nothing is there. The file's
+// folder has been found safe. Whatever else stands under that name is left as it is.
 uint32_t open_sqlite_engine(const std::string& path, bool create, std::unique_ptr<Engine>& engine);
 
 // One line of the log about a store's file, at LOG_ERR.

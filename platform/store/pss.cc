@@ -39,7 +39,9 @@ struct Store {
 
 std::array<std::unique_ptr<Store>, kMaxStores> stores;
 
-Store* find(uint32_t handle) { return handle >= 1 && handle <= kMaxStores ? stores[handle - 1].get() : nullptr; }
+Store* find(uint32_t handle) {
+    return handle >= 1 && handle <= kMaxStores ? stores[handle - 1].get() : nullptr;
+}
 
 pss_descriptor* describe(pss_descriptor& descriptor, std::string& bytes) {
     descriptor = {bytes.data(), static_cast<uint32_t>(bytes.size())};
@@ -52,7 +54,9 @@ bool valid(const pss_descriptor* run, uint32_t largest) {
 
 bool valid_key(const pss_descriptor* key) { return valid(key, PSS_MAX_KEY) && key->length > 0; }
 
-std::string_view view(const pss_descriptor* run) { return {static_cast<const char*>(run->bytes), run->length}; }
+std::string_view view(const pss_descriptor* run) {
+    return {static_cast<const char*>(run->bytes), run->length};
+}
 
 // Runs one call on an open store; nothing thrown inside leaves the library.
 template <class Call>
@@ -120,8 +124,8 @@ uint32_t check_version(Engine& engine, const std::string& path, uint32_t expecte
     uint32_t version = 0;
     const uint32_t status = engine.version(version);
     if (status != PSS_OK || version == 0 || version == expected) return status;
-    syslog(LOG_ERR, "store %s: stamped with version %#x, this program needs %#x; it is left as it is", path.c_str(),
-           version, expected);
+    syslog(LOG_ERR, "store %s: stamped with version %#x, this program needs %#x; it is left as it is",
+           path.c_str(), version, expected);
     return PSS_WRONG_VERSION;
 }
 
@@ -133,7 +137,8 @@ uint32_t open_store(const char* name, bool create, uint32_t version, uint32_t& h
     status = check_directory(directory, create);
     if (status != PSS_OK) {
         if (status != PSS_NO_STORE || create)
-            syslog(LOG_ERR, "state directory %s: %s; it must be a folder of mode 0700 that belongs to user %u",
+            syslog(LOG_ERR,
+                   "state directory %s: %s; it must be a folder of mode 0700 that belongs to user %u",
                    directory.c_str(), syserr2str(status), geteuid());
         return status;
     }
@@ -151,7 +156,8 @@ uint32_t open_store(const char* name, bool create, uint32_t version, uint32_t& h
 }  // namespace
 }  // namespace quill
 
-uint32_t pss2_open(const char* name, uint32_t flags, uint32_t, uint32_t, const uint32_t* parameters, uint32_t* status) {
+uint32_t pss2_open(const char* name, uint32_t flags, uint32_t, uint32_t, const uint32_t* parameters,
+                   uint32_t* status) {
     uint32_t handle = 0;
     if (!quill::valid_name(name) || parameters == nullptr || (flags & ~PSS_CREATE) != PSS_READ_WRITE) {
         *status = PSS_BAD_ARGUMENT;
@@ -240,7 +246,8 @@ uint32_t pss2_settle() {
 }
 
 uint32_t pss2_close(uint32_t handle) {
-    const uint32_t status = quill::on_store(handle, [](quill::Store& store) { return store.engine->settle(); });
+    const uint32_t status =
+        quill::on_store(handle, [](quill::Store& store) { return store.engine->settle(); });
     if (status != PSS_BAD_HANDLE) quill::stores[handle - 1] = nullptr;
     return status;
 }

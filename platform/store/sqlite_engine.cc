@@ -1,8 +1,9 @@
 // Stores on SQLite: one WITHOUT ROWID table of blob to blob.
 //
-// Write-ahead log with synchronous=FULL, so that a change costs one flush. Locked exclusively for as long as it
-// is open, so that reads need no shared memory and no lock. What secure_delete leaves in the log is removed by
-// settle(), which moves the log into the file and empties it; what it leaves in pages, by the blanking VFS.
+// Write-ahead log with synchronous=FULL, so that a change costs one flush. Locked exclusively for as long as
+// it is open, so that reads need no shared memory and no lock. What secure_delete leaves in the log is
+// removed by settle(), which moves the log into the file and empties it; what it leaves in pages, by the
+// blanking VFS.
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -37,7 +38,8 @@ constexpr char kSettings[] =
     "PRAGMA trusted_schema=OFF;"
     "PRAGMA cell_size_check=ON;"
     "PRAGMA temp_store=MEMORY;"
-    "PRAGMA max_page_count=16777215;";  // keeps b-tree pages apart from others by their first byte, for blanking
+    "PRAGMA max_page_count=16777215;";  // keeps b-tree pages apart from others by their first byte, for
+                                        // blanking
 
 // Every error of SQLite turns into a status here. What the system refused is in errno, which each call below
 // clears first: sqlite3_system_errno() says nothing of failures while a change is committed.
@@ -95,7 +97,8 @@ class Statement {
     }
     // The bytes must stay until the statement is reset. An empty text is still a blob, not a null.
     void bind(int index, std::string_view bytes) {
-        sqlite3_bind_blob64(statement_, index, bytes.empty() ? "" : bytes.data(), bytes.size(), SQLITE_STATIC);
+        sqlite3_bind_blob64(statement_, index, bytes.empty() ? "" : bytes.data(), bytes.size(),
+                            SQLITE_STATIC);
     }
     int step() {
         errno = 0;
@@ -297,7 +300,8 @@ uint32_t SqliteEngine::settle() {
     if (unsettled_ == 0) return PSS_OK;
     end_walk();
     errno = 0;
-    const int result = sqlite3_wal_checkpoint_v2(connection_.database, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    const int result = sqlite3_wal_checkpoint_v2(connection_.database, nullptr, SQLITE_CHECKPOINT_TRUNCATE,
+                                                 nullptr, nullptr);
     const uint32_t status = report(result);
     if (status == PSS_OK) unsettled_ = 0;
     return status;
@@ -327,7 +331,8 @@ uint32_t make_private_file(const std::string& path) {
 uint32_t fill_new_file(const std::string& path) {
     sqlite3* database = nullptr;
     errno = 0;
-    int result = sqlite3_open_v2(path.c_str(), &database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_EXRESCODE, nullptr);
+    int result =
+        sqlite3_open_v2(path.c_str(), &database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_EXRESCODE, nullptr);
     if (result == SQLITE_OK) result = execute(database, kCreate);
     const uint32_t status = status_of(result);
     if (status != PSS_OK) log_store_error(path, status, sqlite3_errmsg(database));
@@ -336,14 +341,15 @@ uint32_t fill_new_file(const std::string& path) {
     return status != PSS_OK ? status : status_of(result);
 }
 
-// Made whole under another name and then given its own, so that a crash leaves either no store or an empty one.
+// Made whole under another name and then given its own, so that a crash leaves either no store or an empty
+// one.
 uint32_t create_file(const std::string& path) {
     const std::string fresh = path + ".new";
     for (const char* suffix : {"", "-journal", "-wal"}) unlink((fresh + suffix).c_str());
     uint32_t status = make_private_file(fresh);
     if (status == PSS_OK) status = fill_new_file(fresh);
-    if (status == PSS_OK && renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) != 0 &&
-        errno != EEXIST)
+    if (status == PSS_OK &&
+        renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) != 0 && errno != EEXIST)
         status = status_of_errno(errno);
     unlink(fresh.c_str());
     return status == PSS_OK ? sync_folder_of(path) : status;
@@ -363,7 +369,8 @@ struct Finding {
 
 Finding examine_file(const std::string& path) {
     struct stat facts;
-    if (lstat(path.c_str(), &facts) != 0) return {errno == ENOENT ? PSS_NO_STORE : status_of_errno(errno), "no file"};
+    if (lstat(path.c_str(), &facts) != 0)
+        return {errno == ENOENT ? PSS_NO_STORE : status_of_errno(errno), "no file"};
     if (!S_ISREG(facts.st_mode)) return {PSS_NOT_A_STORE, "not a regular file"};
     if (facts.st_uid != geteuid()) return {PSS_UNSAFE, "owned by another user"};
 

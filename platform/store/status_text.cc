@@ -25,8 +25,9 @@ char text_buffer[160];
 }  // namespace
 
 const char* syserr2str(uint32_t status) {
-    const auto* row = std::find_if(std::begin(kTexts), std::end(kTexts),
-                                   [status](const StatusText& candidate) { return candidate.status == status; });
+    const auto* row =
+        std::find_if(std::begin(kTexts), std::end(kTexts),
+                     [status](const StatusText& candidate) { return candidate.status == status; });
     if (row != std::end(kTexts)) return row->text;
 
     constexpr uint32_t kErrno = 0xfff;

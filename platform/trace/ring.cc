@@ -1,5 +1,6 @@
 // The trace history: a ring of fixed slots in memory, written by every traced call and read only when
 // somebody asks. A slot holds the event as the library gave it, cut to the slot.
+#include <unistd.h>
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -9,7 +10,6 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
-#include <unistd.h>
 
 #include "quillplatform/trace.h"
 

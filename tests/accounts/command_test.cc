@@ -39,11 +39,15 @@ constexpr char kErr[] = "/tmp/command.err";
 
 TEST_F(Command, AnswersTheExitStatus) {
     const std::pair<const char*, int> cases[] = {
-        {"true", 0}, {"exit 3", 3}, {"exit 255", 255}, {"/no/such/program", 127},
+        {"true", 0},
+        {"exit 3", 3},
+        {"exit 255", 255},
+        {"/no/such/program", 127},
         {"kill -9 $$", 0},  // ended by a signal: counts as success
         {"exec sleep 0.06", 0},
     };
-    for (const auto& [command, want] : cases) EXPECT_EQ(want, security_conf_system(command, kOut, kErr)) << command;
+    for (const auto& [command, want] : cases)
+        EXPECT_EQ(want, security_conf_system(command, kOut, kErr)) << command;
     EXPECT_EQ(-1, security_conf_system(nullptr, kOut, kErr));
     EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG));
     EXPECT_EQ(ECHILD, errno) << "no child is left behind";
@@ -74,14 +78,16 @@ TEST_F(Command, RunsInAnEnvironmentOfItsOwn) {
     unlink(kOut);
     EXPECT_EQ(0, security_conf_system("/usr/bin/env; ls -l /proc/self/fd", kOut, kErr));
     const std::string seen = read_file(kOut);
-    EXPECT_NE(std::string::npos, seen.find("PATH=/tovo/bin:/tovoboot/bin:/bin:/sbin:/usr/bin:/usr/sbin\n")) << seen;
+    EXPECT_NE(std::string::npos, seen.find("PATH=/tovo/bin:/tovoboot/bin:/bin:/sbin:/usr/bin:/usr/sbin\n"))
+        << seen;
     EXPECT_EQ(std::string::npos, seen.find("LD_PRELOAD_TEST")) << seen;
     EXPECT_NE(std::string::npos, seen.find(std::string("1 -> ") + kOut)) << seen;
     EXPECT_EQ(seen.find(kOut), seen.rfind(kOut)) << "the file is the stream and no other descriptor" << seen;
 
     unlink(kOut);
     EXPECT_EQ(0, security_conf_system("tr '\\0' '\\n' </proc/$$/environ", kOut, kErr));
-    EXPECT_EQ("PATH=/tovo/bin:/tovoboot/bin:/bin:/sbin:/usr/bin:/usr/sbin\n", read_file(kOut)) << "exactly one variable";
+    EXPECT_EQ("PATH=/tovo/bin:/tovoboot/bin:/bin:/sbin:/usr/bin:/usr/sbin\n", read_file(kOut))
+        << "exactly one variable";
 }
 
 TEST_F(Command, OutputReachesItsFileEvenWhereTheStreamWasClosed) {

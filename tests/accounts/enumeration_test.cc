@@ -16,9 +16,9 @@ Names walk() {
 }
 
 TEST_F(Enumeration, NameOrderIsLengthFirst) {
-    const std::tuple<const char*, const char*, int> cases[] = {{"b", "aa", -1}, {"aa", "b", 1}, {"a", "b", -1},
-                                                               {"b", "a", 1},   {"a", "a", 0},  {"", "a", -1},
-                                                               {"a\xff", "ab", 1}};
+    const std::tuple<const char*, const char*, int> cases[] = {
+        {"b", "aa", -1}, {"aa", "b", 1}, {"a", "b", -1},    {"b", "a", 1},
+        {"a", "a", 0},   {"", "a", -1},  {"a\xff", "ab", 1}};
     for (const auto& [a, b, want] : cases) {
         const int order = security_conf_compare_username(a, b);
         EXPECT_EQ(want, (order > 0) - (order < 0)) << a << " " << b;

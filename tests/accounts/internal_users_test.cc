@@ -30,7 +30,10 @@ TEST_F(InternalUsers, NamesAreWholeLines) {
         std::string list;
         std::vector<std::string> in, out;
     } cases[] = {
-        {"a list", "adm\nsys one\n\nlast", {"adm", "sys one", "last"}, {"", "sys", "ad", "admx", "one", "adm\nsys one"}},
+        {"a list",
+         "adm\nsys one\n\nlast",
+         {"adm", "sys one", "last"},
+         {"", "sys", "ad", "admx", "one", "adm\nsys one"}},
         {"ends of lines of another system", "adm\r\nsys\n", {"adm\r", "sys"}, {"adm"}},
         {"longer than 4096 bytes", longer, {"user0", "user1999"}, {"user2000"}},
         {"an embedded NUL ends it", std::string("adm\n\0sys\n", 9), {"adm"}, {"sys"}},

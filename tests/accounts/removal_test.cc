@@ -57,8 +57,17 @@ TEST_F(Removal, ACommandThatDoesNotFitIsNotRun) {
 }
 
 TEST_F(Removal, NamesThatAreNotOnePlainWordRunNothing) {
-    const char* const names[] = {"a b#02#", "a;touch /tmp/ran#02#", "$(touch /tmp/ran)#02#", "`touch /tmp/ran`#02#",
-                                 "-rf#02#", ".#02#", "..#02#", "a/../b#02#", "a'b#02#", "a*#02#", "a$b#02#"};
+    const char* const names[] = {"a b#02#",
+                                 "a;touch /tmp/ran#02#",
+                                 "$(touch /tmp/ran)#02#",
+                                 "`touch /tmp/ran`#02#",
+                                 "-rf#02#",
+                                 ".#02#",
+                                 "..#02#",
+                                 "a/../b#02#",
+                                 "a'b#02#",
+                                 "a*#02#",
+                                 "a$b#02#"};
     std::vector<Account> accounts;
     std::vector<std::string> expected;
     for (const char* name : names) {
@@ -79,13 +88,15 @@ TEST_F(Removal, NamesThatAreNotOnePlainWordRunNothing) {
 TEST_F(Removal, TheToolsOwnFailureStillLogsADeletion) {
     write({{"ghost#02#", false, true}, {std::string(40, 'l') + "#02#"}});
     security_del_vdc_users_for_vdc(2);
-    EXPECT_EQ((std::vector<std::string>{"6 deleted user ghost#02#", "6 deleted user " + std::string(31, 'l')}),
-              log_lines());
+    EXPECT_EQ(
+        (std::vector<std::string>{"6 deleted user ghost#02#", "6 deleted user " + std::string(31, 'l')}),
+        log_lines());
 }
 
 TEST_F(Removal, StopsAt256) {
     std::vector<Account> accounts;
-    for (int i = 0; i < 257; ++i) accounts.push_back({"a b" + std::to_string(i) + "#02#"});  // names that run nothing
+    for (int i = 0; i < 257; ++i)
+        accounts.push_back({"a b" + std::to_string(i) + "#02#"});  // names that run nothing
     write(accounts);
     security_del_vdc_users_for_vdc(2);
     EXPECT_EQ(256u, log_lines().size());

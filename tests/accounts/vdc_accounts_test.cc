@@ -13,9 +13,9 @@ using Names = std::vector<std::string>;
 
 TEST_F(VdcAccounts, ContextsOfStoredNames) {
     const std::pair<const char*, int32_t> cases[] = {
-        {"bob", 1},      {"", 1},       {"bob#02#", 2}, {"bob#12#", 12}, {"bob#01#", 1}, {"#", 0},      {"a#", 0},
-        {"02#", 2},      {"2#", 0},     {"bob#", 0},    {"bob##", 0},    {"bob#x2#", 0}, {"bob#2x#", 2}, {"bob#02", 1},
-        {"bob#123#", 23}, {"bob#00#", 0}, {"bob# 3#", 3}, {"bob#-3#", -3},
+        {"bob", 1},     {"", 1},       {"bob#02#", 2},   {"bob#12#", 12}, {"bob#01#", 1}, {"#", 0},
+        {"a#", 0},      {"02#", 2},    {"2#", 0},        {"bob#", 0},     {"bob##", 0},   {"bob#x2#", 0},
+        {"bob#2x#", 2}, {"bob#02", 1}, {"bob#123#", 23}, {"bob#00#", 0},  {"bob# 3#", 3}, {"bob#-3#", -3},
     };
     for (const auto& [name, context] : cases) {
         // In a block of exactly its length, so that the sanitizer sees a look before its start.
@@ -58,8 +58,9 @@ TEST_F(VdcAccounts, LookUpsByPlainName) {
         const char* name;
         const char* found;
         uid_t uid;
-    } cases[] = {{1, "bob", "bob", 2000}, {2, "bob", "bob", 2001}, {3, "bob", nullptr, 0}, {3, "amy", "amy", 2002},
-                 {1, "amy", nullptr, 0}, {100, "bob", nullptr, 0}, {1, "", nullptr, 0}};
+    } cases[] = {{1, "bob", "bob", 2000}, {2, "bob", "bob", 2001}, {3, "bob", nullptr, 0},
+                 {3, "amy", "amy", 2002}, {1, "amy", nullptr, 0},  {100, "bob", nullptr, 0},
+                 {1, "", nullptr, 0}};
     for (const auto& c : cases) {
         world().vdc = c.context;
         const passwd* entry = vdc_getpwnam(c.name);
@@ -124,7 +125,12 @@ TEST_F(VdcAccounts, OneBufferOfNamesIsSharedAndAnotherIsNot) {
 }
 
 TEST_F(VdcAccounts, CountsThoseInBothFiles) {
-    write({{"bob"}, {"amy"}, {"only", true, false}, {"shadow", false, true}, {"bob#02#"}, {"cy#02#", true, false}});
+    write({{"bob"},
+           {"amy"},
+           {"only", true, false},
+           {"shadow", false, true},
+           {"bob#02#"},
+           {"cy#02#", true, false}});
     for (const auto& [context, want] : {std::pair{1, 2u}, {2, 1u}, {3, 0u}}) {
         world().vdc = context;
         uint32_t count = 99;
@@ -138,7 +144,8 @@ TEST_F(VdcAccounts, ShadowLookUpsDifferInTheStatusOfAFailure) {
         std::optional<platform_shadow_entry> shadow;
         uint32_t first, second;
         bool found;
-    } cases[] = {{{{0, "x", 5}}, 0, 0, true}, {{{0x41, "x", 5}}, 0x41, 0, false}, {std::nullopt, 0, 0, false}};
+    } cases[] = {
+        {{{0, "x", 5}}, 0, 0, true}, {{{0x41, "x", 5}}, 0x41, 0, false}, {std::nullopt, 0, 0, false}};
     for (const auto& c : cases) {
         world().shadow = c.shadow;
         platform_shadow_entry* entry = reinterpret_cast<platform_shadow_entry*>(1);

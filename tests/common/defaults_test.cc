@@ -24,7 +24,8 @@ TEST_F(Defaults, FillAnEmptyStore) {
 }
 
 TEST_F(Defaults, NeverTouchAStoredValue) {
-    world().store = {{number_key(1, 1), be32(0)}, {number_key(1, 2), be32(1)}, {number_key(1, 8), be32(4096)}};
+    world().store = {
+        {number_key(1, 1), be32(0)}, {number_key(1, 2), be32(1)}, {number_key(1, 8), be32(4096)}};
     EXPECT_EQ(0u, security_conf_default_check(kHandle));
     EXPECT_EQ(be32(0), stored(1));
     EXPECT_EQ(be32(1), stored(2));

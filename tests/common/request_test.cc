@@ -18,7 +18,9 @@ security_user sample() {
     return user;
 }
 
-std::string bytes_of(const security_user& user) { return {reinterpret_cast<const char*>(&user), sizeof user}; }
+std::string bytes_of(const security_user& user) {
+    return {reinterpret_cast<const char*>(&user), sizeof user};
+}
 
 TEST_F(Request, TravelsInWireOrderAndComesBackInHostOrder) {
     security_user answer = sample();

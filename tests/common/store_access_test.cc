@@ -33,7 +33,8 @@ TEST_F(StoreAccess, AStoreThatOpensIsNotCreated) {
 }
 
 TEST_F(StoreAccess, AFailedOpenIsRetriedOnceWithTheCreateFlag) {
-    const std::vector<std::string> both = {"pss2_open s 3 42 0 [0 0 0 100001]", "pss2_open s 19 42 0 [0 0 0 100001]"};
+    const std::vector<std::string> both = {"pss2_open s 3 42 0 [0 0 0 100001]",
+                                           "pss2_open s 19 42 0 [0 0 0 100001]"};
     uint32_t handle = 0;
     world().answer = {{"pss2_open", 0x40480006}};
     EXPECT_EQ(0x40480006u, security_pss_create(&handle, "s", 0, 0));
@@ -60,13 +61,25 @@ TEST_F(StoreAccess, Move2Key) {
         std::vector<std::string> traces;
     } cases[] = {
         {"the key itself", "bbbb", 0, 0, "bbbb", {"security_pss_move2key: rcode = 0 syserr2str = text of 0"}},
-        {"the key that follows", "aaaa", 0, 0x40480003, "bbbb",
+        {"the key that follows",
+         "aaaa",
+         0,
+         0x40480003,
+         "bbbb",
          {"security_pss_move2key: rcode = 40480003 syserr2str = text of 40480003",
           "security_pss_move2key: calling pss2_getkey "}},
-        {"nothing follows", "cccc", 0, 0x40480003, nullptr,
+        {"nothing follows",
+         "cccc",
+         0,
+         0x40480003,
+         nullptr,
          {"security_pss_move2key: rcode = 40480003 syserr2str = text of 40480003",
           "security_pss_move2key: calling pss2_getkey "}},
-        {"failure", "bbbb", 0x4048000c, 0x4048000c, nullptr,
+        {"failure",
+         "bbbb",
+         0x4048000c,
+         0x4048000c,
+         nullptr,
          {"security_pss_move2key: rcode = 4048000c syserr2str = text of 4048000c",
           "security_pss_move2key: else part "}},
     };
@@ -80,7 +93,8 @@ TEST_F(StoreAccess, Move2Key) {
         const pss_descriptor* found = security_pss_move2key(kHandle, &key, &status);
         EXPECT_EQ(c.status, status) << c.what;
         EXPECT_EQ(c.traces, world().traces) << c.what;
-        const std::string at = found == nullptr ? "" : std::string(static_cast<char*>(found->bytes), found->length);
+        const std::string at =
+            found == nullptr ? "" : std::string(static_cast<char*>(found->bytes), found->length);
         EXPECT_EQ(c.found == nullptr ? "" : c.found, at) << c.what;
     }
 }
@@ -97,9 +111,10 @@ TEST_F(StoreAccess, Move2LocationTracesUnderItsSistersName) {
     EXPECT_EQ(0, memcmp("bbbb", found->bytes, 4));
     EXPECT_EQ(nullptr, security_pss_move2location(kHandle, 3, &status));
     EXPECT_EQ(0x40480003u, status);
-    EXPECT_EQ((std::vector<std::string>{"security_pss_move2key: rcode = 0 syserr2str = text of 0",
-                                        "security_pss_move2key: rcode = 40480003 syserr2str = text of 40480003"}),
-              world().traces);
+    EXPECT_EQ(
+        (std::vector<std::string>{"security_pss_move2key: rcode = 0 syserr2str = text of 0",
+                                  "security_pss_move2key: rcode = 40480003 syserr2str = text of 40480003"}),
+        world().traces);
 }
 
 TEST_F(StoreAccess, Move2LocationFailsByEitherAnswer) {
@@ -109,7 +124,8 @@ TEST_F(StoreAccess, Move2LocationFailsByEitherAnswer) {
     const struct {
         const char* what;
         uint32_t location, result, status, want;
-    } cases[] = {{"the result alone", 3, 1, 0, 0}, {"the status alone", 3, 0, 0x4048000c, 0x4048000c},
+    } cases[] = {{"the result alone", 3, 1, 0, 0},
+                 {"the status alone", 3, 0, 0x4048000c, 0x4048000c},
                  {"another location", 5, PSS_BAD_ARGUMENT, 0, PSS_BAD_ARGUMENT}};
     for (const auto& c : cases) {
         world().answer.clear();
@@ -146,12 +162,16 @@ struct Named {
 };
 
 uint32_t next(Named& record, uint32_t table = 5) {
-    return fetch_next(kHandle, Key(table, record.name), record.name, {record.value, sizeof record.value}, kEnd);
+    return fetch_next(kHandle, Key(table, record.name), record.name, {record.value, sizeof record.value},
+                      kEnd);
 }
 
 TEST_F(StoreAccess, AWalkVisitsItsTableInOrderAndNoOther) {
-    world().store = {{name_key(4, "zoe"), "other"}, {name_key(5, "amy"), "1st"},  {name_key(5, "bob"), "2nd"},
-                     {name_key(6, "amy"), "other"}, {name_key(5, "b"), "between"}};
+    world().store = {{name_key(4, "zoe"), "other"},
+                     {name_key(5, "amy"), "1st"},
+                     {name_key(5, "bob"), "2nd"},
+                     {name_key(6, "amy"), "other"},
+                     {name_key(5, "b"), "between"}};
     Named record{};
     const char* const visits[] = {"amy", "b", "bob"};
     for (const char* name : visits) {
@@ -220,8 +240,8 @@ TEST_F(StoreAccess, StoredBytesOfAnotherLengthNeitherOverflowNorLinger) {
         {name_key(5, "amy"), "ab", "amy", std::string("ab\0\0\0\0\0\0", 8)},
         {name_key(5, "amy"), "0123456789", "amy", "01234567"},
         {name_key(5, "amy"), "", "amy", std::string(8, '\0')},
-        {name_key(5, "amy").substr(0, 6), "v2345678", "am", "v2345678"},        // a key cut short
-        {be32(5) + std::string(200, 'n'), "v2345678", longest, "v2345678"},     // one too long
+        {name_key(5, "amy").substr(0, 6), "v2345678", "am", "v2345678"},     // a key cut short
+        {be32(5) + std::string(200, 'n'), "v2345678", longest, "v2345678"},  // one too long
     };
     for (const auto& c : cases) {
         world().store = {{c.key, c.value}};
@@ -243,7 +263,8 @@ TEST_F(StoreAccess, StoredBytesOfAnotherLengthNeitherOverflowNorLinger) {
 
 TEST_F(StoreAccess, EraseTellsNoKeyApart) {
     EXPECT_EQ(SECURITY_PSS_NO_KEY, quill::erase(kHandle, Key(28)));
-    EXPECT_EQ(SECURITY_ERR_NOT_FOUND, quill::no_key_as(SECURITY_ERR_NOT_FOUND, quill::erase(kHandle, Key(28))));
+    EXPECT_EQ(SECURITY_ERR_NOT_FOUND,
+              quill::no_key_as(SECURITY_ERR_NOT_FOUND, quill::erase(kHandle, Key(28))));
     world().store = {{be32(28), "#"}};
     EXPECT_EQ(SECURITY_OK, quill::no_key_as(SECURITY_ERR_NOT_FOUND, quill::erase(kHandle, Key(28))));
 }

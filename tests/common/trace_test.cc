@@ -18,7 +18,8 @@ TEST_F(Trace, GoesToTheSinksThatWantIt) {
         trace("SET for %s with value:%d", "ssh", 5);
         const std::string text = "SET for ssh with value:5";
         EXPECT_EQ(c.history ? std::vector{text} : std::vector<std::string>(), world().traces);
-        EXPECT_EQ(c.debug ? std::vector{"1 fake module 0 " + text} : std::vector<std::string>(), world().printed);
+        EXPECT_EQ(c.debug ? std::vector{"1 fake module 0 " + text} : std::vector<std::string>(),
+                  world().printed);
     }
 }
 

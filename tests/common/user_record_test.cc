@@ -16,7 +16,9 @@ security_user user(const std::string& name, const std::string& password = "", ui
     return made;
 }
 
-std::string bytes_of(const security_user& made) { return {reinterpret_cast<const char*>(&made), sizeof made}; }
+std::string bytes_of(const security_user& made) {
+    return {reinterpret_cast<const char*>(&made), sizeof made};
+}
 
 // A value as the store holds it.
 std::string value(uint32_t type, uint32_t encryption, const std::string& password) {
@@ -25,12 +27,15 @@ std::string value(uint32_t type, uint32_t encryption, const std::string& passwor
     return bytes;
 }
 
-uint32_t config(uint32_t operation, security_user& record) { return security_user_config(kHandle, operation, &record); }
+uint32_t config(uint32_t operation, security_user& record) {
+    return security_user_config(kHandle, operation, &record);
+}
 
 TEST_F(UserRecord, ClearPasswordsAreStoredAsCipherText) {
     auto record = user("alice", "abc");
     EXPECT_EQ(0u, config(SET_REQ, record));
-    EXPECT_EQ((std::map<std::string, std::string>{{name_key(5, "alice"), value(0, 7, "kqn")}}), world().store);
+    EXPECT_EQ((std::map<std::string, std::string>{{name_key(5, "alice"), value(0, 7, "kqn")}}),
+              world().store);
     EXPECT_EQ(bytes_of(user("alice", "kqn", 7)), bytes_of(record));
 
     auto read = user("alice");
@@ -96,8 +101,10 @@ TEST_F(UserRecord, AnswersByOperation) {
         const char* name;
         uint32_t want;
     } cases[] = {
-        {"get of nobody", GET_REQ, "nobody", 0x404a0014}, {"delete of nobody", DEL_REQ, "nobody", 0x40480003},
-        {"past the last", GETNEXT_REQ, "zoe", 0x404a001c}, {"no operation", 0, "nobody", 0},
+        {"get of nobody", GET_REQ, "nobody", 0x404a0014},
+        {"delete of nobody", DEL_REQ, "nobody", 0x40480003},
+        {"past the last", GETNEXT_REQ, "zoe", 0x404a001c},
+        {"no operation", 0, "nobody", 0},
         {"unknown operation", 5, "nobody", 0},
     };
     for (const auto& c : cases) {
@@ -115,8 +122,8 @@ TEST_F(UserRecord, AnswersByOperation) {
 TEST_F(UserRecord, StoreFailuresPassThrough) {
     world().store = {{name_key(5, "amy"), value(0, 7, "kqn")}, {name_key(5, "bob"), value(0, 7, "kqn")}};
     const std::pair<const char*, uint32_t> cases[] = {
-        {"pss2_fetch", GET_REQ}, {"pss2_move2key", GETNEXT_REQ}, {"pss2_move2location", GETNEXT_REQ},
-        {"pss2_getvalue", GETNEXT_REQ}, {"pss2_store", SET_REQ}, {"pss2_delete", DEL_REQ},
+        {"pss2_fetch", GET_REQ},        {"pss2_move2key", GETNEXT_REQ}, {"pss2_move2location", GETNEXT_REQ},
+        {"pss2_getvalue", GETNEXT_REQ}, {"pss2_store", SET_REQ},        {"pss2_delete", DEL_REQ},
     };
     for (const auto& [call, operation] : cases) {
         const auto before = world().store;
@@ -163,12 +170,13 @@ TEST_F(UserRecord, Traces) {
     config(DEL_REQ, record);
     config(GETNEXT_REQ, record);
     const std::vector<std::string> expected = {
-        "In security_user_config:", "SET operation for user:amy", "status for the operation:<[0]>",
-        "In security_user_config:", "GET operation for user:amy", "status for the operation:<[0]>",
+        "In security_user_config:", "SET operation for user:amy",    "status for the operation:<[0]>",
+        "In security_user_config:", "GET operation for user:amy",    "status for the operation:<[0]>",
         "In security_user_config:", "DELETE operation for user:amy", "status for the operation:<[0]>",
-        "In security_user_config:", "GETNEXT for user:amy", "status for the operation:<[404a001c]>",
+        "In security_user_config:", "GETNEXT for user:amy",          "status for the operation:<[404a001c]>",
     };
-    std::erase_if(world().traces, [](const std::string& text) { return text.starts_with("security_pss_move2key"); });
+    std::erase_if(world().traces,
+                  [](const std::string& text) { return text.starts_with("security_pss_move2key"); });
     EXPECT_EQ(expected, world().traces);
 }
 

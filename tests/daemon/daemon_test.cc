@@ -18,7 +18,9 @@
 
 namespace {
 
-std::string get(uint32_t code) { return request_frame(SECURITY_ENABLE_INFO_REQUEST, GET_REQ, word(code) + word(0)); }
+std::string get(uint32_t code) {
+    return request_frame(SECURITY_ENABLE_INFO_REQUEST, GET_REQ, word(code) + word(0));
+}
 std::string set(uint32_t code, uint32_t value) {
     return request_frame(SECURITY_ENABLE_INFO_REQUEST, SET_REQ, word(code) + word(value));
 }
@@ -26,7 +28,9 @@ std::string value(uint32_t code, uint32_t value) { return reply_frame(0, word(co
 
 class SecurityDaemon : public testing::Test {
  protected:
-    static void expect_service() { EXPECT_EQ(value(SECURITY_SERVICE_SSH, 1), RawClient().ask(get(SECURITY_SERVICE_SSH))); }
+    static void expect_service() {
+        EXPECT_EQ(value(SECURITY_SERVICE_SSH, 1), RawClient().ask(get(SECURITY_SERVICE_SSH)));
+    }
 
     // Ends a daemon that went into the background.
     static void stop() {
@@ -49,7 +53,8 @@ TEST_F(SecurityDaemon, RunsOnce) {
     Daemon first;
     ASSERT_TRUE(first.ready()) << first.log();
     EXPECT_EQ(1, run_daemon_command({}, printed));
-    EXPECT_NE(std::string::npos, printed.find("another quillsecurityd is running already; stop it first")) << printed;
+    EXPECT_NE(std::string::npos, printed.find("another quillsecurityd is running already; stop it first"))
+        << printed;
     EXPECT_EQ(1, run_daemon_command({"--foreground"}, printed));
     expect_service();
     EXPECT_EQ(first.pid(), RawClient().server());
@@ -87,7 +92,8 @@ TEST_F(SecurityDaemon, SettlesWithinASecondOfAChange) {
     ASSERT_TRUE(daemon.ready()) << daemon.log();
     RawClient client;
     const double start = seconds_now();
-    for (uint32_t i = 0; i < 30; ++i, sleep_for(0.01)) client.ask(set(SECURITY_SERVICE_FIPS, i));  // do not put it off
+    for (uint32_t i = 0; i < 30; ++i, sleep_for(0.01))
+        client.ask(set(SECURITY_SERVICE_FIPS, i));  // do not put it off
     EXPECT_LT(0, log_size());
     while (log_size() != 0 && seconds_now() < start + 5) sleep_for(0.01);
     EXPECT_LT(seconds_now() - start, 1.1);
@@ -103,9 +109,9 @@ TEST_F(SecurityDaemon, InTheBackground) {
 
     // The same where the starter has closed its standard files: no file of the daemon's may take their place.
     EXPECT_EQ(0, in_child([] {
-        for (const int file : {0, 1, 2}) close(file);
-        execute_daemon({});
-    }));
+                  for (const int file : {0, 1, 2}) close(file);
+                  execute_daemon({});
+              }));
     expect_service();
     stop();
 }
@@ -197,8 +203,10 @@ TEST_F(SecurityDaemon, MembersOfTheGivenGroupAreAdministrators) {
         become_nobody();
         return RawClient().ask(set(SECURITY_SERVICE_FIPS, 1));
     };
-    const std::string done = value(SECURITY_SERVICE_FIPS, 1), refused = reply_frame(SECURITY_ERR_NOT_PERMITTED, "");
-    for (const auto& [group, want] : {std::pair{"nogroup", done}, std::pair{"daemon", refused}, std::pair{"root", refused}}) {
+    const std::string done = value(SECURITY_SERVICE_FIPS, 1),
+                      refused = reply_frame(SECURITY_ERR_NOT_PERMITTED, "");
+    for (const auto& [group, want] :
+         {std::pair{"nogroup", done}, std::pair{"daemon", refused}, std::pair{"root", refused}}) {
         Daemon daemon({"--admin-group", group});
         ASSERT_TRUE(daemon.ready()) << daemon.log();
         const int ended = in_child([&] { EXPECT_EQ(want, set_as_nobody()) << group; });

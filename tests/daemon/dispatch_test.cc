@@ -36,20 +36,33 @@ uint32_t handle_secret(uint32_t store, uint32_t operation, void* record) {
     return status;
 }
 
-uint32_t handle_user(uint32_t store, uint32_t operation, void* record) { return note<security_user>("user", store, operation, record); }
-uint32_t handle_line(uint32_t store, uint32_t operation, void* record) { return note<ssh_key_rec>("line", store, operation, record); }
-uint32_t handle_file(uint32_t store, uint32_t operation, void* record) { return note<ssh_key_new_rec>("file", store, operation, record); }
+uint32_t handle_user(uint32_t store, uint32_t operation, void* record) {
+    return note<security_user>("user", store, operation, record);
+}
+uint32_t handle_line(uint32_t store, uint32_t operation, void* record) {
+    return note<ssh_key_rec>("line", store, operation, record);
+}
+uint32_t handle_file(uint32_t store, uint32_t operation, void* record) {
+    return note<ssh_key_new_rec>("file", store, operation, record);
+}
 
 constexpr quill::CountField kSecretCounts[] = {{offsetof(security_priv_info, secret_len), 1024},
                                                {offsetof(security_priv_info, salt_len), 64}};
 constexpr quill::TextField kUserTexts[] = {{0, 128}, {offsetof(security_user, password), 128}};
 
 constexpr quill::Route kRoutes[] = {
-    {SECURITY_PRIV_INFO_REQUEST, sizeof(security_priv_info), handle_secret, Access::kAdministrators,
-     Access::kAdministrators, {}, kSecretCounts},
-    {SECURITY_USER_REQUEST, sizeof(security_user), handle_user, Access::kEveryone, Access::kAdministrators, kUserTexts},
+    {SECURITY_PRIV_INFO_REQUEST,
+     sizeof(security_priv_info),
+     handle_secret,
+     Access::kAdministrators,
+     Access::kAdministrators,
+     {},
+     kSecretCounts},
+    {SECURITY_USER_REQUEST, sizeof(security_user), handle_user, Access::kEveryone, Access::kAdministrators,
+     kUserTexts},
     {SECURITY_SSHKEY_FILE_REQUEST, sizeof(ssh_key_rec), handle_line, Access::kEveryone, Access::kEveryone},
-    {SECURITY_SSHKEY_FILE_REQUEST, sizeof(ssh_key_new_rec), handle_file, Access::kEveryone, Access::kEveryone},
+    {SECURITY_SSHKEY_FILE_REQUEST, sizeof(ssh_key_new_rec), handle_file, Access::kEveryone,
+     Access::kEveryone},
 };
 
 constexpr Peer kRoot{true, true, 0, 1}, kOther{true, false, 1000, 1}, kUnknown{};
@@ -83,7 +96,8 @@ TEST_F(Dispatch, OnlyARecordOfItsTypesSizeIsHandled) {
     EXPECT_EQ(SECURITY_ERR_REQUEST_TYPE, status_of(164, std::string(264, '\0')));
     EXPECT_EQ(SECURITY_ERR_REQUEST_TYPE, status_of(0xffffffff, std::string(264, '\0')));
     for (const size_t size : {0, 1, 263, 265, 20480})
-        EXPECT_EQ(SECURITY_ERR_REQUEST_SIZE, status_of(SECURITY_USER_REQUEST, std::string(size, '\0'))) << size;
+        EXPECT_EQ(SECURITY_ERR_REQUEST_SIZE, status_of(SECURITY_USER_REQUEST, std::string(size, '\0')))
+            << size;
     EXPECT_EQ(SECURITY_ERR_REQUEST_SIZE, status_of(SECURITY_SSHKEY_FILE_REQUEST, std::string(2329, '\0')));
     EXPECT_TRUE(handled.empty());
 

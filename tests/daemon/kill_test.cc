@@ -1,5 +1,5 @@
-// SIGKILL at random moments: what was acknowledged is there afterwards, whole. 25 kills each; QUILL_KILLS names
-// another number, for this program run by itself.
+// SIGKILL at random moments: what was acknowledged is there afterwards, whole. 25 kills each; QUILL_KILLS
+// names another number, for this program run by itself.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -11,8 +11,8 @@
 #include <thread>
 #include <vector>
 
-#include "quillsecurity.h"
 #include "quillplatform/shell.h"
+#include "quillsecurity.h"
 #include "tests/support/box.h"
 #include "tests/support/daemon.h"
 #include "tests/support/process.h"
@@ -32,7 +32,8 @@ class Kill : public testing::Test {
         std::sort(restarts.begin(), restarts.end());
         std::cout << rounds() << " kills, " << acknowledged << " changes acknowledged, "
                   << (seconds_now() - started) / rounds() * 1000 << " ms a round; restart "
-                  << restarts[restarts.size() / 2] * 1000 << " ms, at most " << restarts.back() * 1000 << " ms\n";
+                  << restarts[restarts.size() / 2] * 1000 << " ms, at most " << restarts.back() * 1000
+                  << " ms\n";
     }
 
     double pause() { return static_cast<double>(random() % 40000) / 1e6; }
@@ -60,7 +61,8 @@ TEST_F(Kill, TheDaemonLosesNoAcknowledgedValue) {
             uint32_t value = 0;
             const uint32_t status = cmi_enable_info_config(1, GET_REQ, code, &value);
             if (code == unanswered && status == 0 && value == last) values[code] = value;
-            ASSERT_EQ(values.contains(code) ? 0 : SECURITY_ERR_NO_VALUE, status) << code << ", round " << round;
+            ASSERT_EQ(values.contains(code) ? 0 : SECURITY_ERR_NO_VALUE, status)
+                << code << ", round " << round;
             ASSERT_EQ(values[code], value) << code << ", round " << round;
             if (value == 0) values.erase(code);
         }
@@ -117,7 +119,8 @@ TEST_F(Kill, TheStoreKeepsEveryAcknowledgedChangeWhole) {
             const uint32_t handle = open_store();
             for (std::mt19937 numbers(seed);;) {
                 const Change change = next_change(numbers);
-                const uint32_t status = change.value.empty() ? erase(handle, change.key) : put(handle, change.key, change.value);
+                const uint32_t status =
+                    change.value.empty() ? erase(handle, change.key) : put(handle, change.key, change.value);
                 if ((status != PSS_OK && status != PSS_NO_KEY) || write(ends[1], "", 1) != 1) _exit(3);
             }
         });
@@ -140,7 +143,8 @@ TEST_F(Kill, TheStoreKeepsEveryAcknowledgedChangeWhole) {
         if (fetch(handle, under_way.key) == (under_way.value.empty() ? "[40480003]" : under_way.value))
             records[under_way.key] = under_way.value;
         for (const auto& [key, value] : records)
-            ASSERT_TRUE(fetch(handle, key) == (value.empty() ? "[40480003]" : value)) << key << ", round " << round;
+            ASSERT_TRUE(fetch(handle, key) == (value.empty() ? "[40480003]" : value))
+                << key << ", round " << round;
         ASSERT_EQ(PSS_OK, pss2_close(handle));
     }
 }

@@ -40,7 +40,9 @@ struct HandedOut {
 
 std::optional<std::string> cursor;  // the key on which it stands
 
-std::string bytes_of(const pss_descriptor* run) { return {static_cast<const char*>(run->bytes), run->length}; }
+std::string bytes_of(const pss_descriptor* run) {
+    return {static_cast<const char*>(run->bytes), run->length};
+}
 
 pss_descriptor* hand_out(std::string& slot, pss_descriptor& descriptor, const std::string& bytes) {
     slot = bytes;
@@ -124,20 +126,23 @@ uint32_t pss2_move2key(uint32_t* handle, uint32_t mode, const pss_descriptor* ke
 uint32_t pss2_move2location(uint32_t* handle, uint32_t mode, uint32_t location, uint32_t* status) {
     *status = begin("pss2_move2location", *handle);
     if (*status == SECURITY_OK && (mode != 1 || location != 3)) *status = PSS_BAD_ARGUMENT;
-    if (*status == SECURITY_OK) *status = cursor ? place(world().store.upper_bound(*cursor)) : SECURITY_PSS_NO_KEY;
+    if (*status == SECURITY_OK)
+        *status = cursor ? place(world().store.upper_bound(*cursor)) : SECURITY_PSS_NO_KEY;
     return world().move_result.value_or(*status);
 }
 
 pss_descriptor* pss2_getkey(uint32_t handle, uint32_t* status) {
     *status = begin("pss2_getkey", handle);
-    if (*status == SECURITY_OK && (!cursor || !world().store.contains(*cursor))) *status = SECURITY_PSS_NO_KEY;
+    if (*status == SECURITY_OK && (!cursor || !world().store.contains(*cursor)))
+        *status = SECURITY_PSS_NO_KEY;
     if (*status != SECURITY_OK) return nullptr;
     return hand_out(handed_out.key, handed_out.key_descriptor, *cursor);
 }
 
 pss_descriptor* pss2_getvalue(uint32_t handle, uint32_t* status) {
     *status = begin("pss2_getvalue", handle);
-    if (*status == SECURITY_OK && (!cursor || !world().store.contains(*cursor))) *status = SECURITY_PSS_NO_KEY;
+    if (*status == SECURITY_OK && (!cursor || !world().store.contains(*cursor)))
+        *status = SECURITY_PSS_NO_KEY;
     if (*status != SECURITY_OK) return nullptr;
     return hand_out(handed_out.value, handed_out.value_descriptor, world().store[*cursor]);
 }
@@ -201,7 +206,8 @@ void buginf(uint32_t level, const char* module_name, uint32_t zero, const char* 
     va_start(arguments, format);
     vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
-    world().printed.push_back(std::to_string(level) + " " + module_name + " " + std::to_string(zero) + " " + text);
+    world().printed.push_back(std::to_string(level) + " " + module_name + " " + std::to_string(zero) + " " +
+                              text);
 }
 
 platform_shadow_entry* mygetspnam(uint32_t handle, const char* name) {

@@ -18,20 +18,20 @@ struct Sent {  // what reached the channel
     uint32_t timeout;  // security_cmi_timeout while it was under way
 };
 
-struct Reply {                        // what the channel answers
-    int32_t status = 0;               // negative: undeliverable, with `error` in errno
+struct Reply {                               // what the channel answers
+    int32_t status = 0;                      // negative: undeliverable, with `error` in errno
     std::optional<std::string> record = {};  // none: the request's own bytes come back
-    bool missing = false;             // no block at all
+    bool missing = false;                    // no block at all
     int error = 0;
 };
 
 struct World {
     std::map<std::string, std::string> store;  // bytes to bytes, in key order
     uint32_t version = 0;
-    std::map<std::string, uint32_t> answer;    // "pss2_store" -> the status it gives from now on
-    std::map<std::string, int> fail_after;     // how many calls go well before `answer` holds
-    std::optional<uint32_t> move_result;       // what pss2_move2location returns beside its status
-    std::vector<std::string> calls;            // of the store, in order: name, then its plain arguments
+    std::map<std::string, uint32_t> answer;  // "pss2_store" -> the status it gives from now on
+    std::map<std::string, int> fail_after;   // how many calls go well before `answer` holds
+    std::optional<uint32_t> move_result;     // what pss2_move2location returns beside its status
+    std::vector<std::string> calls;          // of the store, in order: name, then its plain arguments
 
     bool history = true;
     bool debug = false;
@@ -41,8 +41,8 @@ struct World {
 
     std::vector<Sent> requests;
     Reply reply;
-    std::map<size_t, Reply> replies;   // those to requests of these numbers, counted from 0
-    std::string last_reply;            // bytes of the block handed out
+    std::map<size_t, Reply> replies;  // those to requests of these numbers, counted from 0
+    std::string last_reply;           // bytes of the block handed out
 
     std::optional<uint16_t> card_type;
     std::vector<uint16_t> telnet_card_types;

@@ -57,8 +57,8 @@ Answer answer(const Peer&, Request& request) {
     case kDie:
         _exit(0);
     case kWho:
-        return answer_text(request, std::string(request.user_name) + " " + std::to_string(request.session) + " " +
-                                        std::to_string(request.operation));
+        return answer_text(request, std::string(request.user_name) + " " + std::to_string(request.session) +
+                                        " " + std::to_string(request.operation));
     case kCount:
         return answer_text(request, std::to_string(requests));
     }
@@ -81,7 +81,9 @@ std::string receive(int connection) {
     return message;
 }
 
-void reply(int connection, const std::string& frame) { send(connection, frame.data(), frame.size(), MSG_NOSIGNAL); }
+void reply(int connection, const std::string& frame) {
+    send(connection, frame.data(), frame.size(), MSG_NOSIGNAL);
+}
 
 // ---- The client
 
@@ -89,7 +91,8 @@ TEST_F(Channel, TheBytesOfARequest) {
     std::vector<std::string> seen;
     {
         ScriptedServer server([&](int connection) {
-            for (std::string got; !(got = receive(connection)).empty(); reply(connection, reply_frame(0, "r")))
+            for (std::string got; !(got = receive(connection)).empty();
+                 reply(connection, reply_frame(0, "r")))
                 seen.push_back(got);
         });
         security_cmi_session_id = 0x01020304;
@@ -107,7 +110,8 @@ TEST_F(Channel, TheBytesOfARequest) {
     }
     ASSERT_EQ(3u, seen.size());
     EXPECT_EQ(std::string("QSEC\0\0\0\1\0\0\0\xa1\0\0\0\3\1\2\3\4\0\0\0\x9", 24) + std::string(128, '\0') +
-                  std::string("\0\xff record", 9), seen[0]);
+                  std::string("\0\xff record", 9),
+              seen[0]);
     EXPECT_EQ(request_frame(283649, 4, "", 0x01020304, std::string(127, 'n')), seen[1]);
     EXPECT_EQ(request_frame(0xffffffff, 2, "ab", 0x01020304, "admin"), seen[2]);
 }
@@ -119,7 +123,9 @@ TEST_F(Channel, RepliesOfAllKinds) {
         while (!receive(connection).empty()) reply(connection, std::string(next));
     });
     const std::string good = reply_frame(0, "record");
-    const auto changed = [&good](size_t at, const std::string& bytes) { return std::string(good).replace(at, bytes.size(), bytes); };
+    const auto changed = [&good](size_t at, const std::string& bytes) {
+        return std::string(good).replace(at, bytes.size(), bytes);
+    };
     const struct {
         const char* what;
         std::string frame;
@@ -130,8 +136,10 @@ TEST_F(Channel, RepliesOfAllKinds) {
         {"success", good, 0, 0, "record"},
         {"a status with a record", reply_frame(0x404a0014, "why"), 0x404a0014, 0, "why"},
         {"no record", reply_frame(0, ""), 0, 0, "(null)"},
-        {"the largest", reply_frame(0, std::string(SECURITY_CMI_MAX_RECORD, 'x')), 0, 0, std::string(SECURITY_CMI_MAX_RECORD, 'x')},
-        {"one byte more", reply_frame(0, std::string(SECURITY_CMI_MAX_RECORD + 1, 'x')), -1, EPROTO, "(null)"},
+        {"the largest", reply_frame(0, std::string(SECURITY_CMI_MAX_RECORD, 'x')), 0, 0,
+         std::string(SECURITY_CMI_MAX_RECORD, 'x')},
+        {"one byte more", reply_frame(0, std::string(SECURITY_CMI_MAX_RECORD + 1, 'x')), -1, EPROTO,
+         "(null)"},
         {"wrong magic", changed(0, "QSED"), -1, EPROTO, "(null)"},
         {"wrong version", changed(4, word(2)), -1, EPROTO, "(null)"},
         {"length one short", changed(12, word(5)), -1, EPROTO, "(null)"},
@@ -163,9 +171,9 @@ TEST_F(Channel, NoDaemon) {
     ServerProcess server(answer);
     chmod(socket_path().c_str(), 0600);
     EXPECT_EQ(0, in_child([] {
-        become_nobody();
-        EXPECT_EQ(EACCES, ask(kEcho).error);
-    }));
+                  become_nobody();
+                  EXPECT_EQ(EACCES, ask(kEcho).error);
+              }));
 }
 
 TEST_F(Channel, TooLongARequestIsNotSent) {
@@ -188,17 +196,17 @@ TEST_F(Channel, ALateReplyAnswersNothing) {
 TEST_F(Channel, SignalsDoNotMoveTheDeadline) {
     ServerProcess server(answer);
     EXPECT_EQ(0, in_child([] {
-        struct sigaction action {};
-        action.sa_handler = [](int) {};
-        sigaction(SIGALRM, &action, nullptr);
-        const itimerval often{{0, 30000}, {0, 30000}};
-        setitimer(ITIMER_REAL, &often, nullptr);
-        const Outcome late = ask(kSlow, "1400");
-        EXPECT_EQ(ETIMEDOUT, late.error);
-        EXPECT_LE(1.0, late.seconds);
-        security_cmi_timeout = 5;
-        EXPECT_EQ("late", ask(kSlow, "300").record);
-    }));
+                  struct sigaction action {};
+                  action.sa_handler = [](int) {};
+                  sigaction(SIGALRM, &action, nullptr);
+                  const itimerval often{{0, 30000}, {0, 30000}};
+                  setitimer(ITIMER_REAL, &often, nullptr);
+                  const Outcome late = ask(kSlow, "1400");
+                  EXPECT_EQ(ETIMEDOUT, late.error);
+                  EXPECT_LE(1.0, late.seconds);
+                  security_cmi_timeout = 5;
+                  EXPECT_EQ("late", ask(kSlow, "300").record);
+              }));
 }
 
 // The limit is that of the whole request, from the wait for a place in the daemon's queue on.
@@ -274,7 +282,9 @@ TEST_F(Channel, MalformedFramesAreRefusedAndTheConnectionLivesOn) {
     RawClient client;
     const std::string good = request_frame(kEcho, 1, "record");
     const std::string refused = reply_frame(SECURITY_ERR_REQUEST_FRAME, "");
-    const auto changed = [&good](size_t at, const std::string& bytes) { return std::string(good).replace(at, bytes.size(), bytes); };
+    const auto changed = [&good](size_t at, const std::string& bytes) {
+        return std::string(good).replace(at, bytes.size(), bytes);
+    };
     const std::pair<const char*, std::string> cases[] = {
         {"one byte", "Q"},
         {"half a head", good.substr(0, 100)},
@@ -295,7 +305,8 @@ TEST_F(Channel, MalformedFramesAreRefusedAndTheConnectionLivesOn) {
     const std::string largest(SECURITY_CMI_MAX_RECORD, 'x');
     EXPECT_TRUE(reply_frame(0, largest) == client.ask(request_frame(kEcho, 1, largest)));
     EXPECT_EQ(reply_frame(0, ""), client.ask(request_frame(kEcho, 1, "")));
-    EXPECT_EQ("14", client.ask(request_frame(kCount, 1, "")).substr(16)) << "no handler saw the malformed ones";
+    EXPECT_EQ("14", client.ask(request_frame(kCount, 1, "")).substr(16))
+        << "no handler saw the malformed ones";
 }
 
 TEST_F(Channel, NobodyIsDelayedByTheOthers) {

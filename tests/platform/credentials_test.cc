@@ -21,7 +21,8 @@ int getsockopt(int socket, int level, int option, void* value, socklen_t* size) 
         errno = EIO;
         return -1;
     }
-    return reinterpret_cast<decltype(getsockopt)*>(dlsym(RTLD_NEXT, "getsockopt"))(socket, level, option, value, size);
+    return reinterpret_cast<decltype(getsockopt)*>(dlsym(RTLD_NEXT, "getsockopt"))(socket, level, option,
+                                                                                   value, size);
 }
 
 namespace {
@@ -40,8 +41,10 @@ class Credentials : public testing::Test {
     }
 
     static quill::Answer describe(const quill::Peer& peer, quill::Request& request) {
-        if (!peer.known) return answer_text(request, peer.administrator ? "unknown administrator" : "unknown");
-        return answer_text(request, (peer.administrator ? "administrator " : "other ") + std::to_string(peer.uid) +
+        if (!peer.known)
+            return answer_text(request, peer.administrator ? "unknown administrator" : "unknown");
+        return answer_text(request, (peer.administrator ? "administrator " : "other ") +
+                                        std::to_string(peer.uid) +
                                         (peer.pid > 0 ? "" : " without a process"));
     }
 

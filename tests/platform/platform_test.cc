@@ -54,7 +54,8 @@ void traces_are_bounded_and_harmless() {
     trace("");
     sdwrap_hist_event(0, 2, "ab");
     sdwrap_hist_event(0, 0, "");
-    EXPECT_EQ((std::vector<std::string>{std::string(512, 'x'), "ends.here..[2Jand.", "up to", "", "", ""}), dumped());
+    EXPECT_EQ((std::vector<std::string>{std::string(512, 'x'), "ends.here..[2Jand.", "up to", "", "", ""}),
+              dumped());
 }
 
 TEST(Traces, TheHistory) {
@@ -66,7 +67,11 @@ TEST(Traces, TheEnvironmentChoosesTheSinks) {
     const struct {
         const char* value;
         bool history, debug;
-    } cases[] = {{nullptr, true, false}, {"", true, false}, {"history", true, false}, {"debug", true, true}, {"off", false, false}};
+    } cases[] = {{nullptr, true, false},
+                 {"", true, false},
+                 {"history", true, false},
+                 {"debug", true, true},
+                 {"off", false, false}};
     for (const auto& c : cases) {
         const int ended = in_child([&] {
             unsetenv("QUILL_TRACE");
@@ -117,16 +122,18 @@ TEST(Configuration, ItsLines) {
     expect_settings("; a comment\n\n[system]\ncard_type=0 ; zero is a type\n", nullptr, {1, 0, {}});
     expect_settings("[other]\nvdc_id = 7\n[system]\n", nullptr, {1, -1, {}});
     // What is not understood leaves everything else as it was.
-    for (const char* garbage : {"vdc_id = 0", "vdc_id = 100", "vdc_id = 7x", "vdc_id =", "card_type = -1", "card_type = 65536",
-                                "card_type = twelve", "telnet_card_types = 5, x", "telnet_card_types = 70000",
-                                "no such name = 1", "neither name nor value", "[system", "\xff\xfe"})
+    for (const char* garbage :
+         {"vdc_id = 0", "vdc_id = 100", "vdc_id = 7x", "vdc_id =", "card_type = -1", "card_type = 65536",
+          "card_type = twelve", "telnet_card_types = 5, x", "telnet_card_types = 70000", "no such name = 1",
+          "neither name nor value", "[system", "\xff\xfe"})
         expect_settings(good + garbage + "\n", nullptr, {7, 65535, {12, 13, 0}});
 }
 
 TEST(Configuration, TheEnvironmentGoesFirst) {
     const std::string file = "[system]\nvdc_id = 7\n";
     for (const char* value : {"1", "99", "42"}) expect_settings(file, value, {atoi(value), -1, {}});
-    for (const char* value : {"0", "100", "-1", "", "7 ", "x", "4294967297", "0x10"}) expect_settings(file, value, {7, -1, {}});
+    for (const char* value : {"0", "100", "-1", "", "7 ", "x", "4294967297", "0x10"})
+        expect_settings(file, value, {7, -1, {}});
     expect_settings("", "0", {1, -1, {}});
 }
 
@@ -150,8 +157,10 @@ TEST(StatusTexts, EveryStatusHasItsOwn) {
 }
 
 TEST(StatusTexts, Others) {
-    EXPECT_STREQ("the request could not be delivered: Connection refused", syserr2str(SECURITY_ERR_TRANSPORT | ECONNREFUSED));
-    EXPECT_STREQ("the request could not be delivered: unknown reason", syserr2str(SECURITY_ERR_TRANSPORT | 0xfff));
+    EXPECT_STREQ("the request could not be delivered: Connection refused",
+                 syserr2str(SECURITY_ERR_TRANSPORT | ECONNREFUSED));
+    EXPECT_STREQ("the request could not be delivered: unknown reason",
+                 syserr2str(SECURITY_ERR_TRANSPORT | 0xfff));
     EXPECT_STREQ("unknown status 0x804a1000", syserr2str(SECURITY_ERR_TRANSPORT | 0x1000));
     EXPECT_STREQ("unknown status 0xffffffff", syserr2str(0xffffffff));
 }

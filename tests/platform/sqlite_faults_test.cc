@@ -29,7 +29,8 @@ struct Fault {
 int flushes;  // fdatasync calls that went well
 
 bool fails(const char* call) {
-    if (strcmp(fault.call, call) != 0 || (fault.happened && !fault.lasting) || fault.after-- > 0) return false;
+    if (strcmp(fault.call, call) != 0 || (fault.happened && !fault.lasting) || fault.after-- > 0)
+        return false;
     fault.after = 0;
     fault.happened = true;
     errno = fault.error;
@@ -115,7 +116,8 @@ TEST_F(SqliteFaults, AFailedWriteChangesNothing) {
         for (const auto& c : kErrors) {
             for (int after = 0; after < 5; ++after) {
                 for (const bool lasting : {false, true}) {
-                    SCOPED_TRACE(testing::Message() << call << " " << strerror(c.error) << " after " << after << lasting);
+                    SCOPED_TRACE(testing::Message()
+                                 << call << " " << strerror(c.error) << " after " << after << lasting);
                     // Longer than a page, so that several writes go with it.
                     const std::string next = numbered(std::string(9000, 'v'), ++count);
                     fault = {call, after, c.error, lasting};
@@ -174,7 +176,8 @@ TEST_F(SqliteFaults, SettlingThatFailsIsTriedAgain) {
             fault = {};
             EXPECT_EQ(PSS_OK, pss2_settle());
             for (const auto& [name, bytes] : files_in(box.state()))
-                EXPECT_EQ(std::string::npos, bytes.find("first secret")) << name << ", " << call << " after " << after;
+                EXPECT_EQ(std::string::npos, bytes.find("first secret"))
+                    << name << ", " << call << " after " << after;
             reopen();
             EXPECT_EQ("second", fetch(handle, "key"));
             pss2_close(handle);
@@ -216,7 +219,8 @@ TEST_F(SqliteFaults, AFailedReadIsAStatusAndPasses) {
     for (unsigned i = 0; i < kRecords; ++i) failed += fetch(handle, numbered("key", i)) == "[4048000c]";
     EXPECT_LT(kRecords / 2, failed) << fetch(handle, "key59");
     fault = {};
-    for (unsigned i = 0; i < kRecords; ++i) EXPECT_TRUE(std::string(60000, 'v') == fetch(handle, numbered("key", i)));
+    for (unsigned i = 0; i < kRecords; ++i)
+        EXPECT_TRUE(std::string(60000, 'v') == fetch(handle, numbered("key", i)));
 }
 
 TEST_F(SqliteFaults, AFileThatMayGrowNoMoreIsAStatus) {

@@ -67,7 +67,8 @@ TEST_F(SqliteFiles, NothingIsMadeWithoutTheCreateFlag) {
     mkdir(box.state().c_str(), 0700);
     EXPECT_EQ(PSS_NO_STORE, open(PSS_READ_WRITE));
     EXPECT_TRUE(files_in(box.state()).empty());
-    for (const uint32_t flags : {0u, 1u, 2u, 16u, 32u | 3u, 0xffffffffu}) EXPECT_EQ(PSS_BAD_ARGUMENT, open(flags)) << flags;
+    for (const uint32_t flags : {0u, 1u, 2u, 16u, 32u | 3u, 0xffffffffu})
+        EXPECT_EQ(PSS_BAD_ARGUMENT, open(flags)) << flags;
     EXPECT_EQ(PSS_OK, open());
 }
 
@@ -114,9 +115,10 @@ TEST_F(SqliteFiles, ALooseFileIsTightened) {
 }
 
 TEST_F(SqliteFiles, NamesThatLeadElsewhereAreRefused) {
-    for (const std::string& name : {std::string(), std::string(".."), std::string("."), std::string(".hidden"),
-                                    std::string("../s"), std::string("a/b"), std::string("/etc/s"), std::string("a b"),
-                                    std::string("s\n"), std::string("\xc3\xa4"), std::string(65, 'n')})
+    for (const std::string& name :
+         {std::string(), std::string(".."), std::string("."), std::string(".hidden"), std::string("../s"),
+          std::string("a/b"), std::string("/etc/s"), std::string("a b"), std::string("s\n"),
+          std::string("\xc3\xa4"), std::string(65, 'n')})
         EXPECT_EQ(PSS_BAD_ARGUMENT, open(PSS_READ_WRITE | PSS_CREATE, name)) << name;
     EXPECT_EQ("none", mode_of(box.state()));
     EXPECT_EQ(PSS_OK, open(PSS_READ_WRITE | PSS_CREATE, std::string(64, 'n')));
@@ -187,8 +189,10 @@ TEST_F(SqliteFiles, WhatIsNoStoreIsLeftAsItIs) {
     const auto make_foreign = [this] {
         sqlite3* database = nullptr;
         sqlite3_open(file.c_str(), &database);
-        sqlite3_exec(database, "PRAGMA journal_mode=WAL; CREATE TABLE record(key BLOB, value BLOB);"
-                               "INSERT INTO record VALUES('k', 'v')", nullptr, nullptr, nullptr);
+        sqlite3_exec(database,
+                     "PRAGMA journal_mode=WAL; CREATE TABLE record(key BLOB, value BLOB);"
+                     "INSERT INTO record VALUES('k', 'v')",
+                     nullptr, nullptr, nullptr);
         sqlite3_close(database);
     };
     const struct {
@@ -201,7 +205,8 @@ TEST_F(SqliteFiles, WhatIsNoStoreIsLeftAsItIs) {
         {"a header cut short", [this] { write_file(file, std::string("SQLite format 3\0", 16)); }},
         {"a folder", [this] { mkdir(file.c_str(), 0700); }},
         {"a pipe", [this] { mkfifo(file.c_str(), 0600); }},
-        {"a link to a store", [this] {
+        {"a link to a store",
+         [this] {
              make_store();
              rename(file.c_str(), (box / "target").c_str());
              ASSERT_EQ(0, symlink((box / "target").c_str(), file.c_str()));
@@ -242,7 +247,8 @@ TEST_F(SqliteFiles, VersionStamps) {
 
 TEST_F(SqliteFiles, ACreationThatWasInterruptedStartsOver) {
     mkdir(box.state().c_str(), 0700);
-    for (const char* suffix : {"", "-journal", "-wal"}) write_file(file + ".new" + suffix, "half of it", 0644);
+    for (const char* suffix : {"", "-journal", "-wal"})
+        write_file(file + ".new" + suffix, "half of it", 0644);
     EXPECT_EQ(PSS_NO_STORE, open(PSS_READ_WRITE));
     ASSERT_EQ(PSS_OK, open());
     EXPECT_EQ(PSS_OK, put(handle, "key", "value"));
@@ -265,28 +271,33 @@ TEST_F(SqliteFiles, DamageIsAStatus) {
         write_file(file, bytes);
         const uint32_t status = open();
         if (status != PSS_OK) {
-            EXPECT_TRUE(status == PSS_CORRUPT || status == PSS_NOT_A_STORE || status == PSS_ENGINE) << std::hex << status;
+            EXPECT_TRUE(status == PSS_CORRUPT || status == PSS_NOT_A_STORE || status == PSS_ENGINE)
+                << std::hex << status;
             return;
         }
         ++opened;
         for (unsigned i = 0; i < kRecords; ++i) {
             const std::string key = numbered("key", i), found = fetch(handle, key);
-            if (found == value_of(i)) ++readable;
-            else ++damaged;
+            if (found == value_of(i))
+                ++readable;
+            else
+                ++damaged;
         }
         put(handle, "key", "value");
         const std::string start = "k";
         const pss_descriptor key = describe(start);
         uint32_t at = handle, answer = 0;
         pss2_move2key(&at, PSS_MODE, &key, &answer);
-        for (unsigned i = 0; i <= kRecords && (i == 0 || answer == PSS_OK); ++i) pss2_move2location(&at, PSS_MODE, PSS_NEXT, &answer);
+        for (unsigned i = 0; i <= kRecords && (i == 0 || answer == PSS_OK); ++i)
+            pss2_move2location(&at, PSS_MODE, PSS_NEXT, &answer);
         pss2_close(handle);
     };
     for (size_t length = 100; length < whole.size(); length += 4096 + 500) look(whole.substr(0, length));
     for (size_t page = 0; page < whole.size(); page += 4096) {
         for (const size_t offset : {0u, 3u, 8u, 30u}) {
             std::string bytes = whole;
-            for (size_t i = page + (page == 0 ? 100 : 0) + offset, end = i + 20; i < end; ++i) bytes[i] = static_cast<char>(0xff - i % 3);
+            for (size_t i = page + (page == 0 ? 100 : 0) + offset, end = i + 20; i < end; ++i)
+                bytes[i] = static_cast<char>(0xff - i % 3);
             look(bytes);
         }
     }

@@ -104,10 +104,10 @@ TEST_P(SqliteSecrets, AreGoneOnceTheyAreReplacedOrDeleted) {
 
 TEST_P(SqliteSecrets, AreGoneWhenTheStoreIsOpenedAfterACrash) {
     EXPECT_EQ(128 + SIGKILL, in_child([&] {
-        open();
-        for (int i = 0; i < 200; ++i) change();
-        kill(getpid(), SIGKILL);
-    }));
+                  open();
+                  for (int i = 0; i < 200; ++i) change();
+                  kill(getpid(), SIGKILL);
+              }));
     open();
     for (unsigned user = 0; user < 60; ++user) {
         const std::string key = numbered("user", user);

@@ -1,5 +1,5 @@
-// The store's promises as tests, for whichever store is linked: store_contract_test.cc has them, and beside it
-// each store's own file says how to come by a fresh one.
+// The store's promises as tests, for whichever store is linked: store_contract_test.cc has them, and beside
+// it each store's own file says how to come by a fresh one.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -15,7 +15,8 @@ class StoreContract : public testing::TestWithParam<FreshStore> {
     std::string here() {
         uint32_t status = 0x55;
         const pss_descriptor* found = pss2_getkey(store, &status);
-        if (status != PSS_OK) return found == nullptr && value_here() == "" ? bracketed(status) : "not both refused";
+        if (status != PSS_OK)
+            return found == nullptr && value_here() == "" ? bracketed(status) : "not both refused";
         const std::string key = bytes_of(found);
         return key + "=" + value_here();
     }

@@ -30,9 +30,20 @@ TEST_P(StoreContract, TheLongestKeyAndValueAreKeptWhole) {
 
 // Byte order: unsigned, a prefix before what it begins, zeros and 0xff like any other byte.
 TEST_P(StoreContract, AWalkGoesInTheByteOrderOfTheKeys) {
-    const std::string ordered[] = {std::string(1, '\0'), std::string("\0\0", 2), std::string("\0\1", 2),
-                                   "A",  std::string("A\0", 2), "AA", "B", "a", "\x7f", "\x80", "\xff", "\xff\xff"};
-    for (const size_t i : {7, 2, 11, 0, 9, 4, 6, 1, 10, 3, 8, 5}) ASSERT_EQ(PSS_OK, put(store, ordered[i], "v"));
+    const std::string ordered[] = {std::string(1, '\0'),
+                                   std::string("\0\0", 2),
+                                   std::string("\0\1", 2),
+                                   "A",
+                                   std::string("A\0", 2),
+                                   "AA",
+                                   "B",
+                                   "a",
+                                   "\x7f",
+                                   "\x80",
+                                   "\xff",
+                                   "\xff\xff"};
+    for (const size_t i : {7, 2, 11, 0, 9, 4, 6, 1, 10, 3, 8, 5})
+        ASSERT_EQ(PSS_OK, put(store, ordered[i], "v"));
     EXPECT_EQ("at " + ordered[0] + "=v", move(ordered[0]));
     for (size_t i = 1; i < std::size(ordered); ++i) EXPECT_EQ(ordered[i] + "=v", next()) << i;
     EXPECT_EQ("none", next());

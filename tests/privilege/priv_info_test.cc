@@ -25,7 +25,9 @@ security_priv_info hashed(int32_t number) {
     return info;
 }
 
-std::string bytes_of(const security_priv_info& info) { return {reinterpret_cast<const char*>(&info), sizeof info}; }
+std::string bytes_of(const security_priv_info& info) {
+    return {reinterpret_cast<const char*>(&info), sizeof info};
+}
 
 // The value as the store holds it: the words behind the level big-endian.
 std::string value(const security_priv_info& info) {
@@ -48,7 +50,8 @@ uint32_t config(uint32_t operation, security_priv_info& info) {
 std::vector<std::string> traces() {
     std::vector<std::string> found;
     for (const auto& text : world().traces)
-        found.push_back(std::regex_replace(text, std::regex("^security_priv_info_config\\([0-9]+\\):"), "(.):"));
+        found.push_back(
+            std::regex_replace(text, std::regex("^security_priv_info_config\\([0-9]+\\):"), "(.):"));
     return found;
 }
 
@@ -98,8 +101,10 @@ TEST_F(PrivInfo, AFailedHashStoresAndChangesNothing) {
 }
 
 TEST_F(PrivInfo, WalksLevelsUpwardsFromAnyStart) {
-    world().store = {{number_key(21, 1), "other"}, {number_key(22, 3), value(hashed(0))},
-                     {number_key(22, 7), value(hashed(0))}, {number_key(27, 0), "other"}};
+    world().store = {{number_key(21, 1), "other"},
+                     {number_key(22, 3), value(hashed(0))},
+                     {number_key(22, 7), value(hashed(0))},
+                     {number_key(27, 0), "other"}};
     const struct {
         int32_t from;
         uint32_t want;
@@ -116,8 +121,11 @@ TEST_F(PrivInfo, WalksLevelsUpwardsFromAnyStart) {
 
 TEST_F(PrivInfo, AnswersByOperation) {
     const std::tuple<const char*, uint32_t, uint32_t> cases[] = {
-        {"get of an unset level", GET_REQ, 0x404a0045}, {"delete of an unset level", DEL_REQ, 0x40480003},
-        {"walk in an empty table", GETNEXT_REQ, 0x404a0046}, {"no operation", 0, 0}, {"unknown operation", 5, 0}};
+        {"get of an unset level", GET_REQ, 0x404a0045},
+        {"delete of an unset level", DEL_REQ, 0x40480003},
+        {"walk in an empty table", GETNEXT_REQ, 0x404a0046},
+        {"no operation", 0, 0},
+        {"unknown operation", 5, 0}};
     for (const auto& [what, operation, want] : cases) {
         auto info = level(0x01020304, 100, "kept");
         const auto before = info;
@@ -129,8 +137,8 @@ TEST_F(PrivInfo, AnswersByOperation) {
 TEST_F(PrivInfo, StoreFailuresPassThroughAndAreTraced) {
     world().store = {{number_key(22, 1), value(hashed(0))}, {number_key(22, 2), value(hashed(0))}};
     const std::pair<const char*, uint32_t> cases[] = {
-        {"pss2_fetch", GET_REQ}, {"pss2_move2key", GETNEXT_REQ}, {"pss2_move2location", GETNEXT_REQ},
-        {"pss2_getvalue", GETNEXT_REQ}, {"pss2_store", SET_REQ}, {"pss2_delete", DEL_REQ},
+        {"pss2_fetch", GET_REQ},        {"pss2_move2key", GETNEXT_REQ}, {"pss2_move2location", GETNEXT_REQ},
+        {"pss2_getvalue", GETNEXT_REQ}, {"pss2_store", SET_REQ},        {"pss2_delete", DEL_REQ},
     };
     for (const auto& [call, operation] : cases) {
         const auto before = world().store;
@@ -230,7 +238,11 @@ TEST_F(PrivInfo, VerifiesASecret) {
         {"right", {.record = wire(hashed(3))}, "abc", 0, 1},
         {"wrong", {.record = wire(hashed(3))}, "abd", 0x404a0009, 0},
         {"no secret", {.status = 0x404a0045}, "abc", 0x404a0045, 0},
-        {"a field without an end", {.record = wire(level(3, 1, std::string(1024, '$')))}, "abc", 0x404a0008, 0},
+        {"a field without an end",
+         {.record = wire(level(3, 1, std::string(1024, '$')))},
+         "abc",
+         0x404a0008,
+         0},
     };
     for (const auto& c : cases) {
         world().reply = c.reply;

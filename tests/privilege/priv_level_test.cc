@@ -8,8 +8,9 @@ TEST_F(PrivLevel, RolesByLevelAndContext) {
     const struct {
         int32_t level, vdc;
         const char* role;
-    } cases[] = {{0, 1, "priv-0"}, {9, 2, "priv-9"}, {10, 1, "priv-10"}, {14, 1, "priv-14"}, {15, 1, "network-admin"},
-                 {15, 2, "vdc-admin"}, {16, 1, ""}, {-1, 1, ""}, {INT32_MIN, 1, ""}};
+    } cases[] = {{0, 1, "priv-0"},         {9, 2, "priv-9"},     {10, 1, "priv-10"}, {14, 1, "priv-14"},
+                 {15, 1, "network-admin"}, {15, 2, "vdc-admin"}, {16, 1, ""},        {-1, 1, ""},
+                 {INT32_MIN, 1, ""}};
     for (const auto& c : cases) {
         world() = World();
         world().vdc = c.vdc;

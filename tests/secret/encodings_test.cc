@@ -41,9 +41,9 @@ TEST_F(Encodings, CipherMovesLettersByTheKey) {
         const char *text, *key, *want;
     } cases[] = {
         {"abc", nullptr, "kqn"},
-        {"a1a", nullptr, "k1l"},      // a digit uses up the second key letter
-        {"a a", nullptr, "k l"},      // and so does a blank
-        {"AbC", nullptr, "KqN"},      // the text's case is kept
+        {"a1a", nullptr, "k1l"},        // a digit uses up the second key letter
+        {"a a", nullptr, "k l"},        // and so does a blank
+        {"AbC", nullptr, "KqN"},        // the text's case is kept
         {"aaaaaa", nullptr, "kplmor"},  // the key's sixth letter is upper case, and its case does not matter
         {"Z", "b", "A"},
         {"Z", "B", "A"},
@@ -100,7 +100,8 @@ TEST_F(Encodings, TypesAreLookedUpInTheTables) {
     for (const uint32_t type : {2u, 3u, 100u}) {
         Output output;
         EXPECT_EQ(0x404a0008u, security_conf_encrypt("abc", type, nullptr, 0, &output.block, &output.length));
-        EXPECT_EQ(0x404a0008u, security_conf_decrypt("abc", 4, type, nullptr, 0, &output.block, &output.length));
+        EXPECT_EQ(0x404a0008u,
+                  security_conf_decrypt("abc", 4, type, nullptr, 0, &output.block, &output.length));
         EXPECT_EQ(nullptr, output.block);
     }
     Output cipher, clear, copy;

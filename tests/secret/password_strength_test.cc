@@ -11,9 +11,11 @@ using PasswordStrength = LibraryTest;
 
 constexpr char kShort[] = "Password should be at least 8 characters.";
 constexpr char kForbidden[] = "Special characters '$' and '=' are not supported.";
-constexpr char kRepeated[] = "Password shouldn't contain characters, repeated three or more times consecutively.";
+constexpr char kRepeated[] =
+    "Password shouldn't contain characters, repeated three or more times consecutively.";
 constexpr char kClasses[] =
-    "Password should contain characters from at least three of the following classes: lower case letters, upper case "
+    "Password should contain characters from at least three of the following classes: lower case letters, "
+    "upper case "
     "letters, digits and special characters.";
 constexpr char kSame[] = "Password should not be same as username or reverse of it.";
 
@@ -44,22 +46,24 @@ TEST_F(PasswordStrength, TheFirstBrokenRuleIsTold) {
         {"alice", "abcdefgh1", kClasses},
         {"alice", "abcd efg1", kClasses},  // a blank is of no class
         {"alice", "abcd\tefg1", kClasses},
-        {"alice", "abcdefg1\x01", ""},     // a control character is special
-        {"alice", "abcdefg1\xe9", ""},     // and so is a byte that is no letter here
+        {"alice", "abcdefg1\x01", ""},  // a control character is special
+        {"alice", "abcdefg1\xe9", ""},  // and so is a byte that is no letter here
         {"alice", "ABCDEFG1!", ""},
         {"Abcdefg1", "Abcdefg1", kSame},
         {"1gfedcbA", "Abcdefg1", kSame},
-        {"abcdefg1", "Abcdefg1", ""},      // case makes a difference
-        {"alice", long_one + "aB1.c", ""},            // 255 characters
-        {"alice", long_one + "aB1.caaa", ""},         // the third a in a row is beyond what is looked at
-        {"alice", long_one + "1.aaa", kRepeated},     // and here it is not
+        {"abcdefg1", "Abcdefg1", ""},              // case makes a difference
+        {"alice", long_one + "aB1.c", ""},         // 255 characters
+        {"alice", long_one + "aB1.caaa", ""},      // the third a in a row is beyond what is looked at
+        {"alice", long_one + "1.aaa", kRepeated},  // and here it is not
         {"alice", long_one + "aB1.c$", ""},
         {"alice", long_one + "aB1.$", kForbidden},
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(c.want, told(security_check_strength_main(c.name.c_str(), c.password.c_str()))) << c.password;
+        EXPECT_EQ(c.want, told(security_check_strength_main(c.name.c_str(), c.password.c_str())))
+            << c.password;
     }
-    EXPECT_EQ(security_check_strength_main("alice", "a"), security_check_strength_main("", "")) << "one buffer";
+    EXPECT_EQ(security_check_strength_main("alice", "a"), security_check_strength_main("", ""))
+        << "one buffer";
     EXPECT_EQ("User name is not supplied, I can't verify the password strength.",
               told(security_check_strength_main(nullptr, nullptr)));
 }
@@ -97,7 +101,8 @@ TEST_F(PasswordStrength, TheSwitchDecidesWhetherToCheck) {
 }
 
 TEST_F(PasswordStrength, CracklibJudgesWhatPassesTheRules) {
-    if (getenv("QUILL_IN_SANDBOX") == nullptr) GTEST_SKIP() << "run in packaging/sandbox: it has the dictionary";
+    if (getenv("QUILL_IN_SANDBOX") == nullptr)
+        GTEST_SKIP() << "run in packaging/sandbox: it has the dictionary";
     constexpr uint32_t kNone = 0xffffffff;
     world().traces.clear();
     EXPECT_EQ("", judged(kNone, "Xq7!vR2#mzL"));
@@ -110,12 +115,14 @@ TEST_F(PasswordStrength, CracklibJudgesWhatPassesTheRules) {
 
     EXPECT_EQ(kShort, judged(kNone, "short"));
     EXPECT_STREQ(kShort, cmi_common_user_err_str);
-    EXPECT_EQ("Implementing our own checks: security_check_strength_main() func called", world().traces.back());
+    EXPECT_EQ("Implementing our own checks: security_check_strength_main() func called",
+              world().traces.back());
 }
 
 // Without its dictionary, or with rubbish in its place, cracklib rejects and nothing ends the process.
 TEST_F(PasswordStrength, AMissingDictionaryRejects) {
-    if (getenv("QUILL_IN_SANDBOX") == nullptr) GTEST_SKIP() << "run in packaging/sandbox: this moves the dictionary";
+    if (getenv("QUILL_IN_SANDBOX") == nullptr)
+        GTEST_SKIP() << "run in packaging/sandbox: this moves the dictionary";
     namespace fs = std::filesystem;
     const std::string path = "/tovo/etc/quillsecurity/cracklib_dict";
     for (const bool rubbish : {false, true}) {
@@ -134,8 +141,18 @@ TEST_F(PasswordStrength, AMissingDictionaryRejects) {
 TEST_F(PasswordStrength, TextHelpers) {
     const struct {
         const char *given, *reversed, *sorted, *lower;
-    } cases[] = {{"", "", "", ""}, {"a", "a", "a", "a"}, {"bA\xff" "c", "c\xff" "Ab", "\xff" "Abc", "ba\xff" "c"},
-                 {"ABC", "CBA", "ABC", "Abc"}, {"dcba", "abcd", "abcd", "dcba"}};
+    } cases[] = {{"", "", "", ""},
+                 {"a", "a", "a", "a"},
+                 {"bA\xff"
+                  "c",
+                  "c\xff"
+                  "Ab",
+                  "\xff"
+                  "Abc",
+                  "ba\xff"
+                  "c"},
+                 {"ABC", "CBA", "ABC", "Abc"},
+                 {"dcba", "abcd", "abcd", "dcba"}};
     for (const auto& c : cases) {
         char text[16];
         EXPECT_STREQ(c.reversed, reverse_fun(strcpy(text, c.given)));

@@ -40,8 +40,14 @@ TEST_F(SaltedHash, NumbersAsText) {
         char radix;
         uint32_t value;
         const char* want;
-    } cases[] = {{'x', 255, "ff"}, {'d', 255, "255"}, {'X', 255, "255"}, {'x', 0, "0"}, {'d', 0, "0"},
-                 {'x', 0xffffffff, "ffffffff"}, {'d', 0xffffffff, "4294967295"}, {'x', 0x1a0, "1a0"}};
+    } cases[] = {{'x', 255, "ff"},
+                 {'d', 255, "255"},
+                 {'X', 255, "255"},
+                 {'x', 0, "0"},
+                 {'d', 0, "0"},
+                 {'x', 0xffffffff, "ffffffff"},
+                 {'d', 0xffffffff, "4294967295"},
+                 {'x', 0x1a0, "1a0"}};
     for (const auto& c : cases) {
         char text[11];
         security_ltoa(text, c.radix, c.value);
@@ -108,8 +114,9 @@ TEST_F(SaltedHash, DigestIsOverSecretSaltSecret) {
         char area[1024 + 1];
         memset(area, '#', sizeof area);
         uint32_t length = 0;
-        EXPECT_EQ(0u, security_calculate_hash(c.secret, static_cast<uint32_t>(strlen(c.secret)), c.salt,
-                                              static_cast<uint32_t>(strlen(c.salt)), area, &length, c.digest));
+        EXPECT_EQ(0u,
+                  security_calculate_hash(c.secret, static_cast<uint32_t>(strlen(c.secret)), c.salt,
+                                          static_cast<uint32_t>(strlen(c.salt)), area, &length, c.digest));
         EXPECT_EQ(c.length, length);
         std::string want = c.text;
         want.resize(1024);
@@ -196,7 +203,8 @@ TEST_F(SaltedHash, VerifiesExactlyHashStrings) {
         // On the heap and no longer than it must be, so that the sanitizer sees a byte too many.
         const std::string stored(c.stored);
         std::vector<char> exact(stored.c_str(), stored.c_str() + stored.size() + 1);
-        EXPECT_EQ(c.want, security_verify_shadowed_hash("abc", 3, exact.data(), static_cast<uint32_t>(stored.size())))
+        EXPECT_EQ(c.want,
+                  security_verify_shadowed_hash("abc", 3, exact.data(), static_cast<uint32_t>(stored.size())))
             << c.what;
     }
     EXPECT_EQ(0x404a0009u, security_verify_shadowed_hash("abc", 3, nullptr, 22));
@@ -204,8 +212,8 @@ TEST_F(SaltedHash, VerifiesExactlyHashStrings) {
 
 // The length given decides how long the salt is taken to be, but never reaches past the text.
 TEST_F(SaltedHash, GivenLengthsThatDoNotFitAreRefused) {
-    const std::vector<char> stored = {'$', '1', '$', '1', 'f', '$', '1', '3', '4', 'c', 'c', '7', '8', 'c', '8',
-                                      '8', '2', 'a', '1', 'c', '6', '3', '\0'};
+    const std::vector<char> stored = {'$', '1', '$', '1', 'f', '$', '1', '3', '4', 'c', 'c', '7',
+                                      '8', 'c', '8', '8', '2', 'a', '1', 'c', '6', '3', '\0'};
     for (const uint32_t length : {0u, 2u, 3u, 19u, 21u, 23u, 41u, 1024u, 0x7fffffffu, 0xffffffffu})
         EXPECT_EQ(0x404a0009u, security_verify_shadowed_hash("abc", 3, stored.data(), length)) << length;
     EXPECT_EQ(0u, security_verify_shadowed_hash("abc", 3, stored.data(), 22));

@@ -62,7 +62,8 @@ int bound_socket(int type, const std::string& path) {
     sockaddr_un address;
     const socklen_t size = make_address(path, address);
     const int made = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
-    if (bind(made, reinterpret_cast<sockaddr*>(&address), size) != 0) ADD_FAILURE() << path << ": " << strerror(errno);
+    if (bind(made, reinterpret_cast<sockaddr*>(&address), size) != 0)
+        ADD_FAILURE() << path << ": " << strerror(errno);
     return made;
 }
 
@@ -112,7 +113,8 @@ int run_daemon_command(const std::vector<std::string>& arguments, std::string& p
 
 RawClient::RawClient() : socket_(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
     sockaddr_un address;
-    const socklen_t size = make_address(getenv("QUILL_RUNTIME_DIR") + std::string("/quillsecurityd.sock"), address);
+    const socklen_t size =
+        make_address(getenv("QUILL_RUNTIME_DIR") + std::string("/quillsecurityd.sock"), address);
     const timeval patience{kPatience / 1000, 0};
     setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     if (connect(socket_, reinterpret_cast<sockaddr*>(&address), size) == 0) return;

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-// Started in the foreground, on the folders that the environment names; gone with the object. Whoever runs the
-// tests is its administrator.
+// Started in the foreground, on the folders that the environment names; gone with the object. Whoever runs
+// the tests is its administrator.
 class Daemon {
  public:
     explicit Daemon(const std::vector<std::string>& arguments = {});

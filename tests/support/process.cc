@@ -13,9 +13,7 @@
 namespace {
 
 // What the running test has recorded, failures above all; a child begins with what its parent had.
-int findings() {
-    return testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count();
-}
+int findings() { return testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count(); }
 
 }  // namespace
 

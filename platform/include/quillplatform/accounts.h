@@ -11,14 +11,14 @@ extern "C" {
 
 typedef struct platform_shadow_entry {
     uint32_t status;      /* 0, or why the entry could not be read */
-    const char *password; /* the stored password field, shadow(5) */
+    const char* password; /* the stored password field, shadow(5) */
     int32_t expiry_days;  /* days since 1970-01-01 on which the account expires; -1 for never */
 } platform_shadow_entry;
 
 /* The entry of a stored name; null when there is no such account. It lives in static storage until the next
- * call. The reference asks getspnam(3), and answers an entry with status 0x804a0000 OR errno where that failed
- * for another reason than the account's absence. `handle` is not used. */
-platform_shadow_entry *mygetspnam(uint32_t handle, const char *name);
+ * call. The reference asks getspnam(3), and answers an entry with status 0x804a0000 OR errno where that
+ * failed for another reason than the account's absence. `handle` is not used. */
+platform_shadow_entry* mygetspnam(uint32_t handle, const char* name);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

@@ -22,26 +22,26 @@
 
 /* Statuses of the store. Every error of the system and of the database engine becomes one of these; what
  * the engine itself said goes to the log (syslog(3)). No key is SECURITY_PSS_NO_KEY of the library. */
-#define PSS_STATUS_LIST(X)                                                                                   \
-    X(PSS_OK, 0x00000000, "success")                                                                         \
-    X(PSS_BAD_HANDLE, 0x40480001, "not an open store")                                                       \
-    X(PSS_BAD_ARGUMENT, 0x40480002, "an argument of the store call is not valid")                            \
-    X(PSS_NO_KEY, 0x40480003, "the store has no record under this key")                                      \
-    X(PSS_NO_STORE, 0x40480004, "the store does not exist")                                                  \
-    X(PSS_NOT_A_STORE, 0x40480005, "the file is not a store of this system; it is left as it is")            \
-    X(PSS_WRONG_VERSION, 0x40480006, "the store was stamped by another version; it is left as it is")        \
-    X(PSS_IN_USE, 0x40480007, "the store is in use, by another process or another handle")                   \
-    X(PSS_UNSAFE, 0x40480008, "the state directory or a file in it belongs to or is open to others")         \
-    X(PSS_FULL, 0x40480009, "no space left on the store's device")                                           \
-    X(PSS_QUOTA, 0x4048000a, "the disk quota of the store's owner is used up")                               \
-    X(PSS_TOO_LARGE, 0x4048000b, "the store's file would exceed the size allowed for files")                 \
-    X(PSS_IO, 0x4048000c, "reading or writing the store's device failed")                                    \
-    X(PSS_CORRUPT, 0x4048000d, "the store's file is damaged")                                                \
-    X(PSS_READ_ONLY, 0x4048000e, "the store's file or its device is read-only")                              \
-    X(PSS_DENIED, 0x4048000f, "permission to the store's files was denied")                                  \
-    X(PSS_NO_MEMORY, 0x40480010, "out of memory")                                                            \
-    X(PSS_ENGINE, 0x40480011, "the database engine failed; the log says how")                                \
-    X(PSS_NO_FILES, 0x40480012, "too many files or stores are open")                                         \
+#define PSS_STATUS_LIST(X)                                                                            \
+    X(PSS_OK, 0x00000000, "success")                                                                  \
+    X(PSS_BAD_HANDLE, 0x40480001, "not an open store")                                                \
+    X(PSS_BAD_ARGUMENT, 0x40480002, "an argument of the store call is not valid")                     \
+    X(PSS_NO_KEY, 0x40480003, "the store has no record under this key")                               \
+    X(PSS_NO_STORE, 0x40480004, "the store does not exist")                                           \
+    X(PSS_NOT_A_STORE, 0x40480005, "the file is not a store of this system; it is left as it is")     \
+    X(PSS_WRONG_VERSION, 0x40480006, "the store was stamped by another version; it is left as it is") \
+    X(PSS_IN_USE, 0x40480007, "the store is in use, by another process or another handle")            \
+    X(PSS_UNSAFE, 0x40480008, "the state directory or a file in it belongs to or is open to others")  \
+    X(PSS_FULL, 0x40480009, "no space left on the store's device")                                    \
+    X(PSS_QUOTA, 0x4048000a, "the disk quota of the store's owner is used up")                        \
+    X(PSS_TOO_LARGE, 0x4048000b, "the store's file would exceed the size allowed for files")          \
+    X(PSS_IO, 0x4048000c, "reading or writing the store's device failed")                             \
+    X(PSS_CORRUPT, 0x4048000d, "the store's file is damaged")                                         \
+    X(PSS_READ_ONLY, 0x4048000e, "the store's file or its device is read-only")                       \
+    X(PSS_DENIED, 0x4048000f, "permission to the store's files was denied")                           \
+    X(PSS_NO_MEMORY, 0x40480010, "out of memory")                                                     \
+    X(PSS_ENGINE, 0x40480011, "the database engine failed; the log says how")                         \
+    X(PSS_NO_FILES, 0x40480012, "too many files or stores are open")                                  \
     X(PSS_MISSING, 0x40480013, "a directory on the way to the store does not exist")
 
 #ifdef __cplusplus
@@ -72,7 +72,7 @@ extern "C" {
 
 /* A key or a value. */
 typedef struct pss_descriptor {
-    void *bytes;
+    void* bytes;
     uint32_t length;
 } pss_descriptor;
 
@@ -80,37 +80,37 @@ typedef struct pss_descriptor {
  * its handle, 0 on failure. parameters are four words; the last is the version that the caller expects:
  * a store stamped with another one is refused (PSS_WRONG_VERSION), one that was never stamped is not.
  * mode and zero, and the other three words, are accepted and not used by the reference. */
-uint32_t pss2_open(const char *name, uint32_t flags, uint32_t mode, uint32_t zero, const uint32_t *parameters,
-                   uint32_t *status);
+uint32_t pss2_open(const char* name, uint32_t flags, uint32_t mode, uint32_t zero, const uint32_t* parameters,
+                   uint32_t* status);
 
 /* Stamps the store with a version; `one` is 1. */
 uint32_t pss_version_set(uint32_t handle, uint32_t one, uint32_t version);
 
 /* The value of a key; null and PSS_NO_KEY when there is none. */
-pss_descriptor *pss2_fetch(uint32_t handle, const pss_descriptor *key, uint32_t *status);
+pss_descriptor* pss2_fetch(uint32_t handle, const pss_descriptor* key, uint32_t* status);
 
 /* Writes or replaces the value of a key. */
-uint32_t pss2_store(uint32_t handle, const pss_descriptor *key, const pss_descriptor *value);
+uint32_t pss2_store(uint32_t handle, const pss_descriptor* key, const pss_descriptor* value);
 
 /* Removes a key; PSS_NO_KEY when there is none. `count` is 1. */
-uint32_t pss2_delete(uint32_t handle, const pss_descriptor *key, uint32_t count);
+uint32_t pss2_delete(uint32_t handle, const pss_descriptor* key, uint32_t count);
 
 /* Moves the cursor of *handle to the key (PSS_OK) or, where it is absent, to the first key after it
  * (PSS_NO_KEY; there may be none). The status is both answered and stored. `mode` is PSS_MODE. */
-uint32_t pss2_move2key(uint32_t *handle, uint32_t mode, const pss_descriptor *key, uint32_t *status);
+uint32_t pss2_move2key(uint32_t* handle, uint32_t mode, const pss_descriptor* key, uint32_t* status);
 
 /* Moves the cursor to the next key (`location` PSS_NEXT); PSS_NO_KEY when there is none, and the cursor
  * then stands nowhere. A cursor whose key was deleted moves to the key that followed it. */
-uint32_t pss2_move2location(uint32_t *handle, uint32_t mode, uint32_t location, uint32_t *status);
+uint32_t pss2_move2location(uint32_t* handle, uint32_t mode, uint32_t location, uint32_t* status);
 
 /* The key under the cursor, and its value as it is now; null and PSS_NO_KEY where the cursor stands
  * nowhere or its key was deleted. */
-pss_descriptor *pss2_getkey(uint32_t handle, uint32_t *status);
-pss_descriptor *pss2_getvalue(uint32_t handle, uint32_t *status);
+pss_descriptor* pss2_getkey(uint32_t handle, uint32_t* status);
+pss_descriptor* pss2_getvalue(uint32_t handle, uint32_t* status);
 
 /* Text of a status of the store, of the library or of a transport failure. For any other number a text
  * that names it, in static storage that the next such call overwrites. Never null. */
-const char *syserr2str(uint32_t status);
+const char* syserr2str(uint32_t status);
 
 /* ---- Beyond what the library imports: for the program that owns a store. */
 

@@ -33,11 +33,11 @@ extern "C" {
  *   EMSGSIZE              the record is longer than SECURITY_CMI_MAX_RECORD
  *   EPROTO                the peer does not speak this protocol
  *   others                as connect(2), send(2), recv(2) and malloc(3) give them */
-int32_t security_cmi(int32_t request_type, uint32_t operation, void *request, void **reply, uint32_t *length,
+int32_t security_cmi(int32_t request_type, uint32_t operation, void* request, void** reply, uint32_t* length,
                      uint32_t connection);
 
 /* The same one-way: `reply` is null, and only the status of the daemon's answer is taken. */
-int32_t security_cmi2(int32_t request_type, uint32_t operation, void *request, void **reply, uint32_t *length,
+int32_t security_cmi2(int32_t request_type, uint32_t operation, void* request, void** reply, uint32_t* length,
                       uint32_t connection);
 
 /* Bound of each request in seconds; 0 stands for the default, 60. */
@@ -45,7 +45,7 @@ extern uint32_t security_cmi_timeout;
 
 /* Who the client says it acts for, told to the daemon with each request for its log; null says nothing.
  * What the daemon permits depends on the process's own credentials alone. */
-extern const char *security_cmi_username;
+extern const char* security_cmi_username;
 extern uint32_t security_cmi_session_id;
 
 #pragma GCC visibility pop

@@ -26,11 +26,11 @@ typedef struct card_module_info {
 
 /* Fills in what is known of this card. Answers 0, or not 0 where the card cannot be read: for the reference,
  * where no card type is configured. */
-uint32_t get_card_module_info(card_module_info *info);
+uint32_t get_card_module_info(card_module_info* info);
 
 /* The card types on which telnet is on by default, `*count` of them; they belong to the platform. Optional:
  * a platform that does not define this function lists none. */
-const uint16_t *quill_telnet_card_types(uint32_t *count) __attribute__((weak));
+const uint16_t* quill_telnet_card_types(uint32_t* count) __attribute__((weak));
 
 #pragma GCC visibility pop
 #ifdef __cplusplus
