@@ -40,7 +40,7 @@ class Successor {
     const char* given_;
     bool reached_ = false;
     bool found_ = false;
-    char best_[size] = "";
+    char best_[size] = {};
 };
 
 }  // namespace

@@ -41,7 +41,8 @@ int32_t security_get_vdc_from_username(const char* name) {
     const size_t length = name == nullptr ? 0 : strlen(name);
     if (length == 0 || name[length - 1] != quill::kMark) return quill::kDefaultContext;
     int context = 0;
-    if (length < 3 || sscanf(name + length - 3, "%2d", &context) != 1) return 0;
+    // Two characters at the most: nothing that could not be represented.
+    if (length < 3 || sscanf(name + length - 3, "%2d", &context) != 1) return 0;  // NOLINT(cert-err34-c)
     return context;
 }
 

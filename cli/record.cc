@@ -149,16 +149,13 @@ Answer remove(const Arguments& arguments) {
 }
 
 std::string notes() {
-    return "A NAME is 1 to 127 bytes, and so is a password, which is asked for at the terminal or read with\n"
-           "--stdin. It is stored as cipher text, which can be read back; --encoding takes text that is "
-           "encoded\n"
-           "already. A hash cannot be read back.\n\n"
-           "With --json: {\"records\": [{\"name\", \"type\", \"encoding\", \"password\"}, ...]}, the "
-           "password only with\n"
-           "  --show-password; from delete {\"deleted\": the name}. Encoding and password are null for a "
-           "password\n"
-           "  that cannot be decoded. Where such a one ends the list, its name is null too, and the exit "
-           "code 1.";
+    return "A NAME is 1 to 127 bytes, and so is a password. It is asked for at the terminal or read with\n"
+           "--stdin, and stored as cipher text, which can be read back. --encoding takes text that is\n"
+           "encoded already; a hash cannot be read back.\n\n"
+           "With --json: {\"records\": [{\"name\", \"type\", \"encoding\", \"password\"}, ...]}, where only\n"
+           "  --show-password brings the password; from delete {\"deleted\": the name}. Encoding and\n"
+           "  password are null for a password that cannot be decoded. Where such a one ends the list,\n"
+           "  its name is null too, and the exit code 1.";
 }
 
 constexpr Verb kVerbs[] = {

@@ -130,17 +130,14 @@ Answer remove(const Arguments& arguments) {
 }
 
 std::string notes() {
-    return "A LEVEL is 1 to 15. A secret is 1 to 1023 bytes without a newline or NUL; it is asked for at "
-           "the\n"
-           "terminal, or read with --stdin, and is no word of the command line, which others can see.\n"
-           "It is kept as a salted hash, so it can be verified and not be shown.\n\n"
-           "verify ends with 0 when it is the level's secret, 1 when it is not, and 3 when the level has "
-           "none.\n\n"
-           "With --json: {\"secrets\": [{\"level\", \"secret\", \"encryption\"}, ...]}, where secret is "
-           "\"set\" or\n"
-           "  null and encryption \"hash\", \"cipher\", \"clear\" or null; from verify {\"verified\": true "
-           "or\n"
-           "  false}.";
+    return "A LEVEL is 1 to 15. A secret is 1 to 1023 bytes without a newline or NUL. It is asked for at\n"
+           "the terminal or read with --stdin; on the command line others could see it. It is kept as a\n"
+           "salted hash, which can be verified and not be shown.\n\n"
+           "verify ends with 0 when it is the level's secret, with 1 when it is not, and with 3 when the\n"
+           "level has none.\n\n"
+           "With --json: {\"secrets\": [{\"level\", \"secret\", \"encryption\"}, ...]}, where secret is\n"
+           "  \"set\" or null and encryption \"hash\", \"cipher\", \"clear\" or null; from verify\n"
+           "  {\"verified\": true or false}.";
 }
 
 constexpr Verb kVerbs[] = {

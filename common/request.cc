@@ -1,5 +1,7 @@
 #include "common/request.h"
 
+#include <openssl/crypto.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -19,6 +21,7 @@ class Reply {
 
     void** slot() { return &block_; }
     const void* record() const { return block_; }
+    void wipe(uint32_t length) { OPENSSL_cleanse(block_, length); }
 
  private:
     void* block_ = nullptr;
@@ -35,6 +38,7 @@ uint32_t exchange(int32_t request_type, uint32_t operation, void* record, uint32
     if (status != 0) return static_cast<uint32_t>(status);
     if (reply.record() == nullptr || received < length) return SECURITY_ERR_TRANSPORT | EPROTO;
     memcpy(record, reply.record(), length);
+    reply.wipe(length);  // it may hold a secret
     security_conf_cmi_byteorder_convert(request_type, record);
     return SECURITY_OK;
 }

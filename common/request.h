@@ -1,6 +1,8 @@
 // The client's side of every request that carries one whole record.
 #pragma once
 
+#include <openssl/crypto.h>
+
 #include <cerrno>
 #include <cstdint>
 
@@ -21,6 +23,7 @@ uint32_t request(int32_t request_type, uint32_t operation, Record& record, uint3
     Record message = record;
     const uint32_t status = exchange(request_type, operation, &message, sizeof message, connection);
     if (status == 0) record = message;
+    OPENSSL_cleanse(&message, sizeof message);  // it may hold a secret
     return status;
 }
 

@@ -115,6 +115,8 @@ struct Server::Loop {
 
     explicit Loop(Settings given) : settings(std::move(given)) {}
     ~Loop();
+    Loop(const Loop&) = delete;
+    Loop& operator=(const Loop&) = delete;
 
     void watch_signals();
     void accept_client();

@@ -130,13 +130,15 @@ class Use {
     Statement& statement_;
 };
 
-class SqliteEngine : public Engine {
+class SqliteEngine final : public Engine {
  public:
     explicit SqliteEngine(std::string path) : path_(std::move(path)) {}
     ~SqliteEngine() override {
         walk_.reset();
         if (opened_) settle();
     }
+    SqliteEngine(const SqliteEngine&) = delete;
+    SqliteEngine& operator=(const SqliteEngine&) = delete;
 
     uint32_t open();
 
@@ -158,7 +160,10 @@ class SqliteEngine : public Engine {
     std::string path_;
     struct Connection {
         sqlite3* database = nullptr;
+        Connection() = default;
         ~Connection() { sqlite3_close_v2(database); }
+        Connection(const Connection&) = delete;
+        Connection& operator=(const Connection&) = delete;
     } connection_;
     Statement fetch_, walk_, put_, erase_, version_;  // finalized before the connection closes
     std::string walk_from_, walk_key_;

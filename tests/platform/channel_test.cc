@@ -123,6 +123,7 @@ TEST_F(Channel, RepliesOfAllKinds) {
         while (!receive(connection).empty()) reply(connection, std::string(next));
     });
     const std::string good = reply_frame(0, "record");
+    const std::string largest = reply_frame(0, std::string(SECURITY_CMI_MAX_RECORD, 'x'));
     const auto changed = [&good](size_t at, const std::string& bytes) {
         return std::string(good).replace(at, bytes.size(), bytes);
     };
@@ -136,8 +137,7 @@ TEST_F(Channel, RepliesOfAllKinds) {
         {"success", good, 0, 0, "record"},
         {"a status with a record", reply_frame(0x404a0014, "why"), 0x404a0014, 0, "why"},
         {"no record", reply_frame(0, ""), 0, 0, "(null)"},
-        {"the largest", reply_frame(0, std::string(SECURITY_CMI_MAX_RECORD, 'x')), 0, 0,
-         std::string(SECURITY_CMI_MAX_RECORD, 'x')},
+        {"the largest", largest, 0, 0, largest.substr(16)},
         {"one byte more", reply_frame(0, std::string(SECURITY_CMI_MAX_RECORD + 1, 'x')), -1, EPROTO,
          "(null)"},
         {"wrong magic", changed(0, "QSED"), -1, EPROTO, "(null)"},
@@ -145,6 +145,7 @@ TEST_F(Channel, RepliesOfAllKinds) {
         {"length one short", changed(12, word(5)), -1, EPROTO, "(null)"},
         {"length one over", changed(12, word(7)), -1, EPROTO, "(null)"},
         {"length beyond all", changed(12, word(0xffffffff)), -1, EPROTO, "(null)"},
+        {"the largest and more", largest + "x", -1, EPROTO, "(null)"},
         {"half a head", good.substr(0, 15), -1, EPROTO, "(null)"},
         {"a status that no daemon gives", reply_frame(0x804a0001, "x"), -1, EPROTO, "(null)"},
         {"success after all that", good, 0, 0, "record"},
@@ -294,6 +295,7 @@ TEST_F(Channel, MalformedFramesAreRefusedAndTheConnectionLivesOn) {
         {"length one short", changed(20, word(5))},
         {"length one over", changed(20, word(7))},
         {"length beyond all", changed(20, word(0xffffffff))},
+        {"the largest and more", request_frame(kEcho, 1, std::string(SECURITY_CMI_MAX_RECORD, 'x')) + "x"},
         {"user name without an end", changed(24, std::string(128, 'n'))},
         {"one byte too long", request_frame(kEcho, 1, std::string(SECURITY_CMI_MAX_RECORD + 1, 'x'))},
         {"far too long", request_frame(kEcho, 1, std::string(60000, 'x'))},
@@ -305,7 +307,7 @@ TEST_F(Channel, MalformedFramesAreRefusedAndTheConnectionLivesOn) {
     const std::string largest(SECURITY_CMI_MAX_RECORD, 'x');
     EXPECT_TRUE(reply_frame(0, largest) == client.ask(request_frame(kEcho, 1, largest)));
     EXPECT_EQ(reply_frame(0, ""), client.ask(request_frame(kEcho, 1, "")));
-    EXPECT_EQ("14", client.ask(request_frame(kCount, 1, "")).substr(16))
+    EXPECT_EQ("15", client.ask(request_frame(kCount, 1, "")).substr(16))
         << "no handler saw the malformed ones";
 }
 

@@ -127,25 +127,36 @@ TEST_F(SqliteFiles, NamesThatLeadElsewhereAreRefused) {
 
 TEST_F(SqliteFiles, OneOpenAtATime) {
     make_store();
-    int ends[2];
-    ASSERT_EQ(0, pipe(ends));
+    // Another process, born before this one holds anything. For each pair of bytes it opens the store, tells
+    // how that went, and closes it at the second.
+    int orders[2], answers[2];
+    ASSERT_TRUE(pipe(orders) == 0 && pipe(answers) == 0);
     const pid_t other = start_child([&] {
-        const bool opened = open() == PSS_OK && write(ends[1], "", 1) == 1;
-        if (opened) pause();
+        for (char byte; read(orders[0], &byte, 1) == 1; pss2_close(handle)) {
+            const uint32_t status = open();
+            if (write(answers[1], &status, sizeof status) < 0 || read(orders[0], &byte, 1) != 1) break;
+        }
     });
-    char byte;
-    ASSERT_EQ(1, read(ends[0], &byte, 1));
+    const auto tell_other = [&] { EXPECT_EQ(1, write(orders[1], "", 1)); };
+    const auto opened_by_other = [&] {
+        tell_other();
+        uint32_t status = 0x55;
+        EXPECT_EQ(4, read(answers[0], &status, sizeof status));
+        return status;
+    };
+    EXPECT_EQ(PSS_OK, opened_by_other());
     EXPECT_EQ(PSS_IN_USE, open()) << "by another process";
-    kill(other, SIGKILL);
-    wait_for(other);
-    for (const int end : ends) close(end);
-
-    ASSERT_EQ(PSS_OK, open()) << "free again";
+    tell_other();
+    while (open() == PSS_IN_USE) sleep_for(0.001);
     const uint32_t first = handle;
     EXPECT_EQ(PSS_IN_USE, open()) << "by another handle";
+    EXPECT_EQ(PSS_IN_USE, opened_by_other()) << "the attempt has not loosened the lock";
     EXPECT_EQ("value", fetch(first, "key"));
     EXPECT_EQ(PSS_OK, pss2_close(first));
     EXPECT_EQ(PSS_OK, open());
+    kill(other, SIGKILL);
+    wait_for(other);
+    for (const int end : {orders[0], orders[1], answers[0], answers[1]}) close(end);
 }
 
 TEST_F(SqliteFiles, StoresDoNotShareHandlesBytesOrRecords) {

@@ -30,6 +30,8 @@ std::set<unsigned> ids_in(const std::string& bytes) {
     std::set<unsigned> ids;
     for (size_t at = 0; (at = bytes.find('<', at)) != std::string::npos; ++at) {
         if (at + kToken > bytes.size() || bytes[at + 8] != '.' || bytes[at + kToken - 1] != '>') continue;
+        // A page's number may look like the start of a token, in front of one that the page's start has cut.
+        if (bytes.find_first_not_of("0123456789", at + 1) != at + 8) continue;
         ids.insert(static_cast<unsigned>(strtoul(bytes.c_str() + at + 1, nullptr, 10)));
         at += kToken - 1;
     }

@@ -3,7 +3,7 @@
 #include "tests/platform/store_contract.h"
 #include "tests/support/box.h"
 
-namespace {
+INSTANTIATE_TEST_SUITE_P(Sqlite, StoreContract, testing::Values("sqlite"));
 
 uint32_t fresh_store() {
     static std::unique_ptr<Box> box;
@@ -17,7 +17,3 @@ uint32_t fresh_store() {
     EXPECT_EQ(PSS_OK, status);
     return handle;
 }
-
-INSTANTIATE_TEST_SUITE_P(Sqlite, StoreContract, testing::Values(fresh_store));
-
-}  // namespace

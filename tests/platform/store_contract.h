@@ -7,9 +7,9 @@
 #include "tests/support/store.h"
 
 // The handle of an open and empty store, whatever the one before held.
-using FreshStore = uint32_t (*)();
+uint32_t fresh_store();
 
-class StoreContract : public testing::TestWithParam<FreshStore> {
+class StoreContract : public testing::TestWithParam<const char*> {
  protected:
     // Key and value under the cursor as "key=value", or the status in brackets.
     std::string here() {
@@ -45,5 +45,5 @@ class StoreContract : public testing::TestWithParam<FreshStore> {
 
     static std::string bracketed(uint32_t status) { return status == PSS_NO_KEY ? "none" : "failed"; }
 
-    const uint32_t store = GetParam()();
+    const uint32_t store = fresh_store();
 };
