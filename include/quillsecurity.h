@@ -17,9 +17,14 @@
 #ifndef QUILLSECURITY_H
 #define QUILLSECURITY_H
 
+#include "quillsecurity/banner.h"
+#include "quillsecurity/notify.h"
 #include "quillsecurity/records.h"
 #include "quillsecurity/services.h"
+#include "quillsecurity/ssh_keys.h"
 #include "quillsecurity/status.h"
+#include "quillsecurity/users.h"
+#include "quillsecurity/web_server.h"
 
 #include <stdint.h>
 #include <stdio.h>
@@ -103,7 +108,8 @@ uint32_t security_debug_conf_default_check(void);
 
 /* Encoders turn a NUL-terminated text into a new block and its length, decoders a block of input_length
  * bytes. The block is the caller's, to wipe and to free(3); it is null where the status is not 0. Answer 0; 1
- * when memory ran out or a key cannot be used; SECURITY_ERR_CRYPT when hashing or verifying failed. */
+ * when memory ran out or a key cannot be used; SECURITY_ERR_CRYPT when hashing or verifying failed, for want
+ * of memory too. */
 typedef uint32_t (*encryption_func)(const char* text, const char* key, uint32_t key_length, char** output,
                                     uint32_t* output_length);
 typedef uint32_t (*decryption_func)(const char* input, uint32_t input_length, const char* key,
@@ -233,15 +239,36 @@ uint32_t security_user_config(uint32_t handle, uint32_t operation, security_user
  * and answer SECURITY_ERR_CRYPT. Undeliverable requests as for cmi_enable_info_config. */
 uint32_t cmi_security_user_config(uint32_t connection, uint32_t operation, security_user* record);
 
+/* ------------------------------------------------------------------------------ roles and locales of users
+ */
+
+/* Handler of a user's list of roles, which is stored as it is given: neither names nor doubles are checked.
+ *   GET_REQ      fills the record; SECURITY_ERR_NOT_FOUND, with num_roles turned to big-endian
+ *   GETNEXT_REQ  fills it with the list that follows; SECURITY_ERR_END_OF_TABLE, num_roles turned as well
+ *   SET_REQ      stores the list and leaves num_roles big-endian
+ *   DEL_REQ      deletes it; SECURITY_ERR_NOT_FOUND
+ * Any other operation does nothing and answers 0. Entries past the count read as zero. A SET with a count
+ * outside 0 to 64 is SECURITY_ERR_REQUEST_COUNT and touches nothing. A name without a terminator counts with
+ * its first 127 characters. */
+uint32_t security_user_roles_config(uint32_t handle, uint32_t operation, security_user_roles* record);
+
+/* The same for locales, with these differences: num_locales is turned back on every path but SET_REQ, and a
+ * failure leaves the record untouched. GETNEXT_REQ has no status for its end: it answers 0 with the record
+ * untouched, also from a name that has no list; it goes on past the last list, into whatever record follows.
+ */
+uint32_t security_user_locales_config(uint32_t handle, uint32_t operation, security_user_locales* record);
+
 /* ------------------------------------------------------------------------------------- privilege levels */
 
 /* Handler of a privilege level's record.
  *   GET_REQ      fills the record; SECURITY_ERR_NO_PRIV_LVL
  *   GETNEXT_REQ  fills it with the level that follows; SECURITY_ERR_NO_MORE_PRIV_LVLS
- *   SET_REQ      stores it, a secret of SECURITY_ENCRYPTION_TO_HASH as hash string: its bytes go over the
- * start of the field without a terminator, and what stood behind them stays. Clear the field behind a longer
- *                secret first, or its tail is stored. SECURITY_ERR_CRYPT when hashing failed or the secret
- * has no terminator. DEL_REQ      deletes it; SECURITY_PSS_NO_KEY Any other operation does nothing and
+ *   SET_REQ      stores it, a secret of SECURITY_ENCRYPTION_TO_HASH as hash string; SECURITY_ERR_CRYPT when
+ *                hashing failed or the secret has no terminator
+ *   DEL_REQ      deletes it; SECURITY_PSS_NO_KEY
+ *
+ * The hash string goes over the start of the field without a terminator, and what stood behind it stays.
+ * Clear the field behind a longer secret first, or its tail is stored. Any other operation does nothing and
  * answers 0. The record's words are in host order before and after. */
 uint32_t security_priv_info_config(uint32_t handle, uint32_t operation, security_priv_info* record);
 
@@ -286,7 +313,7 @@ uint32_t is_expired_user_allowed(void);
  * live until its next call; mapped names live in static buffers. None of them may run beside another. */
 
 /* The context that a stored name belongs to: 1 unless it ends in '#', else the number in the two characters
- * before that, and 0, which is no context, where none can be read. */
+ * before that, and INT32_MIN, which is no context, where none can be read. */
 int32_t security_get_vdc_from_username(const char* name);
 
 /* The next entry of the caller's context, by its plain name; null at the end. Opened and closed with
@@ -317,18 +344,20 @@ uint32_t security_conf_get_user(uint32_t handle, const char* name, struct platfo
 
 /* 1 when the name is one of the system's own, listed one a line in /tovo/etc/quillsecurity/internalusers,
  * else 0. The list, of any length, is read at the first call; one that cannot be read then is empty for good.
- */
+ * While there is no memory for it, every name counts as the system's own, which keeps its accounts. */
 uint32_t is_internal_user(const char* name);
 
-/* Counts the accounts of the caller's context that stand in both files. Answers 0; handle is not used. */
+/* Counts the accounts of the caller's context that stand in both files. Answers 0 always, with those that
+ * could be read where memory ran out; handle is not used. */
 uint32_t cmi_security_num_users_get(uint32_t handle, uint32_t* count);
 
 /* Name order: shorter names first, then by bytes. Negative, 0 or positive; the arguments are texts. */
 int32_t security_conf_compare_username(const void* a, const void* b);
 
 /* Replaces the stored name in `name` (128 bytes; empty to start) by the one of the shadow file that follows
- * it in name order; SECURITY_ERR_END_OF_TABLE. Names of every context take part. One of 128 characters or
- * more is skipped. handle is not used. */
+ * it in name order; SECURITY_ERR_END_OF_TABLE, or SECURITY_ERR_TRANSPORT | ENOMEM where memory ran out before
+ * the file's end, with the name as it was. Names of every context take part. One of 128 characters or more is
+ * skipped. handle is not used. */
 uint32_t security_conf_user_getnext(uint32_t handle, char* name);
 
 /* The same for the roles of a user, which the daemon is asked for: `role` holds 65 bytes.
@@ -349,18 +378,13 @@ int32_t security_conf_system(const char* command, const char* out_path, const ch
 /* Removes the accounts of a context that are not internal, 256 at the most, with userdel(8) and their homes
  * below /bootflash/home and /tmp/home. The log says what became of each: deleted, whatever userdel's exit
  * status, or failed. A name is cut at 31 characters. Homes of a name from 23 characters on are not removed,
- * since the command does not fit; nothing is run for a name that the shell would not take for one plain word
- * (letters, digits and
- * "._-#", not beginning with '.', '-' or '#', a '$' at the end), which is logged as failed with -1. */
+ * since the command does not fit. Nothing is run for a name that the shell would not take for one plain word
+ * (letters, digits and "._-#", not beginning with '-' or '#', neither "." nor "..", a '$' at the end), which
+ * is logged as failed with -1. So is, in a line of its own, a file that memory did not suffice to read. */
 void security_del_vdc_users_for_vdc(int32_t vdc);
 
 /* The same for the calling process's context. */
 void security_del_vdc_users(void);
-
-/* ------------------------------------------------------------------------------------ user management */
-
-/* The text of the last failure that is meant for a person, terminated. */
-extern char cmi_common_user_err_str[256];
 
 /* ------------------------------------------------------------------------------- storage for loaders */
 

@@ -55,6 +55,7 @@ typedef struct security_user {
 } security_user;
 static_assert(sizeof(security_user) == 264, "layout");
 static_assert(offsetof(security_user, user_type) == 128, "layout");
+static_assert(offsetof(security_user, encryption_type) == 132, "layout");
 static_assert(offsetof(security_user, password) == 136, "layout");
 
 /* One service and its value. */
@@ -63,6 +64,7 @@ typedef struct security_enable_info {
     uint32_t value;
 } security_enable_info;
 static_assert(sizeof(security_enable_info) == 8, "layout");
+static_assert(offsetof(security_enable_info, value) == 4, "layout");
 
 /* The secret of a privilege level. */
 typedef struct security_priv_info {
@@ -75,8 +77,11 @@ typedef struct security_priv_info {
     int32_t salt_len;
 } security_priv_info;
 static_assert(sizeof(security_priv_info) == 1108, "layout");
+static_assert(offsetof(security_priv_info, encryption_type) == 4, "layout");
 static_assert(offsetof(security_priv_info, secret) == 8, "layout");
 static_assert(offsetof(security_priv_info, secret_len) == 1032, "layout");
+static_assert(offsetof(security_priv_info, shadow_style) == 1036, "layout");
+static_assert(offsetof(security_priv_info, salt) == 1040, "layout");
 static_assert(offsetof(security_priv_info, salt_len) == 1104, "layout");
 
 /* The roles of a user; entries past the count carry no meaning. */
@@ -86,6 +91,8 @@ typedef struct security_user_roles {
     char roles[64][65];
 } security_user_roles;
 static_assert(sizeof(security_user_roles) == 4292, "layout");
+static_assert(offsetof(security_user_roles, num_roles) == 128, "layout");
+static_assert(offsetof(security_user_roles, roles) == 132, "layout");
 
 /* The locales of a user. */
 typedef struct security_user_locales {
@@ -94,6 +101,45 @@ typedef struct security_user_locales {
     char locales[64][65];
 } security_user_locales;
 static_assert(sizeof(security_user_locales) == 4292, "layout");
+static_assert(offsetof(security_user_locales, num_locales) == 128, "layout");
+static_assert(offsetof(security_user_locales, locales) == 132, "layout");
+
+/* An account to create, change or delete. The reply says in words why that failed. */
+typedef struct security_user_manage {
+    char unused[8];
+    char user_name[128];
+    char password[128]; /* in stored form, shadow(5); empty: it stays as it is, a new account has none */
+    char unused_too[4];
+    char role[64];      /* the first of the roles again, cut */
+    int32_t num_roles;  /* 0 to 64: what the account is given to start with */
+    char roles[64][65]; /* entries past the count carry no meaning */
+    char unused_more[4228];
+    char expiry[40];     /* "%d-%d-%d" of year, month and day, or empty */
+    int32_t return_code; /* of a reply: the exit status of what failed */
+    char output[4096];   /* of a reply */
+    char error[4096];    /* of a reply: what the failing tool printed, beginning with its name */
+} security_user_manage;
+static_assert(sizeof(security_user_manage) == 16960, "layout");
+static_assert(offsetof(security_user_manage, user_name) == 8, "layout");
+static_assert(offsetof(security_user_manage, password) == 136, "layout");
+static_assert(offsetof(security_user_manage, role) == 268, "layout");
+static_assert(offsetof(security_user_manage, num_roles) == 332, "layout");
+static_assert(offsetof(security_user_manage, roles) == 336, "layout");
+static_assert(offsetof(security_user_manage, expiry) == 8724, "layout");
+static_assert(offsetof(security_user_manage, return_code) == 8764, "layout");
+static_assert(offsetof(security_user_manage, error) == 12864, "layout");
+
+/* A new password for an account, in clear. The reply says in words why it was refused. */
+typedef struct security_passwd {
+    char user_name[128];
+    char password[128];
+    char unused[4];
+    char output[4096]; /* of a reply */
+    char error[4096];  /* of a reply, beginning with "passwd:" */
+} security_passwd;
+static_assert(sizeof(security_passwd) == 8452, "layout");
+static_assert(offsetof(security_passwd, output) == 260, "layout");
+static_assert(offsetof(security_passwd, error) == 4356, "layout");
 
 /* The SSH key of a user as one line of OpenSSH text. */
 typedef struct ssh_key_rec {
@@ -101,6 +147,7 @@ typedef struct ssh_key_rec {
     char key_text[2200];
 } ssh_key_rec;
 static_assert(sizeof(ssh_key_rec) == 2328, "layout");
+static_assert(offsetof(ssh_key_rec, key_text) == 128, "layout");
 
 /* The SSH key of a user as it was read from a file of another format. */
 typedef struct ssh_key_new_rec {
@@ -109,6 +156,8 @@ typedef struct ssh_key_new_rec {
     uint8_t key_format;
 } ssh_key_new_rec;
 static_assert(sizeof(ssh_key_new_rec) == 8321, "layout");
+static_assert(offsetof(ssh_key_new_rec, key_text) == 128, "layout");
+static_assert(offsetof(ssh_key_new_rec, key_format) == 8320, "layout");
 
 /* A command about a user's own key pair. */
 typedef struct ssh_key_cmd_rec {
@@ -120,17 +169,26 @@ typedef struct ssh_key_cmd_rec {
     char rest[5200];
 } ssh_key_cmd_rec;
 static_assert(sizeof(ssh_key_cmd_rec) == 5720, "layout");
+static_assert(offsetof(ssh_key_cmd_rec, value) == 4, "layout");
+static_assert(offsetof(ssh_key_cmd_rec, user_name) == 8, "layout");
+static_assert(offsetof(ssh_key_cmd_rec, first_text) == 136, "layout");
 static_assert(offsetof(ssh_key_cmd_rec, second_text) == 264, "layout");
+static_assert(offsetof(ssh_key_cmd_rec, rest) == 520, "layout");
+
+/* Which of the web server's texts is which: as the daemon of this system has it. */
+enum security_web_item { SECURITY_WEB_CERTIFICATE = 0, SECURITY_WEB_KEY = 1 };
 
 /* The web server's certificate or its key, as PEM text. */
 typedef struct nginx_cert_rec {
-    uint32_t item; /* 0 selects one of the two, anything else the other */
+    uint32_t item; /* 0 selects one of the two, anything else the other: enum security_web_item */
     char text[2100];
-    uint32_t enable;
+    uint32_t enable; /* 1: use what is stored; item and text do not count then */
 } nginx_cert_rec;
 static_assert(sizeof(nginx_cert_rec) == 2108, "layout");
+static_assert(offsetof(nginx_cert_rec, text) == 4, "layout");
+static_assert(offsetof(nginx_cert_rec, enable) == 2104, "layout");
 
-/* The web server's ports. */
+/* The web server's ports and its switch, all big-endian: see cmi_security_nginx_configure(). */
 typedef struct nginx_port_rec {
     uint32_t word[3];
 } nginx_port_rec;

@@ -52,7 +52,24 @@
     X(SECURITY_ERR_REQUEST_SIZE, 0x404a0103, "the record's length is not that of its request type")         \
     X(SECURITY_ERR_REQUEST_TEXT, 0x404a0104, "a text of the request has no terminator in its field")        \
     X(SECURITY_ERR_REQUEST_COUNT, 0x404a0105, "a count of the request is out of range")                     \
-    X(SECURITY_ERR_NOT_PERMITTED, 0x404a0106, "the caller is not permitted to do this")
+    X(SECURITY_ERR_NOT_PERMITTED, 0x404a0106, "the caller is not permitted to do this")                     \
+    X(SECURITY_ERR_BUSY, 0x404a0107, "the daemon has too many clients")                                     \
+    /* About accounts, in which a failing request leaves everything as it was. */                           \
+    X(SECURITY_ERR_USER_NAME, 0x404a0110, "this name is none of an ordinary user")                          \
+    X(SECURITY_ERR_PASSWORD_TEXT, 0x404a0111, "the password holds characters that cannot be stored")        \
+    X(SECURITY_ERR_ACCOUNT_TOOL, 0x404a0112, "the system's program for accounts failed")                    \
+    X(SECURITY_ERR_ACCOUNT_REPAIR, 0x404a0113, "an interrupted change of an account is not repaired")       \
+    X(SECURITY_ERR_NOT_SUPPORTED, 0x404a0120, "this is not supported")                                      \
+    X(SECURITY_ERR_KEY_PAIR, 0x404a0121, "making, reading or writing the key pair failed")                  \
+    X(SECURITY_ERR_KEY_PAIR_EXISTS, 0x404a0122, "the user has a key pair of this type already")             \
+    /* What it answers about the web server, whose old settings stay then. */                               \
+    X(SECURITY_ERR_WEB_CERTIFICATE, 0x404a0130, "the text is not a certificate in PEM form")                \
+    X(SECURITY_ERR_WEB_KEY, 0x404a0131, "the text is not a key in PEM form without a passphrase")           \
+    X(SECURITY_ERR_WEB_MISMATCH, 0x404a0132, "the key does not belong to the certificate")                  \
+    X(SECURITY_ERR_WEB_EXPIRED, 0x404a0133, "the certificate has expired")                                  \
+    X(SECURITY_ERR_WEB_INCOMPLETE, 0x404a0134, "the certificate or its key has not been sent yet")          \
+    X(SECURITY_ERR_WEB_SETTINGS, 0x404a0135,                                                                \
+      "a port is out of range or the other's, or the switch not 0 or 1")
 
 #ifdef __cplusplus
 #define SECURITY_STATUS_ROW(name, value, text) static const uint32_t name = value;
