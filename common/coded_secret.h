@@ -1,7 +1,7 @@
-// What an encoder or decoder of secrets hands out: a block of the heap, wiped before it is freed.
+// What an encoder or decoder of secrets hands out: a block of the heap, all of it wiped before it is freed.
 #pragma once
 
-#include <openssl/crypto.h>
+#include <malloc.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -13,7 +13,7 @@ class CodedSecret {
  public:
     CodedSecret() = default;
     ~CodedSecret() {
-        if (bytes_ != nullptr) OPENSSL_cleanse(bytes_, length_);
+        if (bytes_ != nullptr) explicit_bzero(bytes_, malloc_usable_size(bytes_));
         free(bytes_);
     }
     CodedSecret(const CodedSecret&) = delete;
@@ -39,11 +39,5 @@ class CodedSecret {
     char* bytes_ = nullptr;
     uint32_t length_ = 0;
 };
-
-// Whether a text ends inside its field.
-template <size_t size>
-bool terminated(const char (&field)[size]) {
-    return memchr(field, '\0', size) != nullptr;
-}
 
 }  // namespace quill

@@ -1,44 +1,40 @@
 #include "common/request.h"
 
-#include <openssl/crypto.h>
+#include <malloc.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
 #include "quillsecurity.h"
 
 namespace quill {
-namespace {
 
-// The reply's block, which is the client's to free whatever the status.
-class Reply {
- public:
-    Reply() = default;
-    ~Reply() { free(block_); }
-    Reply(const Reply&) = delete;
-    Reply& operator=(const Reply&) = delete;
+Reply::~Reply() {
+    if (block_ != nullptr) OPENSSL_cleanse(block_, malloc_usable_size(block_));  // it may hold a secret
+    free(block_);
+}
 
-    void** slot() { return &block_; }
-    const void* record() const { return block_; }
-    void wipe(uint32_t length) { OPENSSL_cleanse(block_, length); }
-
- private:
-    void* block_ = nullptr;
-};
-
-}  // namespace
+uint32_t send(int32_t request_type, uint32_t operation, const void* record, uint32_t length, Reply* reply,
+              uint32_t connection) {
+    // The channel takes the request's address for one that it may write to, and never does.
+    const int32_t status = security_cmi(request_type, operation, const_cast<void*>(record),
+                                        reply != nullptr ? &reply->block_ : nullptr, &length, connection);
+    // The block is as long as the length word says, and never longer than the heap has it.
+    if (reply != nullptr && reply->block_ != nullptr)
+        reply->length_ = std::min(length, static_cast<uint32_t>(malloc_usable_size(reply->block_)));
+    return static_cast<uint32_t>(status);
+}
 
 uint32_t exchange(int32_t request_type, uint32_t operation, void* record, uint32_t length,
                   uint32_t connection) {
     security_conf_cmi_byteorder_convert(request_type, record);
     Reply reply;
-    uint32_t received = length;
-    const int32_t status = security_cmi(request_type, operation, record, reply.slot(), &received, connection);
-    if (status != 0) return static_cast<uint32_t>(status);
-    if (reply.record() == nullptr || received < length) return SECURITY_ERR_TRANSPORT | EPROTO;
-    memcpy(record, reply.record(), length);
-    reply.wipe(length);  // it may hold a secret
+    const uint32_t status = send(request_type, operation, record, length, &reply, connection);
+    if (status != SECURITY_OK) return status;
+    const void* answered = reply.bytes(length);
+    if (answered == nullptr) return SECURITY_ERR_TRANSPORT | EPROTO;
+    memcpy(record, answered, length);
     security_conf_cmi_byteorder_convert(request_type, record);
     return SECURITY_OK;
 }

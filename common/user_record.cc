@@ -11,6 +11,7 @@
 #include "common/byte_order.h"
 #include "common/coded_secret.h"
 #include "common/store_access.h"
+#include "common/text_field.h"
 #include "common/trace.h"
 #include "quillsecurity.h"
 
