@@ -1,0 +1,151 @@
+// A key of any format as one line of OpenSSH text.
+//
+// The types of a single algorithm's key, RSA and DSA, are deprecated since OpenSSL 3.0, which still has them:
+// they are what every release from 0.9.8 on can give a key's numbers by. So this file does without the
+// warnings.
+#define OPENSSL_SUPPRESS_DEPRECATED
+#include <openssl/dsa.h>
+#include <openssl/evp.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <span>
+
+#include "common/text_field.h"
+#include "quillsecurity.h"
+#include "sshkey/blob.h"
+#include "sshkey/keygen.h"
+
+namespace quill {
+namespace {
+
+constexpr int kOneLineKey = 2100;      // size of the imported line, as fgets(3) wants it
+constexpr size_t kEncodedBlob = 2100;  // and of the blob in base64, with a terminator
+
+using PublicKey = std::unique_ptr<EVP_PKEY, Release<EVP_PKEY_free>>;
+using RsaKey = std::unique_ptr<RSA, Release<RSA_free>>;
+using DsaKey = std::unique_ptr<DSA, Release<DSA_free>>;
+
+uint32_t copy_line(ssh_key_new_rec& source, ssh_key_rec& target) {
+    size_t length = strlen(source.key_text);
+    if (length != 0 && source.key_text[length - 1] == '\n') --length;
+    if (length >= sizeof target.key_text) return SECURITY_ERR_SSHKEY_CONVERT;
+    source.key_text[length] = '\0';
+    memcpy(target.key_text, source.key_text, length + 1);
+    return SECURITY_OK;
+}
+
+uint32_t import_ssh2(const ssh_key_new_rec& source, ssh_key_rec& target) {
+    if (!write_temporary_key(source.key_text) || !run_keygen("-i", kTemporaryKey))
+        return SECURITY_ERR_SSHKEY_CONVERT;
+    const TemporaryKey removed_after;
+    const File output = open_key_file(kKeygenOutput);
+    if (!output) return SECURITY_ERR_SSHKEY_CONVERT;
+    // Where nothing was imported the target keeps its text; callers look at that, not at the status.
+    static_cast<void>(fgets(target.key_text, kOneLineKey, output.get()));
+    remove_keygen_output();
+    return SECURITY_OK;
+}
+
+PublicKey certified_key(const char* text) {
+    if (!write_temporary_key(text)) return nullptr;
+    const TemporaryKey removed_after;
+    const File file = open_key_file(kTemporaryKey);
+    if (!file) return nullptr;
+    const Certificate certificate = find_certificate(file.get());
+    return PublicKey(certificate ? X509_get_pubkey(certificate.get()) : nullptr);
+}
+
+// Each number may turn out a byte shorter than its room.
+constexpr size_t kBlobRoom = kEncodedBlob / 4 * 3 + 4;
+
+struct Blob {
+    unsigned char bytes[kBlobRoom];
+    size_t size = 0;
+};
+
+// The type's name and its numbers; nothing where a number is missing or negative, or there is no room.
+Blob blob_of(const char* type, std::span<const BIGNUM* const> numbers) {
+    const auto type_length = static_cast<uint32_t>(strlen(type));
+    size_t room = string_room(type_length);
+    for (const BIGNUM* number : numbers) {
+        if (number == nullptr) return {};
+        room += mpint_room(number);
+    }
+    Blob blob;
+    if (room > sizeof blob.bytes) return {};
+    auto written = static_cast<size_t>(sshkey_put_string(blob.bytes, type, type_length));
+    for (const BIGNUM* number : numbers) {
+        const int32_t added = sshkey_put_mpint(blob.bytes + written, number);
+        if (added < 0) return {};
+        written += static_cast<size_t>(added);
+    }
+    blob.size = written;
+    return blob;
+}
+
+constexpr char kRsa[] = "ssh-rsa";
+constexpr char kDsa[] = "ssh-dss";
+
+Blob rsa_blob(EVP_PKEY* key) {
+    const RsaKey rsa(EVP_PKEY_get1_RSA(key));
+    if (!rsa) return {};
+    const BIGNUM* const numbers[] = {RSA_get0_e(rsa.get()), RSA_get0_n(rsa.get())};
+    return blob_of(kRsa, numbers);
+}
+
+Blob dsa_blob(EVP_PKEY* key) {
+    const DsaKey dsa(EVP_PKEY_get1_DSA(key));
+    if (!dsa) return {};
+    const BIGNUM* const numbers[] = {DSA_get0_p(dsa.get()), DSA_get0_q(dsa.get()), DSA_get0_g(dsa.get()),
+                                     DSA_get0_pub_key(dsa.get())};
+    return blob_of(kDsa, numbers);
+}
+
+// The line of this type and blob; false for a blob that is empty or too long for a line.
+bool write_line(const char* type, const Blob& blob, ssh_key_rec& target) {
+    const size_t encoded = (blob.size + 2) / 3 * 4;
+    if (blob.size == 0 || encoded >= kEncodedBlob) return false;
+    const auto start = static_cast<size_t>(snprintf(target.key_text, sizeof target.key_text, "%s ", type));
+    static_assert(sizeof kRsa + kEncodedBlob < sizeof target.key_text);
+    EVP_EncodeBlock(reinterpret_cast<unsigned char*>(target.key_text) + start, blob.bytes,
+                    static_cast<int>(blob.size));
+    return true;
+}
+
+uint32_t convert_certificate(const ssh_key_new_rec& source, ssh_key_rec& target) {
+    const QuietErrors quiet;
+    const PublicKey key = certified_key(source.key_text);
+    const int type = key ? EVP_PKEY_get_base_id(key.get()) : EVP_PKEY_NONE;
+    const bool written = (type == EVP_PKEY_RSA && write_line(kRsa, rsa_blob(key.get()), target)) ||
+                         (type == EVP_PKEY_DSA && write_line(kDsa, dsa_blob(key.get()), target));
+    return written ? SECURITY_OK : SECURITY_ERR_SSHKEY_CONVERT;
+}
+
+uint32_t convert(ssh_key_new_rec& source, ssh_key_rec& target) {
+    switch (source.key_format) {
+    case SSHKEY_FMT_SSH2:
+        return import_ssh2(source, target);
+    case SSHKEY_FMT_X509_PEM:
+        return convert_certificate(source, target);
+    case SSHKEY_FMT_X509V3_SIGN_RSA:
+        return copy_line(source, target);
+    }
+    return SECURITY_ERR_SSHKEY_FORMAT;
+}
+
+}  // namespace
+}  // namespace quill
+
+uint32_t convert_other_ssh_key_to_openssh(ssh_key_new_rec* source, ssh_key_rec* target) {
+    using namespace quill;
+    if (source == nullptr || source->key_format == SSHKEY_FMT_OPENSSH) return SECURITY_ERR_SSHKEY_CONVERT;
+    if (!terminated(source->user_name) || !terminated(source->key_text)) return SECURITY_ERR_SSHKEY_CONVERT;
+    if (holds_private_key(std::string_view(source->key_text))) return SECURITY_ERR_SSHKEY_FORMAT;
+    const uint32_t status = convert(*source, *target);
+    if (status == SECURITY_OK) memcpy(target->user_name, source->user_name, sizeof target->user_name);
+    return status;
+}

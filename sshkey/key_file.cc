@@ -1,0 +1,224 @@
+// Which kind of key a file holds, and its way into a record.
+//
+// OpenSSL knows certificates, ssh-keygen knows the rest: what it imports is an SSH2 public key, what it lists
+// is one line of OpenSSH text. It lists private keys too, by their public half, so those are looked for here.
+#include <openssl/crypto.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "common/trace.h"
+#include "quillsecurity.h"
+#include "sshkey/keygen.h"
+
+namespace quill {
+namespace {
+
+constexpr char kSignRsaWord[] = "x509v3-sign-rsa";
+constexpr char kSsh2End[] = "---- END SSH2 PUBLIC KEY ----\n";
+constexpr char kCertificateEnd[] = "-----END CERTIFICATE-----\n";
+constexpr char kSsh1PrivateKey[] = "SSH PRIVATE KEY FILE FORMAT 1.1\n";
+
+// Sizes of fgets(3): a terminator more than the characters that are read.
+constexpr int kFirstLine = 75;
+constexpr size_t kLongestImported = 73;  // a first line that is longer is an OpenSSH key's
+constexpr int kListing = 4096;
+constexpr int kOneLineKey = 2100;
+constexpr int kPiece = 73;
+
+// Whether the file's first word, up to a blank, is that of an X.509 signing key.
+bool starts_with_sign_rsa(FILE* file) {
+    char word[sizeof kSignRsaWord + 1] = {};
+    for (size_t i = 0; i + 1 < sizeof word; ++i) {
+        const int byte = getc(file);
+        if (byte == ' ') break;
+        word[i] = static_cast<char>(byte);
+    }
+    return memcmp(word, kSignRsaWord, sizeof kSignRsaWord) == 0;
+}
+
+uint32_t judge_by_listing(const char* path, uint8_t& format) {
+    const bool ran = run_keygen("-l", path);
+    const uint32_t answer = ran ? sshkey_is_public_stdout(kKeygenOutput, path) : 0;
+    remove_keygen_output();
+    if (!ran) return SECURITY_ERR_SSHKEY_TYPE;
+    if (answer == SECURITY_ERR_FILE_OPEN) return answer;
+    format = answer == 1 ? SSHKEY_FMT_OPENSSH : SSHKEY_FMT_NOT_PUBLIC;
+    return SECURITY_OK;
+}
+
+uint32_t judge_by_import(const char* path, uint8_t& format) {
+    const uint32_t empty = run_keygen("-i", path) ? sshkey_is_empty_stdout(kKeygenOutput) : UINT32_MAX;
+    if (empty == SECURITY_ERR_FILE_OPEN) return empty;  // with the files left for whoever wants to know why
+    if (empty == 1) return judge_by_listing(path, format);
+    remove_keygen_output();
+    if (empty != 0) return SECURITY_ERR_SSHKEY_TYPE;
+    format = SSHKEY_FMT_SSH2;
+    return SECURITY_OK;
+}
+
+// Whether the listing, where it names the key by its path, says nothing else behind it. Both lines are
+// changed.
+bool names_path_alone(char* listing, const char* path) {
+    const char* named = strstr(listing, path);
+    if (named == nullptr) return true;  // it names the key by its comment
+    char* type = strstr(listing, " (DSA)");
+    if (type == nullptr) type = strstr(listing, " (RSA)");
+    if (type != nullptr) memcpy(type, "\n", 2);
+    const size_t length = strlen(path);
+    return strncmp(named, path, length) == 0 && strcmp(named + length, "\n") == 0;
+}
+
+uint32_t refuse_private_key(const char* path) {
+    const File file = open_key_file(path);
+    if (!file) return SECURITY_ERR_FILE_OPEN;
+    return holds_private_key(file.get()) ? SECURITY_ERR_SSHKEY_FORMAT : SECURITY_OK;
+}
+
+uint32_t copy_first_line(const char* path, ssh_key_rec& record) {
+    const File file = open_key_file(path);
+    if (!file) return SECURITY_ERR_FILE_OPEN;
+    if (fgets(record.key_text, kOneLineKey, file.get()) != nullptr) return SECURITY_OK;
+    trace("File %s read error", path);
+    return SECURITY_ERR_FILE_READ;
+}
+
+// As fgets(3), and a NUL ends the piece: it would hide what follows it.
+size_t take_piece(FILE* file, char (&piece)[kPiece]) {
+    size_t length = 0;
+    int byte = 0;
+    while (length + 1 < sizeof piece && byte != '\n' && (byte = getc(file)) != EOF)
+        if ((piece[length++] = static_cast<char>(byte)) == '\0') break;
+    piece[length] = '\0';
+    return length;
+}
+
+// The text up to the line that ends it, which is null for a text that takes the whole file. False where it is
+// longer than its field, or no text.
+template <size_t size>
+bool append_text(FILE* file, const char* last_line, char (&text)[size]) {
+    char piece[kPiece];
+    size_t used = 0;
+    while (const size_t length = take_piece(file, piece)) {
+        if (length >= size - used || strlen(piece) != length) return false;
+        memcpy(text + used, piece, length + 1);
+        used += length;
+        if (last_line != nullptr && strcmp(piece, last_line) == 0) break;
+    }
+    return true;
+}
+
+const char* last_line_of(uint8_t format) {
+    switch (format) {
+    case SSHKEY_FMT_SSH2:
+        return kSsh2End;
+    case SSHKEY_FMT_X509_PEM:
+        return kCertificateEnd;
+    }
+    return nullptr;
+}
+
+// A name that is cut would be somebody else's.
+template <size_t size>
+bool take_name(const char* name, char (&field)[size]) {
+    const size_t length = strnlen(name, size);
+    if (length == size) return false;
+    memcpy(field, name, length + 1);
+    return true;
+}
+
+uint32_t take_first_line(const char* path, const char* user_name, ssh_key_rec& record) {
+    const uint32_t status = copy_first_line(path, record);
+    if (status != SECURITY_OK) return status;
+    return take_name(user_name, record.user_name) ? SECURITY_OK : SECURITY_ERR_REQUEST_TEXT;
+}
+
+// A file can change between one look and the next; what counts is what was taken.
+template <class Record>
+uint32_t keep_public(uint32_t status, Record& record) {
+    if (status == SECURITY_OK && holds_private_key(std::string_view(record.key_text)))
+        status = SECURITY_ERR_SSHKEY_FORMAT;
+    if (status != SECURITY_OK) OPENSSL_cleanse(&record, sizeof record);
+    return status;
+}
+
+}  // namespace
+}  // namespace quill
+
+uint32_t sshkey_check_type(const char* path, uint8_t* format) {
+    using namespace quill;
+    if (!fits_command(path)) return SECURITY_ERR_FILE_OPEN;
+    File file = open_key_file(path);
+    if (!file) return SECURITY_ERR_FILE_OPEN;
+    if (starts_with_sign_rsa(file.get())) {
+        *format = SSHKEY_FMT_X509V3_SIGN_RSA;
+        return SECURITY_OK;
+    }
+    rewind(file.get());
+    const Certificate certificate = find_certificate(file.get());
+    if (!certificate && errno == ENOMEM) return SECURITY_ERR_SSHKEY_TYPE;
+    if (certificate) {
+        // The file stays open, as it always has: a process sees one descriptor more for each certificate.
+        static_cast<void>(file.release());
+        *format = SSHKEY_FMT_X509_PEM;
+        return SECURITY_OK;
+    }
+    rewind(file.get());
+    char line[kFirstLine];
+    if (fgets(line, sizeof line, file.get()) == nullptr) *line = '\0';
+    file.reset();
+    if (opens_private_key(line)) {
+        *format = SSHKEY_FMT_NOT_PUBLIC;
+        return SECURITY_OK;
+    }
+    return strlen(line) <= kLongestImported ? judge_by_import(path, *format)
+                                            : judge_by_listing(path, *format);
+}
+
+uint32_t sshkey_is_empty_stdout(const char* path) {
+    using namespace quill;
+    const File file = open_key_file(path);
+    if (!file) return SECURITY_ERR_FILE_OPEN;
+    return getc(file.get()) == EOF ? 1 : 0;
+}
+
+uint32_t sshkey_is_public_stdout(const char* output_path, const char* key_path) {
+    using namespace quill;
+    const File output = open_key_file(output_path);
+    if (!output) return SECURITY_ERR_FILE_OPEN;
+    char listing[kListing];
+    if (fgets(listing, sizeof listing, output.get()) == nullptr ||
+        strstr(listing, "is not a public key file") != nullptr || !names_path_alone(listing, key_path))
+        return 0;
+
+    const File key = open_key_file(key_path);
+    if (!key) return SECURITY_ERR_FILE_OPEN;
+    char line[sizeof kSsh1PrivateKey];
+    return fgets(line, sizeof line, key.get()) != nullptr && strcmp(line, kSsh1PrivateKey) != 0 ? 1 : 0;
+}
+
+uint32_t copy_sshkey_file_content(const char* path, const char* user_name, ssh_key_rec* record,
+                                  ssh_key_new_rec* new_record, uint8_t* format) {
+    using namespace quill;
+    uint32_t status = refuse_private_key(path);
+    if (status == SECURITY_OK) status = sshkey_check_type(path, format);
+    if (status != SECURITY_OK) return status;
+    if (*format == SSHKEY_FMT_NOT_PUBLIC) return SECURITY_ERR_SSHKEY_FORMAT;
+    if (*format == SSHKEY_FMT_OPENSSH) return keep_public(take_first_line(path, user_name, *record), *record);
+    return keep_public(sshkey_new_copy_file_content(path, user_name, *format, new_record), *new_record);
+}
+
+uint32_t sshkey_new_copy_file_content(const char* path, const char* user_name, uint8_t format,
+                                      ssh_key_new_rec* record) {
+    using namespace quill;
+    const File file = open_key_file(path);
+    if (!file) return SECURITY_ERR_FILE_OPEN;
+    if (!take_name(user_name, record->user_name)) return SECURITY_ERR_REQUEST_TEXT;
+    const bool fits = append_text(file.get(), last_line_of(format), record->key_text);
+    if (fits && ferror(file.get()) == 0) {
+        record->key_format = format;
+        return SECURITY_OK;
+    }
+    OPENSSL_cleanse(record, sizeof *record);
+    return fits ? SECURITY_ERR_FILE_READ : SECURITY_ERR_SSHKEY_FORMAT;
+}

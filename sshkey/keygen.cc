@@ -1,0 +1,57 @@
+#include "sshkey/keygen.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "quillsecurity.h"
+
+namespace quill {
+namespace {
+
+int create_anew(const char* path) {
+    unlink(path);
+    return open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+}
+
+bool create_empty(const char* path) {
+    const int descriptor = create_anew(path);
+    return descriptor >= 0 && close(descriptor) == 0;
+}
+
+}  // namespace
+
+bool fits_command(const char* path) {
+    constexpr char kPlain[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789/._-+,:=@%#~";
+    const size_t length = strnlen(path, kLongestPath + 1);
+    // A word that begins with '#' is a comment, with '~' somebody's home; "-" alone is standard input.
+    return length != 0 && length <= kLongestPath && strspn(path, kPlain) == length && *path != '#' &&
+           *path != '~' && strcmp(path, "-") != 0;
+}
+
+bool run_keygen(const char* option, const char* path) {
+    char command[sizeof "ssh-keygen -x -f " + kLongestPath];
+    const int length = snprintf(command, sizeof command, "ssh-keygen %s -f %s", option, path);
+    return length > 0 && static_cast<size_t>(length) < sizeof command && create_empty(kKeygenOutput) &&
+           create_empty(kKeygenErrors) && security_conf_system(command, kKeygenOutput, kKeygenErrors) >= 0;
+}
+
+void remove_keygen_output() {
+    unlink(kKeygenOutput);
+    unlink(kKeygenErrors);
+}
+
+bool write_temporary_key(const char* text) {
+    const int descriptor = create_anew(kTemporaryKey);
+    if (descriptor < 0) return false;
+    const size_t length = strlen(text);
+    const bool written = write(descriptor, text, length) == static_cast<ssize_t>(length);
+    if (close(descriptor) == 0 && written) return true;
+    unlink(kTemporaryKey);
+    return false;
+}
+
+TemporaryKey::~TemporaryKey() { unlink(kTemporaryKey); }
+
+}  // namespace quill
