@@ -1,0 +1,61 @@
+// The web server's ports: one word each, under the code of its service.
+//
+// A port that was never set reads as 0; any other item is an error then. Two traces print their number with
+// its bytes turned, as they always have: people compare them with old logs.
+#include "common/byte_order.h"
+#include "common/store_access.h"
+#include "common/trace.h"
+#include "quillsecurity.h"
+
+namespace quill {
+namespace {
+
+constexpr uint32_t kHttpTable = 30;
+constexpr uint32_t kOtherTable = 31;
+
+bool is_port(int32_t item) {
+    return item == SECURITY_SERVICE_PLOTY_HTTP_PORT || item == SECURITY_SERVICE_PLOTY_HTTPS_PORT;
+}
+
+uint32_t get(uint32_t handle, const Key& key, int32_t item, uint32_t& value) {
+    trace("NGINX: GET_REQ for %s", enable_info_to_str(item));
+    uint32_t stored = 0;
+    const uint32_t status = fetch(handle, key, {&stored, sizeof stored});
+    if (status == SECURITY_PSS_NO_KEY && !is_port(item)) return SECURITY_ERR_NO_VALUE;
+    if (status != SECURITY_OK && status != SECURITY_PSS_NO_KEY) return status;
+    value = big_endian(stored);
+    return SECURITY_OK;
+}
+
+uint32_t set(uint32_t handle, const Key& key, int32_t item, uint32_t& value) {
+    flip(value);
+    trace("NGINX: SET_REQ for %s with value:%d", enable_info_to_str(item), value);
+    const uint32_t status = store(handle, key, {&value, sizeof value});
+    if (status == SECURITY_OK) flip(value);  // a failure leaves it turned: callers were built against that
+    return status;
+}
+
+uint32_t serve(uint32_t handle, int32_t operation, int32_t item, uint32_t& value) {
+    const Key key(item == SECURITY_SERVICE_PLOTY_HTTP_PORT ? kHttpTable : kOtherTable, item);
+    switch (operation) {
+    case GET_REQ:
+        return get(handle, key, item, value);
+    case SET_REQ:
+        return set(handle, key, item, value);
+    case DEL_REQ:
+        trace("Nginx: DEL_REQ for http/https :%d", big_endian(static_cast<uint32_t>(item)));
+        return erase(handle, key);
+    }
+    return SECURITY_OK;  // other operations touch nothing
+}
+
+}  // namespace
+}  // namespace quill
+
+uint32_t nginx_port_info_config(uint32_t handle, int32_t operation, int32_t item, uint32_t* value) {
+    using namespace quill;
+    trace("%s :: Entered function with value %s\n", __func__, enable_info_to_str(item));
+    const uint32_t status = serve(handle, operation, item, *value);
+    trace("NGINX: got back the return value of configuration operation:%s", status_text(status));
+    return status;
+}
