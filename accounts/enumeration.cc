@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "accounts/entry.h"
+#include "common/name_list.h"
 #include "common/request.h"
 #include "common/trace.h"
 #include "quillsecurity.h"
@@ -16,7 +18,6 @@ namespace quill {
 namespace {
 
 constexpr size_t kNameSlot = 128;
-constexpr int32_t kMostRoles = 64;
 
 // The first name in order that follows the given one.
 template <size_t size>
@@ -60,8 +61,12 @@ uint32_t security_conf_user_getnext(uint32_t, char* name) {
     trace("security_conf_user_getnext(%s)\n", name);
     Successor<kNameSlot> next(name);
     bool any = false;
-    setspent();
-    while (const spwd* entry = getspent()) {
+    uint32_t status = SECURITY_OK;
+    heeding_memory(status, [] {
+        setspent();
+        return 0;
+    });
+    while (const spwd* entry = heeding_memory(status, getspent)) {
         if (strlen(entry->sp_namp) >= kNameSlot) {
             trace("%s: name too long, skipped: %s\n", __func__, entry->sp_namp);
             continue;
@@ -71,6 +76,7 @@ uint32_t security_conf_user_getnext(uint32_t, char* name) {
         any = true;
     }
     endspent();
+    if (status != SECURITY_OK) return status;
     if (any) trace("security_conf_compare_username\n");
     if (!next.reached()) trace("USER_END_OF_TABLE\n");
     if (!next.found()) return SECURITY_ERR_END_OF_TABLE;
@@ -88,7 +94,7 @@ uint32_t security_conf_user_role_getnext(uint32_t session, const char* user, cha
     if (status != SECURITY_OK) return status;
 
     Successor<sizeof record.roles[0]> next(role);
-    const int32_t count = std::clamp(record.num_roles, 0, kMostRoles);
+    const int32_t count = std::clamp(record.num_roles, 0, kMostNames);
     for (int32_t i = 0; i < count; ++i) {
         record.roles[i][sizeof record.roles[i] - 1] = '\0';
         next.offer(record.roles[i]);

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "accounts/entry.h"
 #include "quillplatform/sysmgr.h"
 #include "quillsecurity.h"
 
@@ -28,9 +29,13 @@ using Name = std::array<char, kNameSlot>;
 // Stored names, in the order of the shadow file. A longer one is cut and then names nobody.
 size_t collect(int32_t context, std::array<Name, kMostUsers>& names) {
     size_t count = 0;
-    setspent();
+    uint32_t status = SECURITY_OK;
+    heeding_memory(status, [] {
+        setspent();
+        return 0;
+    });
     const spwd* entry;
-    while (count < names.size() && (entry = getspent()) != nullptr) {
+    while (count < names.size() && (entry = heeding_memory(status, getspent)) != nullptr) {
         if (is_internal_user(entry->sp_namp) != 0 ||
             security_get_vdc_from_username(entry->sp_namp) != context)
             continue;
@@ -39,13 +44,15 @@ size_t collect(int32_t context, std::array<Name, kMostUsers>& names) {
         name.back() = '\0';
     }
     endspent();
+    if (status != SECURITY_OK) syslog(LOG_ERR, "users of context %d were not all found: no memory", context);
     return count;
 }
 
 bool is_plain_word(const char* name) {
     constexpr char kPlain[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-#";
     // An option, a comment, a folder above; and no name at all, which would be everybody's home.
-    if (*name == '\0' || *name == '-' || *name == '#' || *name == '.') return false;
+    if (*name == '\0' || *name == '-' || *name == '#' || strcmp(name, ".") == 0 || strcmp(name, "..") == 0)
+        return false;
     const size_t plain = strspn(name, kPlain);
     return name[plain] == '\0' || strcmp(name + plain, "$") == 0;
 }

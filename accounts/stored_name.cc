@@ -10,7 +10,8 @@ namespace quill {
 namespace {
 
 constexpr char kMark = '#';
-constexpr size_t kSuffix = 4;  // "#NN#"
+constexpr int32_t kNoContext = INT32_MIN;  // two characters never spell it
+constexpr size_t kSuffix = 4;              // "#NN#"
 
 char user_name_buffer[132];
 char file_name_buffer[1024];
@@ -42,7 +43,8 @@ int32_t security_get_vdc_from_username(const char* name) {
     if (length == 0 || name[length - 1] != quill::kMark) return quill::kDefaultContext;
     int context = 0;
     // Two characters at the most: nothing that could not be represented.
-    if (length < 3 || sscanf(name + length - 3, "%2d", &context) != 1) return 0;  // NOLINT(cert-err34-c)
+    if (length < 3 || sscanf(name + length - 3, "%2d", &context) != 1)  // NOLINT(cert-err34-c)
+        return quill::kNoContext;
     return context;
 }
 

@@ -6,7 +6,9 @@
 #include "common/coded_secret.h"
 #include "common/request.h"
 #include "common/store_access.h"
+#include "common/text_field.h"
 #include "common/trace.h"
+#include "common/wiped.h"
 #include "quillsecurity.h"
 
 namespace quill {
@@ -104,14 +106,6 @@ uint32_t serve(uint32_t handle, uint32_t operation, security_priv_info& info) {
 
 #undef TRACE
 
-// A record that held a secret, wiped when it goes out of scope.
-struct PrivateRecord : security_priv_info {
-    PrivateRecord() : security_priv_info{} {}
-    ~PrivateRecord() { OPENSSL_cleanse(static_cast<security_priv_info*>(this), sizeof(security_priv_info)); }
-    PrivateRecord(const PrivateRecord&) = delete;
-    PrivateRecord& operator=(const PrivateRecord&) = delete;
-};
-
 }  // namespace
 }  // namespace quill
 
@@ -142,7 +136,7 @@ uint32_t cmi_security_priv_info_config_all(uint32_t connection, uint32_t operati
 }
 
 uint32_t cmi_security_priv_info_cleanup(uint32_t connection, uint32_t operation) {
-    quill::PrivateRecord record;
+    quill::Wiped<security_priv_info> record;
     uint32_t status = SECURITY_OK;
     for (int32_t level = 1; level <= quill::kLastLevel; ++level) {
         record.priv_lvl = level;
@@ -159,7 +153,7 @@ uint32_t cmi_security_vsh_callback_priv_info_cleanup(uint32_t connection) {
 uint32_t security_verify_priv_level_secret(uint32_t connection, const char* candidate,
                                            uint32_t candidate_length, int32_t level, uint32_t* matched) {
     *matched = 0;
-    quill::PrivateRecord record;
+    quill::Wiped<security_priv_info> record;
     record.priv_lvl = level;
     uint32_t status = cmi_security_priv_info_config(connection, GET_REQ, &record);
     if (status != SECURITY_OK) return status;

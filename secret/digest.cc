@@ -1,15 +1,20 @@
 #include "secret/digest.h"
 
 #include <cstring>
-#include <memory>
 
 namespace quill {
 namespace {
 
-// The digest used last. Its context holds no secret between uses: finishing a digest wipes it.
+// The digest used last. Between uses its context holds what it computed last, and no secret. It is never
+// freed at exit, where OpenSSL may have ended before.
 struct Current {
     char name[32] = "";
-    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context{nullptr, EVP_MD_CTX_free};
+    EVP_MD_CTX* context = nullptr;
+
+    void set(EVP_MD_CTX* other) {
+        EVP_MD_CTX_free(context);
+        context = other;
+    }
 } current;
 
 }  // namespace
@@ -21,9 +26,9 @@ bool select_digest(const char* name) {
     const EVP_MD* kind = EVP_get_digestbyname(name);
     if (kind == nullptr) return false;
     current.name[0] = '\0';
-    current.context.reset(EVP_MD_CTX_new());
-    if (current.context == nullptr || EVP_DigestInit_ex(current.context.get(), kind, nullptr) != 1)
-        current.context.reset();
+    current.set(EVP_MD_CTX_new());
+    if (current.context == nullptr || EVP_DigestInit_ex(current.context, kind, nullptr) != 1)
+        current.set(nullptr);
     // A name that does not fit, or a context that could not be had, is looked up again the next time.
     else if (strlen(name) < sizeof current.name)
         strcpy(current.name, name);
@@ -31,7 +36,7 @@ bool select_digest(const char* name) {
 }
 
 bool digest_of(Part first, Part second, Part third, Digest& digest) {
-    EVP_MD_CTX* context = current.context.get();
+    EVP_MD_CTX* context = current.context;
     return context != nullptr && EVP_DigestInit_ex(context, nullptr, nullptr) == 1 &&
            EVP_DigestUpdate(context, first.bytes, first.length) == 1 &&
            EVP_DigestUpdate(context, second.bytes, second.length) == 1 &&

@@ -2,15 +2,22 @@
 // the digest of a secret does.
 #pragma once
 
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 
 #include <cstdint>
 
 namespace quill {
 
+// Half of a digest is enough to verify a secret, so none is left behind on the stack.
 struct Digest {
     unsigned char bytes[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
+
+    Digest() = default;
+    ~Digest() { OPENSSL_cleanse(bytes, sizeof bytes); }
+    Digest(const Digest&) = delete;
+    Digest& operator=(const Digest&) = delete;
 };
 
 struct Part {
@@ -28,6 +35,9 @@ bool digest_of(Part first, Part second, Part third, Digest& digest);
 struct DigestText {
     char digits[2 * EVP_MAX_MD_SIZE + 1];
     explicit DigestText(const Digest& digest);
+    ~DigestText() { OPENSSL_cleanse(digits, sizeof digits); }
+    DigestText(const DigestText&) = delete;
+    DigestText& operator=(const DigestText&) = delete;
 };
 
 }  // namespace quill

@@ -2,7 +2,9 @@
 //
 // A rule is a small function that answers the message of the broken rule, or null; the first one broken is
 // what the user sees. They look at bounded copies: 255 characters of a name or password decide.
+#include <fcntl.h>
 #include <openssl/crypto.h>
+#include <unistd.h>
 
 #include <cctype>
 #include <cstddef>
@@ -14,6 +16,7 @@ extern "C" {
 #include <crack.h>
 }
 
+#include "common/text_field.h"
 #include "common/trace.h"
 #include "quillsecurity.h"
 
@@ -21,6 +24,7 @@ namespace quill {
 namespace {
 
 constexpr char kDictionary[] = "/tovo/etc/quillsecurity/cracklib_dict";
+constexpr char kNoDictionary[] = "error loading dictionary";
 constexpr uint32_t kNoConnection = 0xffffffff;
 constexpr size_t kShortest = 8;
 constexpr size_t kMostRepeats = 2;
@@ -112,13 +116,27 @@ bool checks_on(uint32_t connection) {
     return on != 0;
 }
 
+// Cracklib says so itself of a dictionary that is missing, after a complaint on standard error, and finds
+// nothing in an empty one: every password would be good.
+bool dictionary_is_there() {
+    for (const char* part : {".pwd", ".pwi", ".hwm"}) {
+        char path[sizeof kDictionary + 4];
+        snprintf(path, sizeof path, "%s%s", kDictionary, part);
+        const int descriptor = open(path, O_RDONLY | O_CLOEXEC);
+        char byte;
+        const bool filled = descriptor >= 0 && read(descriptor, &byte, 1) == 1;
+        if (descriptor >= 0) close(descriptor);
+        if (!filled) return false;
+    }
+    return true;
+}
+
 const char* objection(const char* password, const char* user_name) {
     if (const char* message = security_check_strength_main(user_name, password)) {
         trace("Implementing our own checks: security_check_strength_main() func called");
         return message;
     }
-    // Without its dictionary cracklib objects to everything, which is as it should be.
-    const char* message = FascistCheck(password, kDictionary);
+    const char* message = dictionary_is_there() ? FascistCheck(password, kDictionary) : kNoDictionary;
     if (message != nullptr) trace("Implementing cracklib checks: FascistCheck func called");
     return message;
 }
@@ -133,7 +151,7 @@ uintptr_t security_user_password_check_psec_norm(uint32_t connection, const char
     if (!checks_on(connection)) return 0;
     const char* message = objection(or_empty(password), or_empty(user_name));
     if (message == nullptr) return 0;
-    strncpy(cmi_common_user_err_str, message, sizeof cmi_common_user_err_str - 1);
+    set_text(cmi_common_user_err_str, message);
     return reinterpret_cast<uintptr_t>(message);
 }
 

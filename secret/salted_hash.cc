@@ -61,8 +61,9 @@ uint32_t parse(const char* stored, uint32_t stored_length, HashString& parts) {
     if (std::min(length, stored_length) < 3) return SECURITY_ERR_CRYPT;
 
     char* end;
-    const auto type = static_cast<int32_t>(strtol(stored + 1, &end, 10));
-    trace("%s(%d):digest_type:%d ", "security_verify_shadowed_hash", 518, type);
+    const long number = strtol(stored + 1, &end, 10);
+    const auto type = static_cast<int32_t>(std::clamp<long>(number, INT32_MIN, INT32_MAX));
+    trace("%s(%d): digest_type:%d ", "security_verify_shadowed_hash", 518, type);
     if (security_get_digest_name_from_encryption_type(parts.digest_name, type) == nullptr)
         return SECURITY_ERR_CRYPT;
     trace("%s(%d) Digest is:%s", "security_verify_shadowed_hash", 523, parts.digest_name);
