@@ -3,16 +3,22 @@
 #include <ini.h>
 #include <syslog.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <new>
 #include <string_view>
 
 namespace quill {
 namespace {
 
 constexpr int32_t kMaxVdc = 99;
+constexpr int32_t kNoContext = -1;
 constexpr int32_t kMaxCardType = 65535;
+constexpr size_t kLongestName = 64;
 
 const char* path() {
     const char* path = getenv("QUILL_PLATFORM_CONF");
@@ -20,9 +26,9 @@ const char* path() {
 }
 
 std::string_view trimmed(std::string_view text) {
-    const size_t first = text.find_first_not_of(" \t");
+    const size_t first = text.find_first_not_of(" \t\r");
     if (first == std::string_view::npos) return {};
-    return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+    return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
 }
 
 std::optional<int32_t> number_of(std::string_view text, int32_t smallest, int32_t largest) {
@@ -47,6 +53,39 @@ bool add_card_types(std::vector<uint16_t>& types, std::string_view list) {
     return true;
 }
 
+// A name that the fields of records have room for.
+bool is_name(std::string_view name) {
+    return !name.empty() && name.size() <= kLongestName &&
+           std::ranges::all_of(name, [](unsigned char c) { return c > ' ' && c < 127; });
+}
+
+bool add_roles(Config& config, std::string_view list) {
+    std::set<std::string, std::less<>> listed;
+    while (!list.empty()) {
+        const size_t comma = list.find(',');
+        const std::string_view name = trimmed(list.substr(0, comma));
+        if (!is_name(name)) return false;
+        listed.emplace(name);
+        list = comma == std::string_view::npos ? std::string_view() : list.substr(comma + 1);
+    }
+    config.roles.merge(listed);
+    return true;
+}
+
+// One name a line; empty lines and those that begin with '#' do not count.
+bool add_locales(Config& config, const char* path) {
+    if (path[0] != '/') return false;  // the daemon and its clients stand in different folders
+    errno = 0;
+    std::ifstream file(path);
+    if (!file && errno != ENOMEM) return false;
+    for (std::string line; std::getline(file, line);) {
+        const std::string_view name = trimmed(line);
+        if (is_name(name) && name[0] != '#') config.locales.emplace(name);
+    }
+    if (!file.eof() && errno == ENOMEM) throw std::bad_alloc();  // streams keep theirs to themselves
+    return true;
+}
+
 bool set(Config& config, const std::string_view name, const char* value) {
     if (name == "vdc_id") {
         const auto id = parse_number(value, 1, kMaxVdc);
@@ -58,20 +97,45 @@ bool set(Config& config, const std::string_view name, const char* value) {
         if (type) config.card_type = static_cast<uint16_t>(*type);
         return type.has_value();
     }
+    if (name == "roles") return add_roles(config, value);
+    if (name == "locales") return add_locales(config, value);
     if (name == "telnet_card_types") return add_card_types(config.telnet_card_types, value);
     return false;
 }
 
-// inih calls this for each line of the form name = value.
+struct Reading {
+    Config& config;
+    bool no_memory = false;
+};
+
+// inih, which is C, calls this for each line of the form name = value.
 int on_line(void* user, const char* section, const char* name, const char* value) {
     if (strcmp(section, "system") != 0) return 1;  // a section of somebody else
-    return set(*static_cast<Config*>(user), name, value) ? 1 : 0;
+    auto& reading = *static_cast<Reading*>(user);
+    try {
+        if (!set(reading.config, name, value))
+            syslog(LOG_WARNING, "%s: '%s = %s' is not understood and was left out", path(), name, value);
+    } catch (const std::bad_alloc&) {
+        reading.no_memory = true;
+    }
+    return 1;
 }
 
 Config read_config() {
     Config config;
-    const int line = ini_parse(path(), on_line, &config);
-    if (line > 0) syslog(LOG_WARNING, "%s: line %d is not understood and was left out", path(), line);
+    if (*path() != '/') {
+        syslog(LOG_WARNING, "%s: not an absolute path, and not read", path());
+        return config;
+    }
+    Reading reading{config};
+    errno = 0;
+    const int line = ini_parse(path(), on_line, &reading);
+    if (reading.no_memory || (line < 0 && errno == ENOMEM)) throw std::bad_alloc();
+    if (line < 0 && errno != ENOENT) syslog(LOG_WARNING, "%s cannot be read: %m", path());
+    // inih tells of the first alone.
+    if (line > 0)
+        syslog(LOG_WARNING, "%s: line %d, and perhaps others, is neither a section nor name = value", path(),
+               line);
     return config;
 }
 
@@ -81,9 +145,13 @@ std::optional<int32_t> parse_number(const char* text, int32_t smallest, int32_t 
     return text == nullptr ? std::nullopt : number_of(text, smallest, largest);
 }
 
-const Config& config() {
+const Config& config() try {
     static const Config kConfig = read_config();
     return kConfig;
+} catch (const std::bad_alloc&) {
+    static Config none;
+    none.vdc_id = kNoContext;
+    return none;
 }
 
 }  // namespace quill

@@ -5,26 +5,49 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-
-#include "platform/channel/frame.h"
 
 namespace quill {
 namespace {
 
 std::string because(const std::string& what) { return what + ": " + strerror(errno); }
 
+// Locks the file for as long as the process lives. False with errno EWOULDBLOCK where another has done so.
+bool lock_file(const std::string& path) {
+    for (;;) {
+        const int descriptor = open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+        if (descriptor < 0) return false;
+        struct stat held, named;
+        const bool locked = flock(descriptor, LOCK_EX | LOCK_NB) == 0 && fstat(descriptor, &held) == 0;
+        const bool there = locked && lstat(path.c_str(), &named) == 0;
+        if (there && held.st_dev == named.st_dev && held.st_ino == named.st_ino) return true;
+        // The name may have been taken from the file before it was locked: the next daemon would lock
+        // another.
+        const bool again = there || (locked && errno == ENOENT);
+        const int kept_errno = errno;
+        close(descriptor);
+        errno = kept_errno;
+        if (!again) return false;
+    }
+}
+
 }  // namespace
 
 bool take_runtime_directory(std::string& reason) {
     const std::string folder = runtime_directory();
-    if (mkdir(folder.c_str(), 0755) != 0 && errno != EEXIST) {
+    // Made without regard to the mask, which may keep the clients out.
+    const bool made = mkdir(folder.c_str(), 0755) == 0;
+    if (made ? chmod(folder.c_str(), 0755) != 0 : errno != EEXIST) {
         reason = because("runtime directory " + folder + " cannot be made");
         return false;
     }
@@ -39,16 +62,33 @@ bool take_runtime_directory(std::string& reason) {
         return false;
     }
     const std::string lock = folder + "/quillsecurityd.lock";
-    const int descriptor = open(lock.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (descriptor < 0) {
-        reason = because("lock " + lock);
-        return false;
-    }
-    if (flock(descriptor, LOCK_EX | LOCK_NB) == 0) return true;  // held by the descriptor, so until the end
+    if (lock_file(lock)) return true;
     reason = errno == EWOULDBLOCK ? "another quillsecurityd is running already; stop it first"
                                   : because("lock " + lock);
-    close(descriptor);
     return false;
+}
+
+std::string log_safe(std::string_view text) {
+    std::string safe(text);
+    std::ranges::replace_if(
+        safe, [](unsigned char c) { return c < ' ' || c >= 127 || c == '\''; }, '.');
+    return safe;
+}
+
+pid_t fork_without_handlers() {
+    sigset_t all, before, none;
+    sigfillset(&all);
+    sigprocmask(SIG_SETMASK, &all, &before);
+    const pid_t child = fork();
+    if (child != 0) {
+        sigprocmask(SIG_SETMASK, &before, nullptr);
+        return child;
+    }
+    for (const int number : {SIGTERM, SIGINT, SIGUSR1, SIGALRM, SIGPIPE, SIGXFSZ, SIGCHLD})
+        signal(number, SIG_DFL);
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    return child;
 }
 
 void notify_manager(const char* state) {
@@ -65,6 +105,15 @@ void notify_manager(const char* state) {
     const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length);
     sendto(descriptor, state, strlen(state), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address), size);
     close(descriptor);
+}
+
+int log_options() {
+    const char* journal = getenv("JOURNAL_STREAM");
+    struct stat facts;
+    if (journal == nullptr || fstat(STDERR_FILENO, &facts) != 0) return LOG_PID | LOG_PERROR;
+    char here[48];
+    snprintf(here, sizeof here, "%ju:%ju", uintmax_t{facts.st_dev}, uintmax_t{facts.st_ino});
+    return strcmp(here, journal) == 0 ? LOG_PID : LOG_PID | LOG_PERROR;
 }
 
 bool Background::enter() {

@@ -2,16 +2,34 @@
 // the background.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
+#include <string_view>
 
 namespace quill {
+
+// $QUILL_RUNTIME_DIR, else /run/quillsecurity.
+std::string runtime_directory();
 
 // Makes the runtime folder where it is missing and takes its lock, which lasts until the process ends. False
 // with a sentence in `reason`; one daemon at a time.
 bool take_runtime_directory(std::string& reason);
 
+// A text of somebody else's for a line of the log: what could end its quotes, its line or speak to a terminal
+// is a '.'.
+std::string log_safe(std::string_view text);
+
+// As fork(2), but the child has none of the daemon's handlers: they speak to its loop through descriptors
+// that the child shares. All signals reach it.
+pid_t fork_without_handlers();
+
 // Tells the service manager, where there is one, "READY=1" or the like (sd_notify(3)).
 void notify_manager(const char* state);
+
+// Options for openlog(3): messages go to standard error as well, unless that is the journal, where syslog(3)
+// puts its lines already.
+int log_options();
 
 // Goes on in a background process; the calling one waits for ready() there, then exits with 0, or with 1 when
 // the background process ended without it.

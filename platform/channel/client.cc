@@ -3,9 +3,9 @@
 // One connection a process, made when it is first needed and again when it turns out to be gone. A message is
 // sent again only when it certainly never reached the daemon; a request that was delivered and not answered
 // is reported, since it may have been done.
+#include <sched.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -16,9 +16,11 @@
 #include <cstring>
 #include <mutex>
 #include <new>
+#include <utility>
 
 #include "platform/channel/frame.h"
 #include "quillplatform/shell.h"
+#include "quillsecurity/status.h"
 
 uint32_t security_cmi_timeout = 60;
 const char* security_cmi_username = nullptr;
@@ -49,10 +51,39 @@ class Deadline {
     Clock::time_point at_;
 };
 
+// Whether the reply is looked for before it is slept for: waking up costs more than most requests, but a
+// processor that looks does nothing else. Worth it where the last reply came soon and this process may use
+// more than one processor, so that the daemon has another, most likely.
+class ShortLook {
+ public:
+    void begin() { start_ = Clock::now(); }
+    bool goes_on() const { return pays_ && several_processors_ && waited() < kTime; }
+    void end() {
+        pays_ = waited() < kTime;
+        if (!pays_ || ++looks_ % kRecount == 0) count_processors();  // they may be others by now
+    }
+    void count_processors() {
+        cpu_set_t set;
+        several_processors_ = sched_getaffinity(0, sizeof set, &set) == 0 && CPU_COUNT(&set) > 1;
+    }
+
+ private:
+    Clock::duration waited() const { return Clock::now() - start_; }
+
+    static constexpr std::chrono::microseconds kTime{40};
+    static constexpr uint32_t kRecount = 256;  // looks
+
+    Clock::time_point start_;
+    uint32_t looks_ = 0;
+    bool pays_ = false;
+    bool several_processors_ = false;
+};
+
 class Connection {
  public:
     // The socket, connected; -1 with errno set.
     int get(const Deadline& deadline);
+    int socket() const { return socket_; }
     void drop();
     // Bounds the socket's calls by the time that is left, whenever that differs from the last bound.
     bool bound(std::chrono::milliseconds time);
@@ -64,14 +95,12 @@ class Connection {
     std::chrono::milliseconds bound_{};
 };
 
-struct Answer {
-    ReplyHead head;
-    unsigned char record[SECURITY_CMI_MAX_RECORD];
-};
-
 std::mutex mutex;
 Connection connection;
-Answer answer;
+ShortLook look;
+Frame<RequestHead> request;
+Frame<ReplyHead> answer;
+size_t answered;  // bytes of it that were received
 
 void Connection::drop() {
     const int kept_errno = errno;
@@ -98,13 +127,15 @@ int Connection::get(const Deadline& deadline) {
     if (socket_ >= 0) return socket_;
     sockaddr_un address;
     if (!socket_address(address)) return -1;
-    socket_ = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    socket_ = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     if (socket_ < 0) return -1;
     owner_ = getpid();
     bound_ = {};
     while (bound(deadline.left())) {
-        if (connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
+        if (connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+            look.count_processors();
             return socket_;
+        }
         if (errno == EINTR && !deadline.passed()) continue;
         if (errno == EAGAIN || errno == EINTR) errno = ETIMEDOUT;  // the daemon's queue stayed full
         break;
@@ -115,37 +146,57 @@ int Connection::get(const Deadline& deadline) {
 
 bool never_arrived(int error) { return error == EPIPE || error == ECONNRESET || error == ENOTCONN; }
 
-// Sends the message, on a new connection where the old one has lost its daemon. False with errno set.
-bool send_request(msghdr& message, const Deadline& deadline) {
+// A daemon that has no place for another client says so and closes, often before the request is sent.
+bool reply_waits(int socket) {
+    char byte;
+    return recv(socket, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT) > 0;
+}
+
+// Sends the request, on a new connection where the old one has lost its daemon. False with errno set.
+bool send_request(const Deadline& deadline) {
     for (bool fresh = false;;) {
         const int socket = connection.get(deadline);
         if (socket < 0 || !connection.bound(deadline.left())) return false;
-        if (sendmsg(socket, &message, MSG_NOSIGNAL) >= 0) return true;
+        if (send(socket, &request, sizeof request.head + request.head.length, MSG_NOSIGNAL) >= 0) return true;
         if (errno == EINTR && !deadline.passed()) continue;
         if (errno == EAGAIN || errno == EINTR) errno = ETIMEDOUT;
-        const bool again = never_arrived(errno) && !fresh;
+        const bool closed = never_arrived(errno);
+        if (closed && reply_waits(socket)) return true;
+        const bool again = closed && !fresh;
         connection.drop();
         if (!again) return false;
         fresh = true;
     }
 }
 
+// The length of the message, which may be more than there is room for.
+ssize_t receive(int socket) {
+    while (look.goes_on()) {
+        const ssize_t received = recv(socket, &answer, sizeof answer, MSG_TRUNC | MSG_DONTWAIT);
+        if (received >= 0 || errno != EAGAIN) return received;
+        sched_yield();  // to the daemon, where it waits for this very processor
+    }
+    return recv(socket, &answer, sizeof answer, MSG_TRUNC);
+}
+
 // Receives the reply into `answer`. False with errno set, and the connection is gone then: whatever comes
 // late must not answer the next question.
 bool receive_reply(const Deadline& deadline) {
-    iovec parts[] = {{&answer.head, sizeof answer.head}, {answer.record, sizeof answer.record}};
-    msghdr message{};
-    message.msg_iov = parts;
-    message.msg_iovlen = 2;
+    // An end that left the request unread is reported before the words that came before it, and once.
+    bool reset = false;
+    look.begin();
     while (connection.bound(deadline.left())) {
-        const ssize_t received = recvmsg(connection.get(deadline), &message, 0);
+        const ssize_t received = receive(connection.socket());
         if (received > 0) {
-            const bool whole = (message.msg_flags & MSG_TRUNC) == 0;
-            if (whole && well_formed(answer.head, static_cast<size_t>(received))) return true;
+            look.end();
+            const auto size = static_cast<size_t>(received);
+            answered = std::min(size, sizeof answer);
+            if (size == answered && well_formed(answer.head, size)) return true;
             errno = EPROTO;
         } else if (received == 0) {
             errno = ECONNRESET;
-        } else if (errno == EINTR && !deadline.passed()) {
+        } else if ((errno == EINTR && !deadline.passed()) ||
+                   (errno == ECONNRESET && !std::exchange(reset, true))) {
             continue;
         } else if (errno == EAGAIN || errno == EINTR) {
             errno = ETIMEDOUT;
@@ -156,12 +207,8 @@ bool receive_reply(const Deadline& deadline) {
     return false;
 }
 
-int32_t exchange(int32_t request_type, uint32_t operation, void* record, uint32_t length) {
-    if (length > SECURITY_CMI_MAX_RECORD) {
-        errno = EMSGSIZE;
-        return -1;
-    }
-    RequestHead head;
+void write_request(int32_t request_type, uint32_t operation, const void* record, uint32_t length) {
+    RequestHead& head = request.head;
     head.request_type = static_cast<uint32_t>(request_type);
     head.operation = operation;
     head.session = security_cmi_session_id;
@@ -170,14 +217,19 @@ int32_t exchange(int32_t request_type, uint32_t operation, void* record, uint32_
     const size_t name_length = strnlen(user_name, sizeof head.user_name - 1);
     memset(head.user_name, 0, sizeof head.user_name);
     memcpy(head.user_name, user_name, name_length);
+    if (length != 0) memcpy(request.record, record, length);
+}
 
-    iovec parts[] = {{&head, sizeof head}, {record, length}};
-    msghdr message{};
-    message.msg_iov = parts;
-    message.msg_iovlen = 2;
+int32_t exchange(int32_t request_type, uint32_t operation, const void* record, uint32_t length) {
+    if (length > SECURITY_CMI_MAX_RECORD) {
+        errno = EMSGSIZE;
+        return -1;
+    }
+    write_request(request_type, operation, record, length);
     const Deadline deadline;
-    if (!send_request(message, deadline) || !receive_reply(deadline)) return -1;
+    if (!send_request(deadline) || !receive_reply(deadline)) return -1;
     const uint32_t status = answer.head.status;
+    if (status == SECURITY_ERR_BUSY) connection.drop();  // the daemon does so, but perhaps not yet
     if (status <= INT32_MAX) return static_cast<int32_t>(status);
     errno = EPROTO;  // no status of a daemon: it would pass for a failure of the channel
     return -1;
@@ -200,23 +252,24 @@ bool hand_over(void** reply, uint32_t* length) {
 }  // namespace
 }  // namespace quill
 
-int32_t security_cmi(int32_t request_type, uint32_t operation, void* request, void** reply, uint32_t* length,
+int32_t security_cmi(int32_t request_type, uint32_t operation, void* record, void** reply, uint32_t* length,
                      uint32_t) {
     using namespace quill;
     const std::lock_guard lock(mutex);
     if (reply != nullptr) *reply = nullptr;
     const uint32_t request_length = *length;
     *length = 0;
+    int32_t status = -1;
     try {
-        const int32_t status = exchange(request_type, operation, request, request_length);
-        if (status < 0) return -1;
-        const bool taken = reply == nullptr || hand_over(reply, length);
-        explicit_bzero(answer.record, answer.head.length);  // replies carry secrets
-        return taken ? status : -1;
-    } catch (const std::bad_alloc&) {
+        status = exchange(request_type, operation, record, request_length);
+        if (status >= 0 && reply != nullptr && !hand_over(reply, length)) status = -1;
+    } catch (const std::bad_alloc&) {  // over the socket's name
         errno = ENOMEM;
-        return -1;
     }
+    // Both carry secrets, replies that are refused as well.
+    if (request_length <= sizeof request.record) explicit_bzero(request.record, request_length);
+    explicit_bzero(&answer, std::exchange(answered, 0));
+    return status;
 }
 
 int32_t security_cmi2(int32_t request_type, uint32_t operation, void* request, void**, uint32_t* length,

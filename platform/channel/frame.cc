@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/service.h"
+
 namespace quill {
 
 std::string runtime_directory() {
@@ -14,12 +16,13 @@ std::string runtime_directory() {
     return path != nullptr && *path != '\0' ? path : "/run/quillsecurity";
 }
 
-bool socket_address(sockaddr_un& address) {
-    const std::string path = runtime_directory() + "/quillsecurityd.sock";
+bool socket_address(sockaddr_un& address, const char* name) {
+    const std::string path = runtime_directory() + "/" + name;
     address = {};
     address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) {
-        errno = ENAMETOOLONG;
+    const bool absolute = path[0] == '/';
+    if (!absolute || path.size() >= sizeof address.sun_path) {
+        errno = absolute ? ENAMETOOLONG : EINVAL;
         return false;
     }
     memcpy(address.sun_path, path.c_str(), path.size() + 1);

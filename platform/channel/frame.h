@@ -1,11 +1,12 @@
 // The frames of the request channel: one message a request, one message a reply.
 //
 // A head of fixed size, then the record. The head's words are big-endian by type, so a 32-bit client and a
-// 64-bit daemon agree on every byte; the record travels as the library made it.
+// 64-bit daemon agree on every byte; the record travels as the library made it. A message of no bytes cannot
+// be told from the end of the connection, and ends it.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <string>
 
 #include "common/byte_order.h"
 #include "quillplatform/shell.h"
@@ -47,6 +48,13 @@ struct ReplyHead {
 };
 static_assert(sizeof(ReplyHead) == 16);
 
+// A message as it crosses: the head, and right behind it room for the largest record.
+template <class Head>
+struct Frame {
+    Head head;
+    unsigned char record[SECURITY_CMI_MAX_RECORD];
+};
+
 // Whether a message of `received` bytes is a head of this version and exactly the record that it announces.
 template <class Head>
 bool well_formed(const Head& head, size_t received) {
@@ -54,10 +62,12 @@ bool well_formed(const Head& head, size_t received) {
            head.length == received - sizeof(Head);
 }
 
-// $QUILL_RUNTIME_DIR, else /run/quillsecurity.
-std::string runtime_directory();
+// The sockets of the daemon in the runtime folder.
+constexpr char kRequestSocket[] = "quillsecurityd.sock";
+constexpr char kAnnouncementSocket[] = "quillsecurityd.mts";
 
-// The daemon's socket in that folder; false with errno ENAMETOOLONG where the path does not fit.
-bool socket_address(sockaddr_un& address);
+// The address of one of them; false with errno EINVAL where the folder is no absolute path, and ENAMETOOLONG
+// where the address does not fit.
+bool socket_address(sockaddr_un& address, const char* name = kRequestSocket);
 
 }  // namespace quill

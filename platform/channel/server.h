@@ -12,6 +12,8 @@
 
 #include "quillplatform/shell.h"
 
+struct event_base;
+
 namespace quill {
 
 // Who is at the other end, by the kernel's word when the connection was made (unix(7), SO_PEERCRED).
@@ -21,6 +23,9 @@ struct Peer {
     uid_t uid = 0;
     pid_t pid = 0;
 };
+
+// Of a connected socket; `administrators` is a group, 0 for none.
+Peer identify(int socket, gid_t administrators);
 
 struct Request {
     uint32_t type;
@@ -54,6 +59,9 @@ class Server {
     // Takes over the socket's name, which a daemon that crashed may have left. The caller holds the runtime
     // folder's lock. False with errno set.
     bool listen();
+
+    // What else is to be served beside the clients joins this loop.
+    event_base* loop() const;
 
     // Serves until SIGTERM or SIGINT.
     void run();

@@ -8,10 +8,13 @@
 #define QUILLPLATFORM_H
 
 #include "quillplatform/accounts.h"
+#include "quillplatform/files.h"
+#include "quillplatform/mts.h"
 #include "quillplatform/pss.h"
 #include "quillplatform/random.h"
 #include "quillplatform/shell.h"
 #include "quillplatform/sysmgr.h"
+#include "quillplatform/tlv.h"
 #include "quillplatform/trace.h"
 
 #endif

@@ -1,6 +1,8 @@
 #include "platform/store/engine.h"
 
+#include <fcntl.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <cerrno>
 
@@ -8,6 +10,21 @@ namespace quill {
 
 void log_store_error(const std::string& path, uint32_t status, const char* detail) {
     syslog(LOG_ERR, "store %s: %s (%#x): %s", path.c_str(), syserr2str(status), status, detail);
+}
+
+uint32_t check_version(const std::string& path, uint32_t found, uint32_t expected) {
+    if (found == 0 || found == expected) return PSS_OK;
+    syslog(LOG_ERR, "store %s: stamped with version %#x, this program needs %#x; it is left as it is",
+           path.c_str(), found, expected);
+    return PSS_WRONG_VERSION;
+}
+
+uint32_t sync_folder(const std::string& path) {
+    const int descriptor = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (descriptor < 0) return status_of_errno(errno);
+    const uint32_t status = status_of_errno(fsync(descriptor) == 0 ? 0 : errno);
+    close(descriptor);
+    return status;
 }
 
 uint32_t status_of_errno(int error) {

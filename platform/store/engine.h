@@ -17,6 +17,7 @@ namespace quill {
 struct Record {
     std::string key;
     std::string value;
+    bool sound = true;  // false: the value is damaged, and not here
 };
 
 class Engine {
@@ -36,7 +37,6 @@ class Engine {
     virtual uint32_t erase(std::string_view key) = 0;
 
     // 0 is a store that was never stamped.
-    virtual uint32_t version(uint32_t& version) = 0;
     virtual uint32_t stamp(uint32_t version) = 0;
 
     // Blanks in the engine's files what was erased or replaced so far.
@@ -44,11 +44,19 @@ class Engine {
 };
 
 // Opens the store kept in the file `path`, or with `create` makes it where nothing is there. The file's
-// folder has been found safe. Whatever else stands under that name is left as it is.
-uint32_t open_sqlite_engine(const std::string& path, bool create, std::unique_ptr<Engine>& engine);
+// folder has been found safe. Whatever else stands under that name is left as it is, and so is a store that
+// was stamped with another version than the one that the caller expects.
+uint32_t open_sqlite_engine(const std::string& path, bool create, uint32_t version,
+                            std::unique_ptr<Engine>& engine);
+
+// PSS_WRONG_VERSION, and a line of the log, for a store that was stamped with another version.
+uint32_t check_version(const std::string& path, uint32_t found, uint32_t expected);
 
 // One line of the log about a store's file, at LOG_ERR.
 void log_store_error(const std::string& path, uint32_t status, const char* detail);
+
+// Flushes the names in a folder.
+uint32_t sync_folder(const std::string& path);
 
 // The status of a system error.
 uint32_t status_of_errno(int error);

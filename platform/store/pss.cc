@@ -15,8 +15,10 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <utility>
 
 #include "platform/store/engine.h"
+#include "platform/store/recent.h"
 
 namespace quill {
 namespace {
@@ -29,9 +31,11 @@ struct Store {
     std::unique_ptr<Engine> engine;
 
     Record at;             // where the cursor stands
+    Record found;          // what a search for its next place fills
     bool placed = false;   // it stands somewhere
     bool current = false;  // at.value is what the store holds
 
+    Recent recent;
     std::string fetched;
     pss_descriptor key{};
     pss_descriptor value{};
@@ -79,9 +83,16 @@ uint32_t refresh(Store& store) {
     return status;
 }
 
-uint32_t place(Store& store, uint32_t status) {
-    store.placed = store.current = status == PSS_OK;
-    return status;
+// Moves the cursor to what the search finds, or nowhere, and that as well where memory runs out on the way.
+template <class Search>
+uint32_t place(Store& store, Search search) {
+    store.placed = store.current = false;
+    const uint32_t status = search(store.found);
+    if (status != PSS_OK) return status;
+    std::swap(store.at, store.found);
+    store.placed = true;
+    store.current = store.at.sound;
+    return PSS_OK;
 }
 
 bool valid_name(const char* name) {
@@ -97,10 +108,13 @@ std::string state_directory() {
 
 // A folder that others can enter is refused rather than closed: the caller may have named the wrong one.
 uint32_t check_directory(const std::string& path, bool create) {
+    if (path[0] != '/') return PSS_BAD_ARGUMENT;
     if (create) {
         // Made without regard to the mask, which may take the owner's own bits.
         const bool made = mkdir(path.c_str(), 0700) == 0;
         if (made ? chmod(path.c_str(), 0700) != 0 : errno != EEXIST) return status_of_errno(errno);
+        const uint32_t synced = made ? sync_folder(path + "/..") : PSS_OK;
+        if (synced != PSS_OK) return synced;
     }
     struct stat facts;
     if (stat(path.c_str(), &facts) != 0) return errno == ENOENT ? PSS_NO_STORE : status_of_errno(errno);
@@ -120,15 +134,6 @@ uint32_t free_slot(const char* name, size_t& slot) {
     return slot == kMaxStores ? PSS_NO_FILES : PSS_OK;
 }
 
-uint32_t check_version(Engine& engine, const std::string& path, uint32_t expected) {
-    uint32_t version = 0;
-    const uint32_t status = engine.version(version);
-    if (status != PSS_OK || version == 0 || version == expected) return status;
-    syslog(LOG_ERR, "store %s: stamped with version %#x, this program needs %#x; it is left as it is",
-           path.c_str(), version, expected);
-    return PSS_WRONG_VERSION;
-}
-
 uint32_t open_store(const char* name, bool create, uint32_t version, uint32_t& handle) {
     size_t slot;
     uint32_t status = free_slot(name, slot);
@@ -138,15 +143,15 @@ uint32_t open_store(const char* name, bool create, uint32_t version, uint32_t& h
     if (status != PSS_OK) {
         if (status != PSS_NO_STORE || create)
             syslog(LOG_ERR,
-                   "state directory %s: %s; it must be a folder of mode 0700 that belongs to user %u",
+                   "state directory %s: %s; it must be the absolute path of a folder of mode 0700 that "
+                   "belongs to user %u",
                    directory.c_str(), syserr2str(status), geteuid());
         return status;
     }
     const std::string path = directory + "/" + name + ".db";
     auto store = std::make_unique<Store>();
     store->name = name;
-    status = open_sqlite_engine(path, create, store->engine);
-    if (status == PSS_OK) status = check_version(*store->engine, path, version);
+    status = open_sqlite_engine(path, create, version, store->engine);
     if (status != PSS_OK) return status;
     stores[slot] = std::move(store);
     handle = static_cast<uint32_t>(slot) + 1;
@@ -178,20 +183,33 @@ uint32_t pss_version_set(uint32_t handle, uint32_t one, uint32_t version) {
 }
 
 pss_descriptor* pss2_fetch(uint32_t handle, const pss_descriptor* key, uint32_t* status) {
+    pss_descriptor* value = nullptr;
     *status = quill::on_store(handle, [&](quill::Store& store) -> uint32_t {
         if (!quill::valid_key(key)) return PSS_BAD_ARGUMENT;
-        return store.engine->fetch(quill::view(key), store.fetched);
+        uint32_t fetched = PSS_OK;
+        if (!store.recent.find(quill::view(key), store.fetched)) {
+            std::string bytes;  // the key may be what this call answered before
+            fetched = store.engine->fetch(quill::view(key), bytes);
+            if (fetched == PSS_OK) store.recent.keep(quill::view(key), bytes);
+            if (fetched == PSS_OK) std::swap(store.fetched, bytes);
+        }
+        if (fetched == PSS_OK) value = quill::describe(store.value, store.fetched);
+        return fetched;
     });
-    if (*status != PSS_OK) return nullptr;
-    quill::Store& store = *quill::find(handle);
-    return quill::describe(store.value, store.fetched);
+    return value;
 }
 
 uint32_t pss2_store(uint32_t handle, const pss_descriptor* key, const pss_descriptor* value) {
     return quill::on_store(handle, [&](quill::Store& store) -> uint32_t {
         if (!quill::valid_key(key) || !quill::valid(value, PSS_MAX_VALUE)) return PSS_BAD_ARGUMENT;
         store.current = false;
-        return store.engine->put(quill::view(key), quill::view(value));
+        const std::string_view wanted = quill::view(key), bytes = quill::view(value);
+        const uint32_t status = store.engine->put(wanted, bytes);
+        if (status == PSS_OK)
+            store.recent.keep(wanted, bytes);
+        else
+            store.recent.forget(wanted);
+        return status;
     });
 }
 
@@ -199,15 +217,19 @@ uint32_t pss2_delete(uint32_t handle, const pss_descriptor* key, uint32_t count)
     return quill::on_store(handle, [&](quill::Store& store) -> uint32_t {
         if (!quill::valid_key(key) || count != 1) return PSS_BAD_ARGUMENT;
         store.current = false;
-        return store.engine->erase(quill::view(key));
+        const uint32_t status = store.engine->erase(quill::view(key));
+        store.recent.forget(quill::view(key));
+        return status;
     });
 }
 
 uint32_t pss2_move2key(uint32_t* handle, uint32_t mode, const pss_descriptor* key, uint32_t* status) {
     *status = quill::on_store(*handle, [&](quill::Store& store) -> uint32_t {
         if (mode != PSS_MODE || !quill::valid_key(key)) return PSS_BAD_ARGUMENT;
-        const uint32_t moved = quill::place(store, store.engine->at_or_after(quill::view(key), store.at));
-        return moved == PSS_OK && store.at.key != quill::view(key) ? PSS_NO_KEY : moved;
+        const std::string wanted(quill::view(key));  // it may be what pss2_getkey() handed out
+        const uint32_t moved = quill::place(
+            store, [&](quill::Record& found) { return store.engine->at_or_after(wanted, found); });
+        return moved == PSS_OK && store.at.key != wanted ? PSS_NO_KEY : moved;
     });
     return *status;
 }
@@ -216,13 +238,15 @@ uint32_t pss2_move2location(uint32_t* handle, uint32_t mode, uint32_t location, 
     *status = quill::on_store(*handle, [&](quill::Store& store) -> uint32_t {
         if (mode != PSS_MODE || location != PSS_NEXT) return PSS_BAD_ARGUMENT;
         if (!store.placed) return PSS_NO_KEY;
-        return quill::place(store, store.engine->after(store.at.key, store.at));
+        return quill::place(store,
+                            [&](quill::Record& found) { return store.engine->after(store.at.key, found); });
     });
     return *status;
 }
 
 pss_descriptor* pss2_getkey(uint32_t handle, uint32_t* status) {
     *status = quill::on_store(handle, quill::refresh);
+    if (*status == PSS_CORRUPT) *status = PSS_OK;  // its value alone is damaged
     if (*status != PSS_OK) return nullptr;
     quill::Store& store = *quill::find(handle);
     return quill::describe(store.key, store.at.key);

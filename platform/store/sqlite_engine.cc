@@ -4,11 +4,16 @@
 // it is open, so that reads need no shared memory and no lock. What secure_delete leaves in the log is
 // removed by settle(), which moves the log into the file and empties it; what it leaves in pages, by the
 // blanking VFS.
+//
+// SQLite finds damage to its trees, not to the bytes of a long value. Each record has a sum of them, so that
+// nothing is handed out that was not stored.
 #include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -28,7 +33,8 @@ constexpr char kCreate[] =
     "PRAGMA locking_mode=EXCLUSIVE;"
     "PRAGMA synchronous=FULL;"
     "PRAGMA application_id=0x51536563;"
-    "CREATE TABLE record(key BLOB PRIMARY KEY NOT NULL, value BLOB NOT NULL) WITHOUT ROWID;"
+    "CREATE TABLE record(key BLOB PRIMARY KEY NOT NULL, value BLOB NOT NULL, sum INTEGER NOT NULL) WITHOUT "
+    "ROWID;"
     "PRAGMA journal_mode=WAL;";
 constexpr char kSettings[] =
     "PRAGMA locking_mode=EXCLUSIVE;"
@@ -40,6 +46,8 @@ constexpr char kSettings[] =
     "PRAGMA temp_store=MEMORY;"
     "PRAGMA max_page_count=16777215;";  // keeps b-tree pages apart from others by their first byte, for
                                         // blanking
+
+constexpr char kChangeNothing[] = "PRAGMA application_id=0x51536563;";
 
 // Every error of SQLite turns into a status here. What the system refused is in errno, which each call below
 // clears first: sqlite3_system_errno() says nothing of failures while a change is committed.
@@ -70,12 +78,21 @@ uint32_t status_of(int result) {
         return PSS_BAD_ARGUMENT;
     case SQLITE_IOERR:
         if (result == SQLITE_IOERR_NOMEM) return PSS_NO_MEMORY;
+        if (result == SQLITE_IOERR_SHORT_READ) return PSS_IO;  // no call failed: errno is an older one's
         [[fallthrough]];
     case SQLITE_CANTOPEN:
         return error == 0 ? PSS_IO : status_of_errno(error);
     default:
         return PSS_ENGINE;
     }
+}
+
+// Of a record, against accidents: whoever may write the file can make it right again.
+int64_t sum_of(std::string_view key, std::string_view value) {
+    uLong sum = 0;
+    for (const std::string_view bytes : {key, value})
+        sum = crc32_z(sum, reinterpret_cast<const Bytef*>(bytes.data()), bytes.size());
+    return static_cast<int64_t>(sum);
 }
 
 int execute(sqlite3* database, const char* text) {
@@ -100,6 +117,7 @@ class Statement {
         sqlite3_bind_blob64(statement_, index, bytes.empty() ? "" : bytes.data(), bytes.size(),
                             SQLITE_STATIC);
     }
+    void bind(int index, int64_t number) { sqlite3_bind_int64(statement_, index, number); }
     int step() {
         errno = 0;
         return sqlite3_step(statement_);
@@ -110,6 +128,12 @@ class Statement {
         const auto length = static_cast<size_t>(sqlite3_column_bytes(statement_, index));
         if (data == nullptr && length != 0) throw std::bad_alloc();
         bytes.assign(data == nullptr ? "" : data, length);
+    }
+    // The value of this key, which stands in the first column and its sum in the second. False where it is
+    // damaged.
+    bool take(std::string_view key, std::string& value) const {
+        column(0, value);
+        return sqlite3_column_int64(statement_, 1) == sum_of(key, value);
     }
     int64_t number() const { return sqlite3_column_int64(statement_, 0); }
 
@@ -135,26 +159,34 @@ class SqliteEngine final : public Engine {
     explicit SqliteEngine(std::string path) : path_(std::move(path)) {}
     ~SqliteEngine() override {
         walk_.reset();
-        if (opened_) settle();
+        if (ours_) settle();
     }
     SqliteEngine(const SqliteEngine&) = delete;
     SqliteEngine& operator=(const SqliteEngine&) = delete;
 
-    uint32_t open();
+    uint32_t open(uint32_t expected_version);
 
     uint32_t fetch(std::string_view key, std::string& value) override;
     uint32_t at_or_after(std::string_view key, Record& found) override;
     uint32_t after(std::string_view key, Record& found) override;
     uint32_t put(std::string_view key, std::string_view value) override;
     uint32_t erase(std::string_view key) override;
-    uint32_t version(uint32_t& version) override;
     uint32_t stamp(uint32_t version) override;
     uint32_t settle() override;
 
  private:
-    uint32_t report(int result);
+    enum Work { kReading, kWriting, kSettling, kWorks };
+
+    uint32_t report(Work work, int result);
+    uint32_t damaged();
     uint32_t walked(int result, Record& found);
+    uint32_t standing(Record& found);
     uint32_t changed(int result);
+    void withdraw();
+    int read_version();
+    int begin_log();
+    int prepare_statements();
+    int empty_log();
     void end_walk();
 
     std::string path_;
@@ -165,58 +197,103 @@ class SqliteEngine final : public Engine {
         Connection(const Connection&) = delete;
         Connection& operator=(const Connection&) = delete;
     } connection_;
-    Statement fetch_, walk_, put_, erase_, version_;  // finalized before the connection closes
+    Statement fetch_, walk_, put_, erase_;  // finalized before the connection closes
     std::string walk_from_, walk_key_;
     bool walking_ = false;  // walk_ stands on walk_key_ and holds a snapshot
-    bool opened_ = false;
+    bool walk_sound_ = false;
+    bool ours_ = false;  // of the version that was expected: nothing is written before
+    uint32_t version_ = 0;
     int unsettled_ = 0;
-    uint32_t reported_ = PSS_OK;
+    uint32_t reported_[kWorks] = {};  // PSS_OK
+    bool damage_reported_ = false;
 };
 
-// A status, logged when it is not the one that was logged last: a full disk is one line, not one a request.
-uint32_t SqliteEngine::report(int result) {
+// A status, logged when it is not the one that was logged last for this kind of work: a full disk is one
+// line, not one a request, whatever can still be read.
+uint32_t SqliteEngine::report(Work work, int result) {
+    static constexpr const char* kNames[] = {"reading", "writing", "settling"};
     const uint32_t status = status_of(result);
-    if (status == reported_) return status;
+    if (status == reported_[work]) return status;
     if (status != PSS_OK)
         log_store_error(path_, status, sqlite3_errmsg(connection_.database));
     else
-        syslog(LOG_NOTICE, "store %s: works again", path_.c_str());
-    reported_ = status;
+        syslog(LOG_NOTICE, "store %s: %s works again", path_.c_str(), kNames[work]);
+    reported_[work] = status;
     return status;
 }
 
-uint32_t SqliteEngine::open() {
+// Of one record: the others are read on.
+uint32_t SqliteEngine::damaged() {
+    if (!damage_reported_) log_store_error(path_, PSS_CORRUPT, "the sum of a record is wrong");
+    damage_reported_ = true;
+    return PSS_CORRUPT;
+}
+
+uint32_t SqliteEngine::open(uint32_t expected_version) {
     constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
     errno = 0;
-    int result = sqlite3_open_v2(path_.c_str(), &connection_.database, kFlags, blanking_vfs());
+    const char* vfs = blanking_vfs();
+    if (vfs == nullptr) return PSS_NO_MEMORY;
+    int result = sqlite3_open_v2(path_.c_str(), &connection_.database, kFlags, vfs);
     sqlite3* database = connection_.database;
     if (result == SQLITE_OK) result = execute(database, kSettings);
-    if (result == SQLITE_OK) result = fetch_.prepare(database, "SELECT value FROM record WHERE key = ?1");
-    if (result == SQLITE_OK)
-        result = walk_.prepare(database, "SELECT key, value FROM record WHERE key >= ?1 ORDER BY key");
-    if (result == SQLITE_OK)
-        result = put_.prepare(database,
-                              "INSERT INTO record(key, value) VALUES(?1, ?2) "
-                              "ON CONFLICT(key) DO UPDATE SET value = excluded.value");
-    if (result == SQLITE_OK) result = erase_.prepare(database, "DELETE FROM record WHERE key = ?1");
-    if (result == SQLITE_OK) result = version_.prepare(database, "PRAGMA user_version");
-    // The lock is taken, and a log that a crash left is recovered, by the first read; settling reads and
-    // rids the log of what it still held.
+    // The lock is taken, and a log that a crash left is read, by the first read.
     if (result == SQLITE_OK) result = execute(database, "SELECT 1 FROM record LIMIT 1");
-    const uint32_t status = report(result);
-    if (status != PSS_OK) return status;
-    opened_ = true;
-    unsettled_ = 1;
+    if (result == SQLITE_OK) result = read_version();
+    uint32_t status = report(kReading, result);
+    if (status == PSS_OK) status = check_version(path_, version_, expected_version);
+    if (status == PSS_OK) status = report(kWriting, begin_log());
+    if (status == PSS_OK) status = report(kReading, prepare_statements());
+    if (status != PSS_OK) {
+        // It is left as it is, and its log as well. No memory, no database.
+        if (database != nullptr) sqlite3_db_config(database, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+        return status;
+    }
+    ours_ = true;
+    unsettled_ = 1;  // whatever the log still held
     settle();
     return PSS_OK;
+}
+
+int SqliteEngine::prepare_statements() {
+    sqlite3* database = connection_.database;
+    int result = fetch_.prepare(database, "SELECT value, sum FROM record WHERE key = ?1");
+    if (result == SQLITE_OK)
+        result = walk_.prepare(database, "SELECT value, sum, key FROM record WHERE key >= ?1 ORDER BY key");
+    if (result == SQLITE_OK)
+        result = put_.prepare(database,
+                              "INSERT INTO record(key, value, sum) VALUES(?1, ?2, ?3) "
+                              "ON CONFLICT(key) DO UPDATE SET value = excluded.value, sum = excluded.sum");
+    if (result == SQLITE_OK) result = erase_.prepare(database, "DELETE FROM record WHERE key = ?1");
+    return result;
+}
+
+int SqliteEngine::read_version() {
+    Statement query;
+    int result = query.prepare(connection_.database, "PRAGMA user_version");
+    if (result == SQLITE_OK) result = query.step();
+    if (result == SQLITE_ROW) version_ = static_cast<uint32_t>(query.number());
+    return result;
+}
+
+// A store that was restored from a copy may have come without its write-ahead log; in any other mode old
+// values would stay in a journal.
+int SqliteEngine::begin_log() {
+    Statement query;
+    int result = query.prepare(connection_.database, "PRAGMA journal_mode=WAL");
+    if (result == SQLITE_OK) result = query.step();
+    if (result != SQLITE_ROW) return result;
+    std::string mode;
+    query.column(0, mode);
+    return mode == "wal" ? SQLITE_OK : SQLITE_ERROR;
 }
 
 uint32_t SqliteEngine::fetch(std::string_view key, std::string& value) {
     Use use(fetch_);
     use->bind(1, key);
     const int result = use->step();
-    if (result == SQLITE_ROW) use->column(0, value);
-    const uint32_t status = report(result);
+    if (result == SQLITE_ROW && !use->take(key, value)) return damaged();
+    const uint32_t status = report(kReading, result);
     return status == PSS_OK && result == SQLITE_DONE ? PSS_NO_KEY : status;
 }
 
@@ -226,26 +303,38 @@ void SqliteEngine::end_walk() {
 }
 
 uint32_t SqliteEngine::walked(int result, Record& found) {
+    walking_ = false;  // also where memory runs out below
     if (result == SQLITE_ROW) {
-        walk_.column(0, found.key);
-        walk_.column(1, found.value);
+        walk_.column(2, found.key);
+        found.sound = walk_.take(found.key, found.value);
         walk_key_ = found.key;
+        walk_sound_ = found.sound;
         walking_ = true;
-        return report(result);
+        return report(kReading, result);
     }
     end_walk();
-    const uint32_t status = report(result);
+    const uint32_t status = report(kReading, result);
     return status == PSS_OK ? PSS_NO_KEY : status;
 }
 
+// Where the walk stands already.
+uint32_t SqliteEngine::standing(Record& found) {
+    found.key = walk_key_;
+    found.sound = walk_sound_;
+    walk_.column(0, found.value);
+    return PSS_OK;
+}
+
+// A walk often begins where the last one stands: whoever asks for one record after the other names the last.
 uint32_t SqliteEngine::at_or_after(std::string_view key, Record& found) {
+    if (walking_ && walk_key_ == key) return standing(found);
     end_walk();
     walk_from_ = key;
     walk_.bind(1, walk_from_);
     return walked(walk_.step(), found);
 }
 
-// The usual step goes on from where the last one stood; any other is a search of its own.
+// The usual step goes on from there as well; any other is a search of its own.
 uint32_t SqliteEngine::after(std::string_view key, Record& found) {
     if (walking_ && walk_key_ == key) return walked(walk_.step(), found);
     const std::string from(key);
@@ -255,12 +344,20 @@ uint32_t SqliteEngine::after(std::string_view key, Record& found) {
 
 // After a statement that changed the store, or failed to.
 uint32_t SqliteEngine::changed(int result) {
-    const uint32_t status = report(result);
-    // A flush that failed leaves the change whole in the log, and a crash would bring it back as done.
-    const bool in_log = result == SQLITE_IOERR_FSYNC;
-    if (status == PSS_OK || in_log) ++unsettled_;
-    if (unsettled_ >= kSettleAfter || in_log) settle();
+    const uint32_t status = report(kWriting, result);
+    ++unsettled_;
+    if (status != PSS_OK)
+        withdraw();
+    else if (unsettled_ >= kSettleAfter)
+        settle();
     return status;
+}
+
+// A change that failed may stand whole in the log, where its flush or what came after that failed: a crash
+// would bring it back as done. Where the log cannot be emptied, a commit that changes nothing takes its place
+// in there; the flush of that one may fail as well.
+void SqliteEngine::withdraw() {
+    if (settle() != PSS_OK) execute(connection_.database, kChangeNothing);
 }
 
 uint32_t SqliteEngine::put(std::string_view key, std::string_view value) {
@@ -270,6 +367,7 @@ uint32_t SqliteEngine::put(std::string_view key, std::string_view value) {
         Use use(put_);
         use->bind(1, key);
         use->bind(2, value);
+        use->bind(3, sum_of(key, value));
         result = use->step();
     }
     return changed(result);
@@ -287,42 +385,38 @@ uint32_t SqliteEngine::erase(std::string_view key) {
     return changed(result);
 }
 
-uint32_t SqliteEngine::version(uint32_t& version) {
-    Use use(version_);
-    const int result = use->step();
-    if (result == SQLITE_ROW) version = static_cast<uint32_t>(use->number());
-    return report(result);
-}
-
 uint32_t SqliteEngine::stamp(uint32_t version) {
+    if (version == version_) return PSS_OK;
     end_walk();
     char text[64];
     snprintf(text, sizeof text, "PRAGMA user_version=%d", static_cast<int32_t>(version));
-    return changed(execute(connection_.database, text));
+    const uint32_t status = changed(execute(connection_.database, text));
+    if (status == PSS_OK) version_ = version;
+    return status;
+}
+
+// SQLite does not flush the log that it has cut off, and a loss of power would bring back what stood there.
+int SqliteEngine::empty_log() {
+    sqlite3* database = connection_.database;
+    errno = 0;
+    int result = sqlite3_wal_checkpoint_v2(database, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    sqlite3_file* log = nullptr;
+    if (result == SQLITE_OK)
+        result = sqlite3_file_control(database, "main", SQLITE_FCNTL_JOURNAL_POINTER, &log);
+    if (result == SQLITE_OK && log != nullptr && log->pMethods != nullptr)
+        result = log->pMethods->xSync(log, SQLITE_SYNC_NORMAL);
+    return result;
 }
 
 uint32_t SqliteEngine::settle() {
     if (unsettled_ == 0) return PSS_OK;
     end_walk();
-    errno = 0;
-    const int result = sqlite3_wal_checkpoint_v2(connection_.database, nullptr, SQLITE_CHECKPOINT_TRUNCATE,
-                                                 nullptr, nullptr);
-    const uint32_t status = report(result);
+    const uint32_t status = report(kSettling, empty_log());
     if (status == PSS_OK) unsettled_ = 0;
     return status;
 }
 
 // ---- The file before SQLite sees it.
-
-uint32_t sync_folder_of(const std::string& path) {
-    const std::string folder = path.substr(0, path.rfind('/'));
-    const int descriptor = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (descriptor < 0) return status_of_errno(errno);
-    const int result = fsync(descriptor);
-    const uint32_t status = status_of_errno(result == 0 ? 0 : errno);
-    close(descriptor);
-    return status;
-}
 
 uint32_t make_private_file(const std::string& path) {
     const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
@@ -346,18 +440,49 @@ uint32_t fill_new_file(const std::string& path) {
     return status != PSS_OK ? status : status_of(result);
 }
 
+// Gives the file its name, unless something has that already.
+uint32_t name_file(const std::string& fresh, const std::string& path) {
+    int result = renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE);
+    if (result != 0 && errno == EINVAL) result = link(fresh.c_str(), path.c_str());  // by some file systems
+    return result == 0 || errno == EEXIST ? PSS_OK : status_of_errno(errno);
+}
+
 // Made whole under another name and then given its own, so that a crash leaves either no store or an empty
-// one.
-uint32_t create_file(const std::string& path) {
+// one. The folder's lock is held.
+uint32_t create_file_alone(const std::string& path) {
+    struct stat facts;
+    if (lstat(path.c_str(), &facts) == 0) return PSS_OK;  // another process was faster
     const std::string fresh = path + ".new";
     for (const char* suffix : {"", "-journal", "-wal"}) unlink((fresh + suffix).c_str());
     uint32_t status = make_private_file(fresh);
     if (status == PSS_OK) status = fill_new_file(fresh);
-    if (status == PSS_OK &&
-        renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) != 0 && errno != EEXIST)
-        status = status_of_errno(errno);
+    if (status == PSS_OK) status = name_file(fresh, path);
     unlink(fresh.c_str());
-    return status == PSS_OK ? sync_folder_of(path) : status;
+    return status;
+}
+
+// Held while in scope, also where memory runs out in it.
+struct FolderLock {
+    const int descriptor;
+    uint32_t status;
+
+    explicit FolderLock(const std::string& folder)
+        : descriptor(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
+          status(status_of_errno(descriptor >= 0 && flock(descriptor, LOCK_EX) == 0 ? 0 : errno)) {}
+    ~FolderLock() {
+        if (descriptor >= 0) close(descriptor);
+    }
+    FolderLock(const FolderLock&) = delete;
+    FolderLock& operator=(const FolderLock&) = delete;
+};
+
+uint32_t create_file(const std::string& path) {
+    const std::string folder = path.substr(0, path.rfind('/'));
+    const FolderLock lock(folder);
+    uint32_t status = lock.status;
+    if (status == PSS_OK) status = create_file_alone(path);
+    if (status == PSS_OK) status = sync_folder(folder);
+    return status;
 }
 
 // SQLite's header with our application id. Read without SQLite, which would already recover a foreign file.
@@ -394,7 +519,8 @@ Finding examine_file(const std::string& path) {
 
 }  // namespace
 
-uint32_t open_sqlite_engine(const std::string& path, bool create, std::unique_ptr<Engine>& engine) {
+uint32_t open_sqlite_engine(const std::string& path, bool create, uint32_t version,
+                            std::unique_ptr<Engine>& engine) {
     Finding file = examine_file(path);
     if (file.status == PSS_NO_STORE) {
         if (!create) return PSS_NO_STORE;
@@ -406,7 +532,7 @@ uint32_t open_sqlite_engine(const std::string& path, bool create, std::unique_pt
         return file.status;
     }
     auto opened = std::make_unique<SqliteEngine>(path);
-    const uint32_t status = opened->open();
+    const uint32_t status = opened->open(version);
     if (status == PSS_OK) engine = std::move(opened);
     return status;
 }

@@ -1,17 +1,23 @@
 /* The persistent store: bytes to bytes, in byte order of the keys, kept on disk.
  *
- * The reference keeps each store in one SQLite file, NAME.db, below the state directory: $QUILL_STATE_DIR,
- * else /var/lib/quillsecurity. The directory must belong to the caller and be closed to everybody else
- * (mode 0700); it is made when it is missing and its parent exists. All files have mode 0600, whatever the
- * process's umask. One process has a store open at a time.
+ * The reference keeps each store in one SQLite file, NAME.db, below the state directory: $QUILL_STATE_DIR, an
+ * absolute path (PSS_BAD_ARGUMENT otherwise), else /var/lib/quillsecurity. The directory must belong to the
+ * caller and be closed to everybody else (mode 0700); it is made when it is missing and its parent exists.
+ * All files have mode 0600, whatever the process's umask. One process has a store open at a time.
  *
  * Promises
- *  - A write that answered 0 is on disk; one that answered anything else changed nothing.
+ *  - A write that answered 0 is on disk; one that answered anything else changed nothing, unless its flush
+ *    failed and the system died before that fault was over.
  *  - What was deleted or replaced is blanked in the store's files: at the latest after 256 further changes,
  *    when the store is next opened or closed, or when pss2_settle() is called (the daemon does so within
- *    a second of a change). Until then the old bytes may stand in the file NAME.db-wal.
+ *    a second of a change). Until then the old bytes may stand in the file NAME.db-wal, which keeps up to
+ *    4 MiB of room for the changes to come, and gives that back when it is next emptied after the disk was
+ *    full. While a full disk keeps the log from being moved into NAME.db, neither happens.
  *  - A full disk, a failing device and a damaged file are statuses; what is readable stays readable, and
- *    calls succeed again once the cause is gone.
+ *    calls succeed again once the cause is gone. A program whose files may be limited in size (setrlimit(2))
+ *    catches or ignores SIGXFSZ, which would end it before PSS_TOO_LARGE is answered.
+ *    Whoever puts a saved copy of NAME.db in the place of a damaged one removes NAME.db-wal and
+ *    NAME.db-journal first: what they hold belongs to the damaged file and would be written into the copy.
  *  - Bytes handed out belong to the store and stay valid until the next call on the same handle.
  *  - Handles are small numbers from 1 up; a number that is no open handle answers PSS_BAD_HANDLE.
  */

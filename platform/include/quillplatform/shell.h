@@ -1,9 +1,9 @@
 /* The request channel from configuration clients to the security daemon.
  *
  * The reference sends each request as one message over an AF_UNIX socket of type SOCK_SEQPACKET (unix(7)),
- * quillsecurityd.sock in the runtime directory: $QUILL_RUNTIME_DIR, else /run/quillsecurity. It connects on
- * first use, once per process, and again after the daemon was restarted or the process forked. A 32-bit
- * client can ask a 64-bit daemon and the other way round.
+ * quillsecurityd.sock in the runtime directory: $QUILL_RUNTIME_DIR, an absolute path, else
+ * /run/quillsecurity. It connects on first use, once per process, and again after the daemon was restarted or
+ * the process forked. A 32-bit client can ask a 64-bit daemon and the other way round.
  */
 #ifndef QUILLPLATFORM_SHELL_H
 #define QUILLPLATFORM_SHELL_H
@@ -24,9 +24,11 @@ extern "C" {
  *               caller frees it whatever the status
  *   length      in: bytes of the request; out: bytes of the reply, 0 where there is none
  *   connection  the caller's connection number; the reference has one connection and does not use it
- * Answers the daemon's status (0 or positive), or -1 with errno set when no reply was had:
+ * Answers the daemon's status (0 or positive; SECURITY_ERR_BUSY where the daemon has no place for another
+ * client and has not read the request), or -1 with errno set when no reply was had:
  *   ENOENT, ECONNREFUSED  no daemon is running
  *   EACCES                the socket is not open to the caller
+ *   EINVAL, ENAMETOOLONG  $QUILL_RUNTIME_DIR is not an absolute path, or too long a one
  *   ETIMEDOUT             no reply within security_cmi_timeout; that connection is then closed, so that a
  *                         late reply never answers the next question
  *   ECONNRESET            the daemon ended while it had the request, which may or may not have been done
@@ -47,6 +49,18 @@ extern uint32_t security_cmi_timeout;
  * What the daemon permits depends on the process's own credentials alone. */
 extern const char* security_cmi_username;
 extern uint32_t security_cmi_session_id;
+
+/* Splits the name of a file, "DEVICE:PATH", at its first colon into two buffers of 256 bytes each; a
+ * leading slash of the path is dropped ("bootflash:/keys/a.pub" and "bootflash:keys/a.pub" are the same). A
+ * text without a colon has an empty device. Which devices exist is for the caller to know. Answers 0, or -1,
+ * with both buffers empty, where a part does not fit its buffer. */
+int32_t vsh_xml_parse_uri(const char* uri, char* device, char* path);
+
+/* Whether there is a role or a locale of this name: 0 when there is, -1 when not. The reference knows the
+ * built-in roles network-admin, network-operator, vdc-admin, vdc-operator and priv-0 to priv-15, those that
+ * its configuration adds, and the locales that its configuration lists. `connection` is not used. */
+int32_t vshd_perm_group_role_name_verify(uint32_t connection, const char* role);
+int32_t vshd_perm_locale_name_verify(uint32_t connection, const char* locale);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

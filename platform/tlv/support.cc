@@ -1,0 +1,16 @@
+// What converters and wrappers of the TLV utilities ask of the system.
+#include <syslog.h>
+
+#include <cstdarg>
+#include <cstdlib>
+
+#include "quillplatform/tlv.h"
+
+void* tlvu_malloc(uint32_t size) { return malloc(size); }
+
+void tlvu_error_print(const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    vsyslog(LOG_ERR, format, arguments);
+    va_end(arguments);
+}
