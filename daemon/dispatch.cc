@@ -1,7 +1,14 @@
 #include "daemon/dispatch.h"
 
-#include <cstring>
+#include <syslog.h>
 
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "platform/service.h"
+#include "quillplatform/pss.h"
 #include "quillsecurity.h"
 
 namespace quill {
@@ -23,7 +30,8 @@ uint32_t find_route(std::span<const Route> routes, const Request& request, const
 
 bool permitted(const Route& route, const Peer& peer, uint32_t operation) {
     const Access needed = reads(operation) ? route.read : route.write;
-    return peer.known && (needed == Access::kEveryone || peer.administrator);
+    if (!peer.known || needed == Access::kNobody) return false;
+    return needed == Access::kEveryone || peer.administrator;
 }
 
 uint32_t check_record(const Route& route, const unsigned char* record) {
@@ -37,15 +45,35 @@ uint32_t check_record(const Route& route, const unsigned char* record) {
     return SECURITY_OK;
 }
 
+// Every change of a user's, done or refused, with who asked for it.
+void log_change(const Route& route, const Peer& peer, const Request& request, const std::string& user,
+                uint32_t status) {
+    syslog(LOG_NOTICE, "%s of '%s' %s by uid %u, pid %d for '%s' in session %u: %s", route.audited,
+           user.c_str(), request.operation == DEL_REQ ? "deleted" : "set", peer.uid, peer.pid,
+           log_safe(request.user_name).c_str(), request.session, syserr2str(status));
+}
+
 // The request in host order, checked: what the handler sees.
-uint32_t handle(const Route& route, uint32_t store, Request& request) {
+Answer handle(const Route& route, uint32_t store, const Peer& peer, Request& request) {
     const auto type = static_cast<int32_t>(request.type);
     security_conf_cmi_byteorder_convert(type, request.record);
-    uint32_t status = check_record(route, request.record);
-    if (status != SECURITY_OK) return status;
+    const uint32_t refused = check_record(route, request.record);
+    if (refused != SECURITY_OK) return {refused, 0, false};
+
+    const bool logged =
+        route.audited != nullptr && (request.operation == SET_REQ || request.operation == DEL_REQ);
+    std::string user;
+    if (logged) user = log_safe(reinterpret_cast<const char*>(request.record + route.texts[0].offset));
+    uint32_t status =
+        SECURITY_ERR_TRANSPORT | ENOMEM;  // what the log has where the handler does not come back
+    const auto write_log = [&](void*) {
+        if (logged) log_change(route, peer, request, user, status);
+    };
+    const std::unique_ptr<void, decltype(write_log)> at_the_end(&status, write_log);
     status = route.handle(store, request.operation, request.record);
     security_conf_cmi_byteorder_convert(type, request.record);
-    return status;
+    const bool goes_back = status == SECURITY_OK || route.explains_failures;
+    return {status, goes_back ? request.length : 0, !reads(request.operation)};
 }
 
 }  // namespace
@@ -55,8 +83,7 @@ Answer dispatch(std::span<const Route> routes, uint32_t store, const Peer& peer,
     const uint32_t status = find_route(routes, request, route);
     if (status != SECURITY_OK) return {status, 0, false};
     if (!permitted(*route, peer, request.operation)) return {SECURITY_ERR_NOT_PERMITTED, 0, false};
-    const uint32_t handled = handle(*route, store, request);
-    return {handled, handled == SECURITY_OK ? request.length : 0, !reads(request.operation)};
+    return handle(*route, store, peer, request);
 }
 
 }  // namespace quill

@@ -10,7 +10,7 @@
 namespace quill {
 
 // Answers one request against the store: checks it, then converts its record to host order, has it handled
-// and converts it back. A record goes back with success only.
+// and converts it back. A record goes back with success, and with failures that its route explains.
 Answer dispatch(std::span<const Route> routes, uint32_t store, const Peer& peer, Request& request);
 
 }  // namespace quill

@@ -11,12 +11,15 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <string>
 
+#include "daemon/accounts.h"
+#include "daemon/activation.h"
+#include "daemon/announce.h"
 #include "daemon/dispatch.h"
-#include "platform/channel/frame.h"
+#include "daemon/self_test.h"
+#include "platform/mts/broadcast.h"
 #include "platform/service.h"
 #include "quillplatform.h"
 #include "quillsecurity.h"
@@ -39,8 +42,10 @@ constexpr char kUsage[] =
     "  --admin-group GROUP  members may change the configuration, as root may (default: quilladmin)\n"
     "  --version            print the version\n"
     "SIGTERM stops it; SIGUSR1 writes its trace history to quillsecurityd.traces in the runtime directory.\n"
-    "QUILL_STATE_DIR (/var/lib/quillsecurity), QUILL_RUNTIME_DIR (/run/quillsecurity), QUILL_PLATFORM_CONF\n"
-    "(/etc/quillsecurity/platform.conf) and QUILL_TRACE (history; off, debug) come from the environment.\n";
+    "From the environment come the absolute paths QUILL_STATE_DIR (/var/lib/quillsecurity), "
+    "QUILL_RUNTIME_DIR\n"
+    "(/run/quillsecurity) and QUILL_PLATFORM_CONF (/etc/quillsecurity/platform.conf), and QUILL_TRACE\n"
+    "(history; off, debug).\n";
 
 // Exits itself where the command line asks for nothing else or is wrong.
 Options parse(int count, char** arguments) {
@@ -108,6 +113,12 @@ void allow_many_clients() {
     setrlimit(RLIMIT_NOFILE, &files);
 }
 
+// The reader of its messages may end before it, and a file may reach the size that is allowed: both are
+// errors of the call that writes. Caught rather than ignored, so that the commands it runs get them as usual.
+void outlive_failed_writes() {
+    for (const int number : {SIGPIPE, SIGXFSZ}) signal(number, [](int) {});
+}
+
 bool open_store(uint32_t& store) {
     uint32_t status = security_pss_create(&store, kStore, 0, 0);
     if (status != SECURITY_OK) {
@@ -138,7 +149,20 @@ void dump_traces() {
     if (descriptor >= 0) close(descriptor);
 }
 
+// The daemon leaves the folder in which it was started, so a relative path would name something else.
+bool paths_are_absolute() {
+    bool absolute = true;
+    for (const char* name : {"QUILL_STATE_DIR", "QUILL_RUNTIME_DIR", "QUILL_PLATFORM_CONF"}) {
+        const char* path = getenv(name);
+        if (path == nullptr || *path == '\0' || *path == '/') continue;
+        syslog(LOG_ERR, "%s is %s; give an absolute path", name, path);
+        absolute = false;
+    }
+    return absolute;
+}
+
 int serve(const Options& options, Background& background) {
+    if (!paths_are_absolute()) return 1;
     std::string reason;
     if (!take_runtime_directory(reason)) {
         syslog(LOG_ERR, "%s", reason.c_str());
@@ -147,18 +171,34 @@ int serve(const Options& options, Background& background) {
     uint32_t store = 0;
     if (!open_store(store)) return 1;
 
-    Server server({.administrators = group_number(options.administrators),
+    repair_accounts(store);  // what it cannot do now is tried again before the next change
+
+    const gid_t administrators = group_number(options.administrators);
+    Server server({.administrators = administrators,
                    .answer = [store](const Peer& peer,
                                      Request& request) { return dispatch(routes(), store, peer, request); },
-                   .settle = [] { return pss2_settle() == PSS_OK; },
+                   .settle =
+                       [store] {
+                           activate_changes(store);
+                           return pss2_settle() == PSS_OK;
+                       },
                    .dump = dump_traces});
     if (!server.listen()) {
         syslog(LOG_ERR, "cannot listen for requests: %m");
         return 1;
     }
+    Broadcast broadcast(server.loop(), administrators);
+    if (!broadcast.listen()) {
+        syslog(LOG_ERR, "cannot take listeners for announcements: %m");
+        return 1;
+    }
+    announce_on(broadcast.handle());
+    serve_self_tests(broadcast);
+    self_test_at_start(store);
     notify_manager("READY=1");
     syslog(LOG_INFO, "ready");
     background.ready();
+    activate_all(store);  // the hooks' messages are for the log now
     server.run();
     notify_manager("STOPPING=1");
     const uint32_t status = pss2_close(store);
@@ -173,7 +213,7 @@ int serve(const Options& options, Background& background) {
 int main(int count, char** arguments) {
     using namespace quill;
     open_standard_files();
-    signal(SIGPIPE, SIG_IGN);  // the reader of its messages may end before it
+    outlive_failed_writes();
     const Options options = parse(count, arguments);
     Background background;
     if (!options.foreground && !background.enter()) {
@@ -181,7 +221,7 @@ int main(int count, char** arguments) {
         return 1;
     }
     // Until it is ready, a daemon on its way to the background tells the terminal what is wrong.
-    openlog("quillsecurityd", LOG_PID | LOG_PERROR, LOG_DAEMON);
+    openlog("quillsecurityd", log_options(), LOG_DAEMON);
     protect_memory();
     allow_many_clients();
     if (chdir("/") != 0) perror("quillsecurityd: /");

@@ -7,7 +7,7 @@
 
 namespace quill {
 
-enum class Access { kEveryone, kAdministrators };
+enum class Access { kEveryone, kAdministrators, kNobody };
 
 // A text of a record, which must end inside its field.
 struct TextField {
@@ -29,6 +29,8 @@ struct Route {
     Access write;  // every other operation
     std::span<const TextField> texts = {};
     std::span<const CountField> counts = {};
+    const char* audited = nullptr;   // what changes, for the log; whose it is stands in the first text
+    bool explains_failures = false;  // the record goes back with a failure of the handler too
 };
 
 std::span<const Route> routes();

@@ -1,0 +1,115 @@
+#include "daemon/activation.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <vector>
+
+#include "daemon/web_server.h"
+#include "platform/hook.h"
+#include "platform/service.h"
+#include "quillplatform.h"
+#include "quillsecurity.h"
+
+namespace quill {
+namespace {
+
+namespace fs = std::filesystem;
+
+bool web_server_changed, banner_changed;
+
+// The folder is there under its name with all its files or not at all: the hook takes it away whenever it
+// runs.
+bool publish(const std::string& draft, const std::string& name) {
+    return renameat2(AT_FDCWD, draft.c_str(), AT_FDCWD, name.c_str(), RENAME_EXCHANGE) == 0 ||
+           rename(draft.c_str(), name.c_str()) == 0;
+}
+
+// `live` is where the files will lie when they are used.
+std::string nginx_configuration(const WebServer& web, const std::string& live) {
+    std::string listen;
+    if (web.on && web.http_port != 0) listen += "    listen " + std::to_string(web.http_port) + ";\n";
+    if (web.on && web.https_port != 0 && web.pair == SECURITY_OK) {
+        listen += "    listen " + std::to_string(web.https_port) + " ssl;\n";
+        listen += "    ssl_certificate \"" + live + "/certificate.pem\";\n";
+        listen += "    ssl_certificate_key \"" + live + "/key.pem\";\n";
+    }
+    const std::string head = "# Written by quillsecurityd; what it serves stands in web-site.conf.\n";
+    if (listen.empty()) return head + "# The web service is off.\n";
+    return head + "server {\n" + listen + "    include /etc/quillsecurity/web-site[.]conf;\n}\n";
+}
+
+bool write_web_server(const WebServer& web, const std::string& folder) {
+    const std::string draft = folder + ".draft";
+    std::error_code ignored;  // nothing is thrown into the loop; a draft that stays is seen by mkdir(2)
+    fs::remove_all(draft, ignored);
+    const bool written = mkdir(draft.c_str(), 0700) == 0 &&
+                         write_file(draft + "/nginx.conf", nginx_configuration(web, folder), 0600) &&
+                         (!web.on || web.pair != SECURITY_OK ||
+                          (write_file(draft + "/certificate.pem", web.certificate, 0600) &&
+                           write_file(draft + "/key.pem", web.key, 0600))) &&
+                         publish(draft, folder + ".next");
+    if (!written) syslog(LOG_ERR, "web server: %s cannot be written: %m", draft.c_str());
+    fs::remove_all(draft, ignored);  // what is left, or the one that was never taken
+    return written;
+}
+
+void run(const std::string& hook) {
+    if (!start_hook(hook, runtime_directory()))
+        syslog(LOG_ERR, "hook %s cannot be started: %m", hook.c_str());
+}
+
+void activate_web_server(uint32_t store) {
+    const std::string hook = find_hook("web-server");
+    const std::string folder = runtime_directory() + "/web";
+    WebServer web;
+    const uint32_t status = read_web_server(store, web);
+    if (status != SECURITY_OK) {
+        syslog(LOG_ERR, "web server: its settings cannot be read: %s", syserr2str(status));
+        return;
+    }
+    if (!web.on && access(folder.c_str(), F_OK) != 0 && access((folder + ".next").c_str(), F_OK) != 0) return;
+    if (hook.empty())
+        return syslog(LOG_NOTICE, "web server: settings are stored; there is no hook to use them");
+    if (web.on && web.https_port != 0 && web.pair != SECURITY_OK)
+        syslog(LOG_WARNING, "web server: no HTTPS: %s", syserr2str(web.pair));
+    if (write_web_server(web, folder)) run(hook);
+}
+
+void activate_banner() {
+    const std::string hook = find_hook("banner");
+    const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(QUILL_BANNER_FILE, "re"), fclose);
+    if (hook.empty() || file == nullptr) return;
+    std::vector<char> text(SECURITY_BANNER_TEXT_SIZE);
+    const int32_t length = security_read_banner_motd_msg(text.data(), file.get());
+    if (length < 0) return syslog(LOG_ERR, "banner %s is too long or cannot be read", QUILL_BANNER_FILE);
+    const std::string ready = runtime_directory() + "/banner";
+    if (write_file(ready, {text.data(), static_cast<size_t>(length)}, 0644))
+        run(hook);
+    else
+        syslog(LOG_ERR, "banner: %s cannot be written: %m", ready.c_str());
+}
+
+}  // namespace
+
+void activate_later(Setting setting) {
+    (setting == Setting::kWebServer ? web_server_changed : banner_changed) = true;
+}
+
+void activate_changes(uint32_t store) {
+    if (web_server_changed) activate_web_server(store);
+    if (banner_changed) activate_banner();
+    web_server_changed = banner_changed = false;
+}
+
+void activate_all(uint32_t store) {
+    web_server_changed = banner_changed = true;
+    activate_changes(store);
+}
+
+}  // namespace quill

@@ -1,0 +1,21 @@
+// From the store to the system: what was set is put into effect by hooks, programs that platform/hook.h
+// finds, soon after a change and when the daemon starts. A hook that fails leaves a line in the log and
+// everything stored as it is; the next change tries again.
+#pragma once
+
+#include <cstdint>
+
+namespace quill {
+
+enum class Setting { kWebServer, kBanner };
+
+// Notes that a setting changed. Several changes at a time are put into effect once.
+void activate_later(Setting setting);
+
+// Puts into effect what changed since. Waits for no hook.
+void activate_changes(uint32_t store);
+
+// The same for all settings that this system has: it may have lost what the last daemon did.
+void activate_all(uint32_t store);
+
+}  // namespace quill
