@@ -52,8 +52,10 @@ struct Noun {
     const char* help;
     std::string (*notes)();  // stands at the end of the noun's and its verbs' help
     std::span<const Verb> verbs;
+    bool first_verb_implied = false;  // where none is given; the first verb takes options alone then
 };
 
-extern const Noun kService, kSecret, kRecord;
+extern const Noun kUser, kRole, kLocale, kKey, kPassword, kService, kSecret, kRecord, kBanner, kWeb, kVdc,
+    kWatch, kSelfTest;
 
 }  // namespace quill::cli

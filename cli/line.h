@@ -2,21 +2,10 @@
 #pragma once
 
 #include <cstddef>
-#include <cstring>
+
+#include "common/wiped.h"
 
 namespace quill::cli {
-
-// What holds a secret while it is in scope: zero before, wiped after.
-template <class Holder>
-struct Wiped : Holder {
-    Wiped() { wipe(); }
-    ~Wiped() { wipe(); }
-    Wiped(const Wiped&) = delete;
-    Wiped& operator=(const Wiped&) = delete;
-
- private:
-    void wipe() { explicit_bzero(static_cast<Holder*>(this), sizeof(Holder)); }
-};
 
 constexpr size_t kLongestLine = 1023;
 

@@ -67,6 +67,36 @@ std::string for_programs(const Table& table) {
     return fmt::format("{{{}:[{}{}]}}\n", dump(table.subject), rows, rows.empty() ? "" : "\n");
 }
 
+std::vector<size_t> widths_of(const Stream& stream, const std::vector<std::string>& words) {
+    std::vector<size_t> widths;
+    for (size_t i = 0; i < words.size(); ++i)
+        widths.push_back(std::max(stream.columns[i].width, width(words[i])));
+    return widths;
+}
+
+std::string for_people(const Stream& stream) {
+    std::vector<std::string> words;
+    for (const auto& column : stream.columns) words.push_back(heading(column.name));
+    std::string line;
+    add_line(line, words, widths_of(stream, words));
+    return line;
+}
+
+std::string for_programs(const Stream&) { return ""; }
+
+std::string row_of(const Stream& stream, const std::vector<Cell>& row, Form form) {
+    Json object = Json::object();
+    std::vector<std::string> words;
+    for (size_t i = 0; i < row.size(); ++i) {
+        object[stream.columns[i].name] = row[i].value;
+        words.push_back(printable(row[i].text));
+    }
+    if (form == Form::kJson) return dump(object) + '\n';
+    std::string line;
+    add_line(line, words, widths_of(stream, words));
+    return line;
+}
+
 std::string for_people(const Remark& remark) { return remark.content.text + '\n'; }
 
 std::string for_programs(const Remark& remark) {
@@ -109,6 +139,15 @@ int write_whole(int descriptor, std::string_view text) {
 void complain(const Failure& failure) { write_whole(STDERR_FILENO, for_people(failure)); }
 }  // namespace
 
+Exit say(const std::string& text) {
+    const int error = write_whole(STDOUT_FILENO, text);
+    if (error == 0) return Exit::kOk;
+    complain({Exit::kFailed, "standard output",
+              fmt::format("standard output cannot be written: {}", error_text(error)),
+              "a change that was asked for has been made"});
+    return Exit::kFailed;
+}
+
 std::string rendered(const Answer& answer, Form form) {
     return std::visit(
         [=](const auto& content) {
@@ -117,13 +156,16 @@ std::string rendered(const Answer& answer, Form form) {
         answer.content);
 }
 
-Exit say(const std::string& text) {
-    const int error = write_whole(STDOUT_FILENO, text);
-    if (error == 0) return Exit::kOk;
-    complain({Exit::kFailed, "standard output",
-              fmt::format("standard output cannot be written: {}", error_text(error)),
-              "a change that was asked for has been made"});
-    return Exit::kFailed;
+Exit say(const Answer& answer, Form form) {
+    Exit said = say(rendered(answer, form));
+    if (const auto* stream = std::get_if<Stream>(&answer.content)) {
+        while (said == Exit::kOk) {
+            const auto row = stream->next();
+            if (!row) break;
+            said = say(row_of(*stream, *row, form));
+        }
+    }
+    return said == Exit::kOk ? answer.exit : said;
 }
 
 Exit say(const Failure& failure, Form form) {

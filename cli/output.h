@@ -19,10 +19,13 @@
 //   a yes or no    {"verified": false}, likewise a deed that leaves nothing to list: {"deleted": "amy"}
 //   --version      {"version": "1.0.0"}
 //   --help         {"help": "..."}
+// Only a stream is not one document but one a line: {"number": 1, "change": "added", ...}
 // Bytes that are not UTF-8 appear as U+FFFD.
 #pragma once
 
+#include <functional>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -58,21 +61,36 @@ struct Remark {
     Cell content;
 };
 
+// A table whose rows come one at a time, for as long as they do.
+struct Stream {
+    struct Column {
+        std::string name;
+        size_t width;  // for people; what is wider moves the rest of its line
+    };
+    std::vector<Column> columns;
+    std::function<std::optional<std::vector<Cell>>()> next;  // none at the end; throws Failure
+};
+
 // What a verb answers. The exit code is part of it: a "no" is kFailed although nothing went wrong.
 struct Answer {
     Answer(Table table, Exit code = Exit::kOk) : content(std::move(table)), exit(code) {}
     Answer(Remark remark, Exit code = Exit::kOk) : content(std::move(remark)), exit(code) {}
+    Answer(Stream stream) : content(std::move(stream)), exit(Exit::kOk) {}
 
-    std::variant<Table, Remark> content;
+    std::variant<Table, Remark, Stream> content;
     Exit exit;
 };
 
 enum class Form { kTable, kJson };
 
+// Of a stream, what stands before its rows.
 std::string rendered(const Answer& answer, Form form);
 
-// Says an answer on standard output. Answers how the program ends: kFailed, with a line on standard error,
-// when it could not be written whole.
+// Says an answer on standard output. Answers how the program ends: as the answer says, or kFailed, with a
+// line on standard error, when it could not be written whole.
+Exit say(const Answer& answer, Form form);
+
+// The same for a text that is no answer to anybody: words for a shell to complete.
 Exit say(const std::string& text);
 
 // Says a failure where and as the form demands, and answers its exit code.

@@ -9,16 +9,21 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstdio>
 #include <optional>
 
 #include "cli/command.h"
+#include "cli/complete.h"
 #include "cli/secret_input.h"
 #include "cli/words.h"
 #include "quillplatform/shell.h"
 
 namespace quill::cli {
 namespace {
-constexpr const Noun* kNouns[] = {&kService, &kSecret, &kRecord};
+constexpr const Noun* kNouns[] = {
+    &kUser,   &kRole,   &kLocale, &kKey, &kPassword, &kService,  &kSecret,
+    &kRecord, &kBanner, &kWeb,    &kVdc, &kWatch,    &kSelfTest,
+};
 
 constexpr uint32_t kLongestTimeout = 3600;
 
@@ -29,6 +34,16 @@ constexpr const char* kExitCodes =
     "  0 ok             3 no such object   6 invalid value          9 store failure\n"
     "  1 failed         4 exists already   7 daemon not reachable  10 timeout\n"
     "  2 wrong usage    5 not permitted    8 busy";
+
+// The words, and what they say of the one option whose value is not for a verb.
+struct CommandLine {
+    std::span<const char* const> words;
+    std::optional<std::string> timeout = {};
+
+    // A noun or verb that is not among the words needs nothing declared below it, which takes most of the
+    // time of reading a line.
+    bool has(std::string_view name) const { return std::ranges::find(words, name) != words.end(); }
+};
 
 void declare_global(CLI::App& app, std::optional<std::string>& timeout) {
     CLI::Option* help = app.set_help_flag("--help,-h", "say how it is used");
@@ -63,27 +78,32 @@ void declare(CLI::App& app, const Argument& argument) {
     if (is_option(argument)) option->option_text(argument.value)->take_last();
 }
 
-void declare(CLI::App& noun_app, const Noun& noun, const Verb& verb, std::optional<std::string>& timeout) {
+void declare(CLI::App& noun_app, const Noun& noun, const Verb& verb, CommandLine& line) {
     CLI::App& app = *noun_app.add_subcommand(verb.name, verb.help)->group("Verbs");
+    if (!line.has(verb.name)) return;
     for (const Argument& argument : verb.arguments) declare(app, argument);
-    declare_global(app, timeout);
+    declare_global(app, line.timeout);
     app.footer(noun.notes);
 }
 
-void declare(CLI::App& root, const Noun& noun, std::optional<std::string>& timeout) {
+void declare(CLI::App& root, const Noun& noun, CommandLine& line) {
     CLI::App& app = *root.add_subcommand(noun.name, noun.help)->group("Nouns");
+    if (!line.has(noun.name)) return;
     label_next_words(app, "VERB [ARGUMENT...]");
-    for (const Verb& verb : noun.verbs) declare(app, noun, verb, timeout);
-    declare_global(app, timeout);
-    app.footer(noun.notes)->require_subcommand(1);
+    for (const Verb& verb : noun.verbs) declare(app, noun, verb, line);
+    if (noun.first_verb_implied) {
+        for (const Argument& argument : noun.verbs.front().arguments) declare(app, argument);
+    }
+    declare_global(app, line.timeout);
+    app.footer(noun.notes)->require_subcommand(noun.first_verb_implied ? 0 : 1, 1);
 }
 
 // Global options are declared at each level, on one variable: CLI11 could hand them up by itself, but then
 // hands up surplus arguments as well. Exactly one subcommand a level lets a name equal a noun or a verb.
-void declare(CLI::App& root, std::optional<std::string>& timeout) {
+void declare(CLI::App& root, CommandLine& line) {
     label_next_words(root, "NOUN VERB [ARGUMENT...]");
-    for (const Noun* noun : kNouns) declare(root, *noun, timeout);
-    declare_global(root, timeout);
+    for (const Noun* noun : kNouns) declare(root, *noun, line);
+    declare_global(root, line.timeout);
     root.footer(kExitCodes)->require_subcommand(1);
 }
 
@@ -107,6 +127,7 @@ std::string path(const Levels& levels) {
 const Verb& verb_of(const Levels& levels) {
     for (const Noun* noun : kNouns) {
         if (levels[1]->get_name() != noun->name) continue;
+        if (levels.size() == 2) return noun->verbs.front();
         for (const Verb& verb : noun->verbs) {
             if (levels[2]->get_name() == verb.name) return verb;
         }
@@ -256,8 +277,8 @@ std::string help(const CLI::App& root) {
 Answer answer(std::span<const char* const> words) {
     refuse_terminator(words);
     CLI::App root("shows and changes the security configuration of this system.", "quillsec");
-    std::optional<std::string> timeout;
-    declare(root, timeout);
+    CommandLine line{words};
+    declare(root, line);
     std::vector<std::string> backwards(words.rbegin(), words.rend());  // as CLI11 wants them
     try {
         root.parse(backwards);
@@ -268,7 +289,7 @@ Answer answer(std::span<const char* const> words) {
     } catch (const CLI::ParseError& error) {
         throw usage_failure(root, error);
     }
-    set_timeout(timeout);
+    set_timeout(line.timeout);
     return run_verb(root);
 }
 
@@ -280,14 +301,20 @@ Form form_of(std::span<const char* const> words) {
     }
     return Form::kTable;
 }
+
+// The shell reads it, and does without where it cannot be written.
+int complete(std::span<const char* const> words) {
+    const std::string page = completions(kNouns, words);
+    const bool written = fwrite(page.data(), 1, page.size(), stdout) == page.size() && fflush(stdout) == 0;
+    return static_cast<int>(written ? Exit::kOk : Exit::kFailed);
+}
 }  // namespace
 
 int run(std::span<const char* const> words) noexcept {
     const Form form = form_of(words);
     try {
-        const Answer given = answer(words);
-        const Exit said = say(rendered(given, form));
-        return static_cast<int>(said == Exit::kOk ? given.exit : said);
+        if (!words.empty() && std::string_view(words[0]) == kCompleteWord) return complete(words.subspan(1));
+        return static_cast<int>(say(answer(words), form));
     } catch (const Failure& failure) {
         return static_cast<int>(say(failure, form));
     } catch (const std::exception& error) {

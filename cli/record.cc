@@ -5,6 +5,7 @@
 
 #include "cli/command.h"
 #include "cli/encoding.h"
+#include "cli/exchange.h"
 #include "cli/line.h"
 #include "cli/secret_input.h"
 #include "cli/words.h"
@@ -98,18 +99,15 @@ Answer show_one(const std::string& name, uint32_t type, bool with_password) {
 Answer show_all(uint32_t type, bool with_passwords) {
     Table table = table_of_records(with_passwords);
     Record record;
-    for (;;) {
+    for (std::string last;; last = text_of(record.user_name)) {
         record.user_type = type;  // the reply brought the type as it is stored
-        const uint32_t status = status_of(cmi_security_user_config(0, GETNEXT_REQ, &record));
+        // The failure to decode a password brings the record, whose name is all that is wanted of it.
+        const uint32_t status = ask(SECURITY_USER_REQUEST, GETNEXT_REQ, &record, sizeof record);
         if (status == SECURITY_ERR_END_OF_TABLE) return table;
-        if (status == SECURITY_ERR_CRYPT) {
-            // No record came with the status, so there is no name to go on from.
-            const Cell rest{nullptr, "(one without a readable password, and all behind it)"};
-            table.rows.push_back(undecoded_row(rest, type, with_passwords));
-            return {table, Exit::kFailed};
-        }
-        require_success(status, "user records", "read");
-        table.rows.push_back(row(record, with_passwords));
+        const std::string name = text_of(record.user_name);
+        if (status != SECURITY_ERR_CRYPT || name == last) require_success(status, "user records", "read");
+        table.rows.push_back(status == SECURITY_OK ? row(record, with_passwords)
+                                                   : undecoded_row(name, type, with_passwords));
     }
 }
 
@@ -154,8 +152,7 @@ std::string notes() {
            "encoded already; a hash cannot be read back.\n\n"
            "With --json: {\"records\": [{\"name\", \"type\", \"encoding\", \"password\"}, ...]}, where only\n"
            "  --show-password brings the password; from delete {\"deleted\": the name}. Encoding and\n"
-           "  password are null for a password that cannot be decoded. Where such a one ends the list,\n"
-           "  its name is null too, and the exit code 1.";
+           "  password are null for a password that cannot be decoded.";
 }
 
 constexpr Verb kVerbs[] = {

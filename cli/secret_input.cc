@@ -28,7 +28,7 @@ void check(const SecretWanted& wanted, const Line& secret) {
 void read_from_stdin(const SecretWanted& wanted, Line& secret) {
     if (isatty(STDIN_FILENO)) {
         throw refused(wanted, Exit::kUsage, "standard input is a terminal, which would show what is typed",
-                      fmt::format("leave out {} to be asked", kFromStdin.name));
+                      fmt::format("leave out {} to be asked", wanted.option));
     }
     if (!read_line(STDIN_FILENO, wanted.longest, secret)) {
         throw refused(wanted, Exit::kFailed,
@@ -64,12 +64,12 @@ bool ask(const Terminal& terminal, const SecretWanted& wanted, Line& secret) {
 }  // namespace
 
 void read_secret(const SecretWanted& wanted, const Arguments& arguments, Line& secret) {
-    if (arguments.has(kFromStdin.name)) return read_from_stdin(wanted, secret);
+    if (arguments.has(wanted.option)) return read_from_stdin(wanted, secret);
     const Terminal terminal;
     if (!terminal.found()) {
         throw refused(wanted, Exit::kUsage,
                       fmt::format("there is no terminal to ask for the {}", wanted.name),
-                      fmt::format("give it on standard input with {}", kFromStdin.name));
+                      fmt::format("give it on standard input with {}", wanted.option));
     }
     while (!ask(terminal, wanted, secret)) {
     }

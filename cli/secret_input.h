@@ -13,10 +13,11 @@ namespace quill::cli {
 constexpr Argument kFromStdin{"--stdin", "read it from standard input, one line", Argument::kFlag};
 
 struct SecretWanted {
-    std::string object;  // whose it is: "privilege level 3"
-    const char* name;    // what it is called: "secret"
-    size_t longest;      // up to kLongestLine
-    bool new_one;        // typed twice then
+    std::string object;                    // whose it is: "privilege level 3"
+    const char* name;                      // what it is called: "secret"
+    size_t longest;                        // up to kLongestLine
+    bool new_one;                          // typed twice then
+    const char* option = kFromStdin.name;  // which takes it from standard input
 };
 
 // Reads the secret, 1 to `longest` bytes without a NUL, from standard input where --stdin was given, else

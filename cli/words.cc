@@ -29,6 +29,24 @@ size_t distance(std::string_view a, std::string_view b) {
 // A word is not taken for another when more than a third of it, or more than two letters, would have to
 // be wrong.
 size_t tolerance(std::string_view word) { return std::min<size_t>(2, word.size() / 3); }
+
+// Bytes of the character that the text begins with (RFC 3629); 0 where it is a control character or none.
+size_t character(std::string_view text) {
+    const auto byte = [text](size_t i) { return static_cast<unsigned char>(text[i]); };
+    const unsigned lead = byte(0);
+    if (lead < 0x80) return lead >= 0x20 && lead != 0x7f ? 1 : 0;
+    const size_t length = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
+    if (lead < 0xc2 || lead > 0xf4 || text.size() < length) return 0;
+    uint32_t code = lead & (0x7fu >> length);
+    for (size_t i = 1; i < length; ++i) {
+        if ((byte(i) & 0xc0u) != 0x80) return 0;
+        code = code << 6 | (byte(i) & 0x3fu);
+    }
+    constexpr uint32_t kLowest[] = {0, 0, 0xa0, 0x800, 0x10000};  // below 0xa0 are more control characters
+    const bool surrogate = code >= 0xd800 && code <= 0xdfff;
+    return code >= kLowest[length] && code <= 0x10ffff && !surrogate ? length : 0;
+}
+
 }  // namespace
 
 std::string folded(std::string_view name) {
@@ -45,6 +63,9 @@ std::string nearest(std::string_view word, const std::vector<std::string>& candi
     std::string best;
     size_t best_distance = SIZE_MAX;
     for (const std::string& candidate : candidates) {
+        // As many letters at least are wrong as one of the two has more.
+        const auto [shorter, longer] = std::minmax({wanted.size(), candidate.size()});
+        if (longer - shorter > tolerance(candidate)) continue;
         const size_t far = distance(wanted, folded(candidate));
         if (far > tolerance(candidate) || far >= best_distance) continue;
         best = candidate;
@@ -72,13 +93,14 @@ std::string either(const std::vector<std::string>& words) {
 
 std::string printable(std::string_view text) {
     std::string result;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 || byte == 0x7f) {
-            result += fmt::format("\\x{:02x}", byte);
+    while (!text.empty()) {
+        const size_t length = character(text);
+        if (length == 0) {
+            result += fmt::format("\\x{:02x}", static_cast<unsigned char>(text[0]));
         } else {
-            result += c;
+            result += text.substr(0, length);
         }
+        text.remove_prefix(std::max<size_t>(length, 1));
     }
     return result;
 }

@@ -22,8 +22,8 @@ std::optional<uint32_t> number(std::string_view text, uint32_t low, uint32_t hig
 // "show, set or defaults"
 std::string either(const std::vector<std::string>& words);
 
-// The text with its control characters spelled out as \xNN, so that it can neither break a line of output
-// nor speak to the terminal.
+// The text with its control characters, and whatever is not UTF-8, spelled out as \xNN, so that it can
+// neither break a line of output nor speak to the terminal.
 std::string printable(std::string_view text);
 
 }  // namespace quill::cli

@@ -1,0 +1,137 @@
+// quillsec banner: the text that is shown before a login. The daemon keeps its delimiter; the text itself is
+// a file of this system, which the daemon puts where login programs read it whenever the delimiter is set.
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+
+#include "cli/command.h"
+#include "cli/file_value.h"
+#include "cli/words.h"
+#include "quillplatform/files.h"
+#include "quillsecurity.h"
+
+namespace quill::cli {
+namespace {
+
+using File = std::unique_ptr<FILE, int (*)(FILE*)>;
+
+constexpr const char* kDelimiterObject = "the banner's delimiter";
+
+std::string request_delimiter(uint32_t operation, char delimiter, const char* deed) {
+    require_success(status_of(cmi_security_banner_config(0, operation, &delimiter)), kDelimiterObject, deed);
+    return {delimiter};
+}
+
+std::string delimiter() { return request_delimiter(GET_REQ, SECURITY_DEFAULT_BANNER_DELIMITER, "read"); }
+
+// The file as it stands, short of being too long.
+std::string bytes_of(const std::string& path) {
+    const File file(fopen(path.c_str(), "re"), fclose);
+    if (file == nullptr) throw file_failure(path, errno);
+    std::string bytes(SECURITY_BANNER_FILE_LIMIT, '\0');
+    bytes.resize(fread(bytes.data(), 1, bytes.size(), file.get()));
+    if (ferror(file.get()) != 0) throw file_failure(path, errno);
+    if (bytes.size() < SECURITY_BANNER_FILE_LIMIT) return bytes;
+    throw Failure{Exit::kInvalidValue, fmt::format("file '{}'", path),
+                  fmt::format("file '{}' is too long", path),
+                  fmt::format("use at most {} bytes", SECURITY_BANNER_FILE_LIMIT - 1)};
+}
+
+// As the login programs get it; empty where there is no banner.
+std::string text() {
+    const File file(fopen(QUILL_BANNER_FILE, "re"), fclose);
+    if (file == nullptr && errno == ENOENT) return "";
+    if (file == nullptr) throw file_failure(QUILL_BANNER_FILE, errno);
+    std::string output(SECURITY_BANNER_TEXT_SIZE, '\0');
+    const int32_t length = security_read_banner_motd_msg(output.data(), file.get());
+    if (length < 0)
+        throw Failure{Exit::kFailed, "the banner", "the banner is too long or cannot be read", "set it anew"};
+    output.resize(static_cast<size_t>(length));
+    return output;
+}
+
+// Line by line, so that nothing in it speaks to the terminal.
+std::string printable_lines(const std::string& lines) {
+    std::string page;
+    for (size_t at = 0; at < lines.size();) {
+        const size_t end = std::min(lines.find('\n', at), lines.size());
+        if (at != 0) page += '\n';
+        page += printable(lines.substr(at, end - at));
+        at = end + 1;
+    }
+    return page;
+}
+
+Answer show(const Arguments&) {
+    const std::string kept = text();
+    return Remark{"banner", {{{"delimiter", delimiter()}, {"text", kept}}, printable_lines(kept)}};
+}
+
+void write_banner(const std::string& bytes) {
+    namespace fs = std::filesystem;
+    const std::string path = QUILL_BANNER_FILE, draft = path + ".new";
+    std::error_code ignored;  // what is missing then, opening tells
+    fs::create_directories(fs::path(path).parent_path(), ignored);
+    unlink(draft.c_str());
+    const File file(fopen(draft.c_str(), "wxe"), fclose);
+    if (file == nullptr) throw file_failure(path, errno);
+    const bool written = fchmod(fileno(file.get()), 0644) == 0 &&
+                         fwrite(bytes.data(), 1, bytes.size(), file.get()) == bytes.size() &&
+                         fflush(file.get()) == 0 && fsync(fileno(file.get())) == 0 &&
+                         rename(draft.c_str(), path.c_str()) == 0;
+    if (written) return;
+    const int error = errno;
+    unlink(draft.c_str());
+    throw file_failure(path, error);
+}
+
+// Setting the delimiter tells the daemon that the text has changed, so one is set in any case. Asking for it
+// first finds out whether there is a daemon to tell.
+Answer set(const Arguments& arguments) {
+    const std::string bytes = bytes_of(arguments["FILE"]);
+    const std::string before = delimiter();
+    const bool enclosed = bytes.size() > 1 && bytes.front() == bytes.back();
+    write_banner(bytes);
+    request_delimiter(SET_REQ, enclosed ? bytes.front() : before.front(), "change");
+    return show(arguments);
+}
+
+Answer set_or_show_delimiter(const Arguments& arguments) {
+    const std::string* wanted = arguments.find("CHAR");
+    if (wanted != nullptr && wanted->size() != 1)
+        throw Failure{Exit::kInvalidValue, kDelimiterObject,
+                      fmt::format("{}: value '{}' is not valid", kDelimiterObject, *wanted),
+                      "use one character"};
+    const std::string now =
+        wanted != nullptr ? request_delimiter(SET_REQ, wanted->front(), "change") : delimiter();
+    return Remark{"delimiter", {now, printable(now)}};
+}
+
+std::string notes() {
+    return fmt::format(
+        "The text lies in {} and has at most {} bytes. In a file whose first and last\n"
+        "byte are the same, that byte is the delimiter and no part of the text. In the text, \\n stands for\n"
+        "the name of the host and \\l for the line of the login.\n\n"
+        "With --json: {{\"banner\": {{\"delimiter\", \"text\"}}}}; from delimiter {{\"delimiter\": the "
+        "character}}.",
+        QUILL_BANNER_FILE, SECURITY_BANNER_FILE_LIMIT - 1);
+}
+
+constexpr Verb kVerbs[] = {
+    {"show", "show the banner", {}, show},
+    {"set", "take the banner from a file", {{"FILE", "the file"}}, set},
+    {"delimiter",
+     "show the delimiter, or set it",
+     {{"CHAR", "the new delimiter", Argument::kOptional}},
+     set_or_show_delimiter},
+};
+}  // namespace
+
+const Noun kBanner{"banner", "the text that is shown before a login", notes, kVerbs};
+
+}  // namespace quill::cli

@@ -1,0 +1,54 @@
+#include "cli/key_listing.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include "cli/words.h"
+#include "quillsecurity.h"
+
+namespace quill::cli {
+namespace {
+
+// A folder of our own for the key and what ssh-keygen prints, gone with the object.
+class Folder {
+ public:
+    Folder() { made_ = mkdtemp(path_) != nullptr; }
+    ~Folder() {
+        for (const char* name : {"key", "out", "err"}) unlink(file(name).c_str());
+        if (made_) rmdir(path_);
+    }
+    Folder(const Folder&) = delete;
+    Folder& operator=(const Folder&) = delete;
+
+    bool made() const { return made_; }
+    std::string file(const char* name) const { return std::string(path_) + "/" + name; }
+
+ private:
+    char path_[sizeof "/tmp/quillsec-XXXXXX"] = "/tmp/quillsec-XXXXXX";
+    bool made_;
+};
+
+}  // namespace
+
+// "2048 SHA256:... some comment (RSA)"
+std::optional<KeyListing> listed(const std::string& line) {
+    const Folder folder;
+    if (!folder.made()) return std::nullopt;
+    std::ofstream(folder.file("key")) << line << '\n';
+    const std::string command = "ssh-keygen -l -f " + folder.file("key");
+    if (security_conf_system(command.c_str(), folder.file("out").c_str(), folder.file("err").c_str()) != 0)
+        return std::nullopt;
+    std::string printed, bits, fingerprint;
+    std::ifstream out(folder.file("out"));
+    std::getline(out, printed);
+    std::istringstream(printed) >> bits >> fingerprint;
+    const auto size = number(bits, 1, 1000000);
+    const size_t type = printed.rfind(" (");
+    if (!size || type == std::string::npos || printed.back() != ')') return std::nullopt;
+    return KeyListing{*size, fingerprint, printed.substr(type + 2, printed.size() - type - 3)};
+}
+
+}  // namespace quill::cli

@@ -1,0 +1,92 @@
+// quillsec role and quillsec locale: the two lists of names that a user has.
+#include <fmt/format.h>
+
+#include "cli/command.h"
+#include "cli/exchange.h"
+#include "quillplatform/shell.h"
+#include "quillsecurity.h"
+
+namespace quill::cli {
+namespace {
+
+struct Kind {
+    const char* name;
+    const char* plural;
+    int32_t request_type;
+    uint32_t (*assign)(uint32_t, const char*, const char*, const char*, uint32_t);
+    uint32_t (*unassign)(uint32_t, const char*, const char*, const char*, uint32_t);
+};
+
+constexpr Kind kRoles{"role", "roles", SECURITY_ROLES_REQUEST, cmi_security_common_user_role_assign,
+                      cmi_security_common_user_role_unassign};
+constexpr Kind kLocales{"locale", "locales", SECURITY_LOCALE_ASSIGN_REQUEST,
+                        cmi_security_common_user_locale_assign, cmi_security_common_user_locale_unassign};
+
+constexpr size_t kLongestName = sizeof(common_user_member::name) - 1;
+constexpr size_t kLongestUser = sizeof(common_user_member::user_name) - 1;
+
+// What is too long would be cut on its way, and mean somebody else.
+const std::string& checked(const std::string& name, const char* what, size_t longest) {
+    if (!name.empty() && name.size() <= longest) return name;
+    const std::string object = fmt::format("{} '{}'", what, name);
+    throw Failure{Exit::kInvalidValue, object, object + ": the name is not valid",
+                  fmt::format("use 1 to {} bytes", longest)};
+}
+
+Answer list(const Kind& kind, const std::string& user) {
+    std::vector<std::string> names;
+    require_success(read_names(kind.request_type, user, names), fmt::format("user '{}'", user), "read");
+    Table table{kind.plural, {"user", kind.name}, {}};
+    for (const std::string& name : names) table.rows.push_back({user, name});
+    return table;
+}
+
+template <const Kind& kind>
+Answer show(const Arguments& arguments) {
+    return list(kind, checked(arguments["USER"], "user", kLongestUser));
+}
+
+template <const Kind& kind>
+Answer change(const Arguments& arguments, decltype(Kind::assign) deed, const char* what) {
+    const std::string& user = checked(arguments["USER"], "user", kLongestUser);
+    const std::string& name = checked(arguments["NAME"], kind.name, kLongestName);
+    const uint32_t status =
+        status_of(deed(0, user.c_str(), name.c_str(), security_cmi_username, security_cmi_session_id));
+    const bool about_user = status == SECURITY_ERR_NOT_FOUND;
+    require_success(status,
+                    about_user ? fmt::format("user '{}'", user)
+                               : fmt::format("{} '{}' of user '{}'", kind.name, name, user),
+                    what);
+    return list(kind, user);
+}
+
+template <const Kind& kind>
+Answer add(const Arguments& arguments) {
+    return change<kind>(arguments, kind.assign, "add");
+}
+
+template <const Kind& kind>
+Answer remove(const Arguments& arguments) {
+    return change<kind>(arguments, kind.unassign, "remove");
+}
+
+template <const Kind& kind>
+std::string notes() {
+    return fmt::format("A user has up to 64 {0}.\n\nWith --json: {{\"{0}\": [{{\"user\", \"{1}\"}}, ...]}}.",
+                       kind.plural, kind.name);
+}
+
+// NOLINTBEGIN(readability-identifier-naming): a template of constants is a variable to the check
+template <const Kind& kind>
+constexpr Verb kVerbs[] = {
+    {"show", "show what a user has", {{"USER", "the user"}}, show<kind>},
+    {"add", "give it to a user", {{"USER", "the user"}, {"NAME", "what to give"}}, add<kind>},
+    {"remove", "take it from a user", {{"USER", "the user"}, {"NAME", "what to take"}}, remove<kind>},
+};
+// NOLINTEND(readability-identifier-naming)
+}  // namespace
+
+const Noun kRole{"role", "roles of users", notes<kRoles>, kVerbs<kRoles>};
+const Noun kLocale{"locale", "locales of users", notes<kLocales>, kVerbs<kLocales>};
+
+}  // namespace quill::cli

@@ -1,0 +1,52 @@
+// quillsec password: would this password be good enough?
+#include <fmt/format.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "cli/command.h"
+#include "cli/line.h"
+#include "cli/secret_input.h"
+#include "quillsecurity.h"
+
+namespace quill::cli {
+namespace {
+
+std::string caller() {
+    const passwd* entry = getpwuid(getuid());
+    return entry == nullptr ? std::to_string(getuid()) : std::string(entry->pw_name);
+}
+
+Answer check(const Arguments& arguments) {
+    const std::string* given = arguments.find("--user");
+    const std::string user = given ? *given : caller();
+    Line password;
+    // What an account would not take is judged too, and found wanting for its length.
+    read_secret({fmt::format("user '{}'", user), "password", kLongestLine, false}, arguments, password);
+    password.bytes[password.length] = '\0';
+    const uintptr_t objection = security_user_password_check_psec_norm(0, password.bytes, user.c_str());
+    if (objection == 0) return Remark{"accepted", {true, "this password is good enough"}};
+    return {Remark{"accepted",
+                   {Json(false), reinterpret_cast<const char*>(objection)}},  // NOLINT: so it is documented
+            Exit::kFailed};
+}
+
+std::string notes() {
+    return "The rules are those for new users' passwords, and the switch password-strength turns them off.\n"
+           "check ends with 0 when the password is accepted and with 1 when it is not, after the first rule\n"
+           "that it breaks.\n\n"
+           "With --json: {\"accepted\": true or false}.";
+}
+
+constexpr Verb kVerbs[] = {
+    {"check",
+     "judge a password",
+     {{"--user", "whose it would be; without it, the caller's", Argument::kOptional, "NAME"}, kFromStdin},
+     check},
+};
+}  // namespace
+
+const Noun kPassword{"password", "the rules for passwords", notes, kVerbs};
+
+}  // namespace quill::cli

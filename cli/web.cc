@@ -1,0 +1,182 @@
+// quillsec web: the web server's switch, its ports, and the certificate and key with which it serves HTTPS.
+#include <fmt/format.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "cli/command.h"
+#include "cli/exchange.h"
+#include "cli/file_value.h"
+#include "cli/words.h"
+#include "common/wiped.h"
+#include "quillplatform/shell.h"
+#include "quillsecurity.h"
+
+namespace quill::cli {
+namespace {
+
+constexpr const char* kObject = "the web server";
+
+// A port of 0 is none.
+struct Settings {
+    uint32_t on, http_port, https_port;
+};
+
+uint32_t service_value(int32_t code) {
+    uint32_t value = 0;
+    const uint32_t status = status_of(cmi_enable_info_config(0, GET_REQ, code, &value));
+    if (status == SECURITY_ERR_NO_VALUE) return 0;
+    require_success(status, kObject, "read");
+    return value;
+}
+
+Settings settings() {
+    return {service_value(SECURITY_SERVICE_PLOTY), service_value(SECURITY_SERVICE_PLOTY_HTTP_PORT),
+            service_value(SECURITY_SERVICE_PLOTY_HTTPS_PORT)};
+}
+
+void configure(const Settings& wanted) {
+    const uint32_t result = cmi_security_nginx_configure(0, wanted.on, wanted.http_port, wanted.https_port);
+    require_success(status_of(result), kObject, "change");
+}
+
+struct Certificate {
+    Cell subject{nullptr, "none"};
+    Cell expires{nullptr, ""};
+};
+
+std::string taken(BIO* bio) {
+    char* bytes = nullptr;
+    const auto length = static_cast<size_t>(BIO_get_mem_data(bio, &bytes));
+    return {bytes, length};
+}
+
+Certificate described(const char* pem) {
+    using Bio = std::unique_ptr<BIO, int (*)(BIO*)>;
+    const Bio input(BIO_new_mem_buf(pem, -1), BIO_free);
+    const std::unique_ptr<X509, void (*)(X509*)> read(
+        PEM_read_bio_X509(input.get(), nullptr, nullptr, nullptr), X509_free);
+    ERR_clear_error();
+    if (read == nullptr) return {{nullptr, "cannot be read"}, {nullptr, ""}};
+    const Bio subject(BIO_new(BIO_s_mem()), BIO_free), expires(BIO_new(BIO_s_mem()), BIO_free);
+    X509_NAME_print_ex(subject.get(), X509_get_subject_name(read.get()), 0,
+                       XN_FLAG_ONELINE & ~ASN1_STRFLGS_ESC_MSB);
+    ASN1_TIME_print_ex(expires.get(), X509_get0_notAfter(read.get()), ASN1_DTFLGS_ISO8601);
+    return {taken(subject.get()), taken(expires.get())};
+}
+
+// Only administrators may read it; the others see the rest.
+Certificate certificate() {
+    nginx_cert_rec record{SECURITY_WEB_CERTIFICATE, {}, 0};
+    const uint32_t status = ask(SECURITY_NGINX_CERT_REQUEST, GET_REQ, &record, sizeof record);
+    if (status == SECURITY_PSS_NO_KEY) return {};
+    if (status == SECURITY_ERR_NOT_PERMITTED) return {{nullptr, "(for administrators)"}, {nullptr, ""}};
+    require_success(status, kObject, "read");
+    record.text[sizeof record.text - 1] = '\0';
+    return described(record.text);
+}
+
+Cell port_cell(uint32_t port) { return port == 0 ? Cell{nullptr, "none"} : Cell{port}; }
+
+Answer show(const Arguments&) {
+    const Settings now = settings();
+    const Certificate used = certificate();
+    Table table{"web", {"service", "http port", "https port", "certificate", "expires"}, {}};
+    table.rows.push_back({now.on != 0 ? "on" : "off", port_cell(now.http_port), port_cell(now.https_port),
+                          used.subject, used.expires});
+    return table;
+}
+
+void take_port(const Arguments& arguments, const char* option, uint32_t& port) {
+    const std::string* text = arguments.find(option);
+    if (text == nullptr) return;
+    const auto wanted = folded(*text) == "none" ? 0 : number(*text, 1, 65535);
+    if (!wanted)
+        throw Failure{Exit::kInvalidValue, fmt::format("option '{}'", option),
+                      fmt::format("option '{}': value '{}' is not valid", option, *text),
+                      "use 1 to 65535 or none"};
+    port = *wanted;
+}
+
+Answer set_ports(const Arguments& arguments) {
+    Settings wanted = settings();
+    take_port(arguments, "--http", wanted.http_port);
+    take_port(arguments, "--https", wanted.https_port);
+    configure(wanted);
+    return show(arguments);
+}
+
+uint32_t send(const NamedFile& file, uint32_t item) {
+    if (file.location != SECURITY_LOCATION_TEMPORARY) {
+        char path[256] = {};
+        file.path.copy(path, sizeof path - 1);
+        return security_nginx_https_send(path, file.location, item, 0);
+    }
+    // The library would take the file for a copy made for it, and delete it.
+    Wiped<nginx_cert_rec> record;
+    const uint32_t status = copy_nginx_file_content(file.path.c_str(), &record, item);
+    if (status != SECURITY_OK) return status;
+    uint32_t length = sizeof(nginx_cert_rec);
+    nginx_cert_rec& sent = record;
+    return static_cast<uint32_t>(
+        security_cmi2(SECURITY_NGINX_CERT_REQUEST, SET_REQ, &sent, nullptr, &length, 0));
+}
+
+Answer send_item(const Arguments& arguments, uint32_t item, const char* what) {
+    const std::string& name = arguments["FILE"];
+    require_success(status_of(send(file_named(name), item)), fmt::format("{} '{}'", what, name), "send");
+    return Remark{"taken", {what, fmt::format("{} '{}': taken", what, printable(name))}};
+}
+
+Answer send_certificate(const Arguments& arguments) {
+    return send_item(arguments, SECURITY_WEB_CERTIFICATE, "certificate");
+}
+Answer send_key(const Arguments& arguments) { return send_item(arguments, SECURITY_WEB_KEY, "key"); }
+
+Answer enable(const Arguments& arguments) {
+    Settings wanted = settings();
+    if (wanted.https_port != 0)
+        require_success(status_of(security_nginx_cert_enable(0)), "the web server's certificate", "use");
+    wanted.on = 1;
+    configure(wanted);
+    return show(arguments);
+}
+
+Answer disable(const Arguments& arguments) {
+    Settings wanted = settings();
+    wanted.on = 0;
+    configure(wanted);
+    return show(arguments);
+}
+
+std::string notes() {
+    return "A certificate and its key are PEM texts of about 2000 bytes at the most; the key has no\n"
+           "passphrase. A new certificate is sent before its key and used as soon as the key is there. A "
+           "FILE\n"
+           "is one of yours, or bootflash:/PATH, volatile:/PATH or slot0:/PATH.\n\n"
+           "With --json: {\"web\": [{\"service\", \"http port\", \"https port\", \"certificate\", "
+           "\"expires\"}]},\n"
+           "  null for what is not set; from cert and key {\"taken\": \"certificate\" or \"key\"}.";
+}
+
+constexpr Verb kVerbs[] = {
+    {"show", "show the web server's settings and its certificate", {}, show},
+    {"port",
+     "set the ports",
+     {{"--http", "for HTTP, or none", Argument::kOptional, "PORT"},
+      {"--https", "for HTTPS, or none", Argument::kOptional, "PORT"}},
+     set_ports},
+    {"cert", "send a certificate", {{"FILE", "the file"}}, send_certificate},
+    {"key", "send the certificate's key", {{"FILE", "the file"}}, send_key},
+    {"enable", "switch the web service on, with HTTPS where it has a port", {}, enable},
+    {"disable", "switch it off", {}, disable},
+};
+}  // namespace
+
+const Noun kWeb{"web", "the web server: ports, certificate and key", notes, kVerbs};
+
+}  // namespace quill::cli
