@@ -39,7 +39,7 @@ void AccountFiles::write(const std::vector<Account>& accounts) {
     std::string passwd, shadow;
     int uid = 2000;
     for (const auto& account : accounts) {
-        const std::string id = std::to_string(uid++);
+        const std::string id = account.name == "root" ? "0" : std::to_string(uid++);
         if (account.in_passwd) passwd += account.name + ":x:" + id + ":100::/nowhere:/bin/false\n";
         if (account.in_shadow) shadow += account.name + ":$1$salt$digest:19700:0:99999:7:::\n";
     }

@@ -12,10 +12,13 @@ using VdcAccounts = AccountFiles;
 using Names = std::vector<std::string>;
 
 TEST_F(VdcAccounts, ContextsOfStoredNames) {
+    constexpr int32_t kNone = INT32_MIN;
     const std::pair<const char*, int32_t> cases[] = {
-        {"bob", 1},     {"", 1},       {"bob#02#", 2},   {"bob#12#", 12}, {"bob#01#", 1}, {"#", 0},
-        {"a#", 0},      {"02#", 2},    {"2#", 0},        {"bob#", 0},     {"bob##", 0},   {"bob#x2#", 0},
-        {"bob#2x#", 2}, {"bob#02", 1}, {"bob#123#", 23}, {"bob#00#", 0},  {"bob# 3#", 3}, {"bob#-3#", -3},
+        {"bob", 1},     {"", 1},         {"bob#02#", 2},   {"bob#12#", 12},
+        {"bob#01#", 1}, {"#", kNone},    {"a#", kNone},    {"02#", 2},
+        {"2#", kNone},  {"bob#", kNone}, {"bob##", kNone}, {"bob#x2#", kNone},
+        {"bob#2x#", 2}, {"bob#02", 1},   {"bob#123#", 23}, {"bob#00#", 0},
+        {"bob# 3#", 3}, {"bob#-3#", -3},
     };
     for (const auto& [name, context] : cases) {
         // In a block of exactly its length, so that the sanitizer sees a look before its start.

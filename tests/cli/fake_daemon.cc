@@ -40,8 +40,8 @@ uint32_t serve(uint32_t operation, security_priv_info& info) {
 
 uint32_t read(const security_user& found, security_user& user) {
     const bool hash = found.encryption_type == SECURITY_ENCRYPTION_HASH;
-    if (hash && !fake_daemon().hands_out_hashes) return SECURITY_ERR_CRYPT;
     user = found;
+    if (hash && !fake_daemon().hands_out_hashes) return SECURITY_ERR_CRYPT;
     if (!hash) user.encryption_type = SECURITY_ENCRYPTION_CLEAR;
     return SECURITY_OK;
 }
@@ -75,12 +75,12 @@ uint32_t answer(int32_t type, uint32_t operation, const void* request, void** re
     *length = 0;
     const uint32_t status =
         fake_daemon().answer != SECURITY_OK ? fake_daemon().answer : serve(operation, record);
-    if (status != SECURITY_OK) return status;
+    if (status != SECURITY_OK && status != SECURITY_ERR_CRYPT) return status;
     security_conf_cmi_byteorder_convert(type, &record);
     *length = sizeof record;
     *reply = malloc(sizeof record);
     memcpy(*reply, &record, sizeof record);
-    return SECURITY_OK;
+    return status;
 }
 }  // namespace
 

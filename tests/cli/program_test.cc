@@ -118,7 +118,10 @@ TEST_F(Program, RefusesBeforeAsking) {
          3,
          "service 'a\\x0a\\x1b[1m' does not exist; 'quillsec service show' lists all"},
         {{"service", "show", "set"}, 3, "service 'set' does not exist; 'quillsec service show' lists all"},
-        {{}, 2, "a noun is missing; use service, secret or record"},
+        {{},
+         2,
+         "a noun is missing; use user, role, locale, key, password, service, secret, record, banner, web, "
+         "vdc, watch or selftest"},
         {{"servce", "show"}, 2, "noun 'servce' does not exist; did you mean 'service'?"},
         {{"service"}, 2, "service: a verb is missing; use show, set or defaults"},
         {{"service", "shwo", "ssh"}, 2, "service: verb 'shwo' does not exist; did you mean 'show'?"},
@@ -180,6 +183,7 @@ TEST_F(Program, MapsWhatTheDaemonAnswers) {
         const char* hex;
     } cases[] = {
         {SECURITY_ERR_NOT_PERMITTED, 0, 5, "SECURITY_ERR_NOT_PERMITTED", "0x404a0106"},
+        {SECURITY_ERR_BUSY, 0, 8, "SECURITY_ERR_BUSY", "0x404a0107"},
         {SECURITY_ERR_REQUEST_TYPE, 0, 1, "SECURITY_ERR_REQUEST_TYPE", "0x404a0102"},
         {PSS_IN_USE, 0, 8, "PSS_IN_USE", "0x40480007"},
         {PSS_FULL, 0, 9, "PSS_FULL", "0x40480009"},
@@ -190,7 +194,6 @@ TEST_F(Program, MapsWhatTheDaemonAnswers) {
         {not_delivered, ECONNREFUSED, 7, "ECONNREFUSED", "0x804a006f"},
         {not_delivered, EACCES, 5, "EACCES", "0x804a000d"},
         {not_delivered, ETIMEDOUT, 10, "ETIMEDOUT", "0x804a006e"},
-        {not_delivered, EAGAIN, 8, "EAGAIN", "0x804a000b"},
         {not_delivered, EMFILE, 7, "EMFILE", "0x804a0018"},
         {SECURITY_ERR_TRANSPORT | uint32_t{EPROTO}, ENOENT, 1, "EPROTO", "0x804a0047"},
     };
@@ -295,6 +298,25 @@ TEST_F(Program, ComplainsInJson) {
         EXPECT_EQ(result.exit, document.at("error").at("exit_code"));
         EXPECT_TRUE(document.at("error").at("status").is_null());
         EXPECT_EQ("", result.err);
+    }
+}
+
+TEST_F(Program, CompletesWhatTheTablesKnow) {
+    const std::pair<std::vector<const char*>, const char*> cases[] = {
+        {{"serv"}, "service\n"},
+        {{"--json", "service", "s"}, "show\nset\n"},
+        {{"--timeout", "s"}, ""},
+        {{"--timeout", "5", "serv"}, "service\n"},
+        {{"servise", ""}, ""},
+        {{"service", "set", "s"}, ""},
+        {{"record", "set", "amy", "--t"}, "--timeout\n--type\n"},
+        {{"record", "set", "--type", "--"}, ""},
+        {{"record", "set", "--stdin", "--e"}, "--encoding\n"},
+        {{}, ""},
+    };
+    for (auto [words, want] : cases) {
+        words.insert(words.begin(), "__complete");
+        EXPECT_EQ(want, quillsec(words).out);
     }
 }
 

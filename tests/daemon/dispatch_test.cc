@@ -61,6 +61,7 @@ constexpr quill::Route kRoutes[] = {
     {SECURITY_USER_REQUEST, sizeof(security_user), handle_user, Access::kEveryone, Access::kAdministrators,
      kUserTexts},
     {SECURITY_SSHKEY_FILE_REQUEST, sizeof(ssh_key_rec), handle_line, Access::kEveryone, Access::kEveryone},
+    {SECURITY_USER_LOOKUP_REQUEST, sizeof(ssh_key_rec), handle_line, Access::kEveryone, Access::kNobody},
     {SECURITY_SSHKEY_FILE_REQUEST, sizeof(ssh_key_new_rec), handle_file, Access::kEveryone,
      Access::kEveryone},
 };
@@ -169,6 +170,7 @@ TEST_F(Dispatch, Permissions) {
         {"open to read, other", SECURITY_USER_REQUEST, sizeof(security_user), kOther, "-yy---"},
         {"open to read, unknown", SECURITY_USER_REQUEST, sizeof(security_user), kUnknown, "------"},
         {"open, other", SECURITY_SSHKEY_FILE_REQUEST, sizeof(ssh_key_rec), kOther, "yyyyyy"},
+        {"to read alone, administrator", SECURITY_USER_LOOKUP_REQUEST, sizeof(ssh_key_rec), kRoot, "-yy---"},
         {"open, unknown", SECURITY_SSHKEY_FILE_REQUEST, sizeof(ssh_key_rec), kUnknown, "------"},
     };
     for (const auto& c : cases) {

@@ -1,11 +1,9 @@
 // SIGKILL at random moments: what was acknowledged is there afterwards, whole. 25 kills each; QUILL_KILLS
-// names another number, for this program run by itself.
+// names another number.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <csignal>
-#include <iostream>
 #include <map>
 #include <random>
 #include <thread>
@@ -16,31 +14,28 @@
 #include "tests/support/box.h"
 #include "tests/support/daemon.h"
 #include "tests/support/process.h"
+#include "tests/support/scale.h"
 #include "tests/support/store.h"
 
 namespace {
 
-unsigned rounds() {
-    const char* chosen = getenv("QUILL_KILLS");
-    return chosen == nullptr ? 25 : static_cast<unsigned>(std::stoul(chosen));
-}
+unsigned rounds() { return scale("QUILL_KILLS", 25, 10000); }
 
 class Kill : public testing::Test {
  protected:
     ~Kill() override {
         if (restarts.empty()) return;
-        std::sort(restarts.begin(), restarts.end());
-        std::cout << rounds() << " kills, " << acknowledged << " changes acknowledged, "
-                  << (seconds_now() - started) / rounds() * 1000 << " ms a round; restart "
-                  << restarts[restarts.size() / 2] * 1000 << " ms, at most " << restarts.back() * 1000
-                  << " ms\n";
+        const Spread spread(restarts);
+        report_figures(std::to_string(restarts.size()) + " restarts after kills, " +
+                       std::to_string(acknowledged) + " changes acknowledged and there; back after " +
+                       spread.text());
+        EXPECT_LT(spread.p99, allowed(0.1)) << "seconds until there is service again";
     }
 
     double pause() { return static_cast<double>(random() % 40000) / 1e6; }
 
     Box box;
     std::mt19937 random{std::random_device()()};
-    const double started = seconds_now();
     std::vector<double> restarts;
     size_t acknowledged = 0;
 };

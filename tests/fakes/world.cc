@@ -1,5 +1,6 @@
 #include "tests/fakes/world.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -7,6 +8,11 @@
 #include <cstring>
 
 #include "quillsecurity/status.h"
+
+// For whoever brings one of his own.
+#pragma weak security_cmi
+#pragma weak security_cmi2
+#pragma weak vsh_xml_parse_uri
 
 World& world() {
     static World instance;
@@ -171,15 +177,35 @@ int32_t security_cmi(int32_t request_type, uint32_t operation, void* request, vo
     }
     if (answer.missing || reply == nullptr) return answer.status;
     w.last_reply = answer.record.value_or(record);
-    *length = static_cast<uint32_t>(w.last_reply.size());
     *reply = malloc(w.last_reply.size());
+    if (*reply == nullptr) return -1;
+    *length = static_cast<uint32_t>(w.last_reply.size());
     memcpy(*reply, w.last_reply.data(), w.last_reply.size());
     return answer.status;
 }
 
 int32_t security_cmi2(int32_t request_type, uint32_t operation, void* request, void**, uint32_t* length,
                       uint32_t connection) {
-    return security_cmi(request_type, operation, request, nullptr, length, connection);
+    const int32_t status = security_cmi(request_type, operation, request, nullptr, length, connection);
+    world().requests.back().one_way = true;
+    return status;
+}
+
+int32_t vsh_xml_parse_uri(const char* uri, char* device, char* path) {
+    if (world().uri_result != 0) return world().uri_result;
+    const std::string text = uri;
+    const size_t colon = text.find(':');
+    strcpy(device, colon == std::string::npos ? "" : text.substr(0, colon).c_str());
+    strcpy(path, text.substr(colon + 1).c_str());
+    return 0;
+}
+
+int32_t vshd_perm_group_role_name_verify(uint32_t, const char* role) {
+    return std::ranges::find(world().roles, role) == world().roles.end() ? -1 : 0;
+}
+
+int32_t vshd_perm_locale_name_verify(uint32_t, const char* locale) {
+    return std::ranges::find(world().locales, locale) == world().locales.end() ? -1 : 0;
 }
 
 uint32_t sdwrap_hist_event_subtype_check(uint32_t module, uint32_t subtype) {
@@ -232,4 +258,36 @@ uint32_t get_card_module_info(card_module_info* info) {
 const uint16_t* quill_telnet_card_types(uint32_t* count) {
     *count = static_cast<uint32_t>(world().telnet_card_types.size());
     return world().telnet_card_types.data();
+}
+
+int32_t mts_send(uint32_t handle, uint32_t node, uint32_t sap, uint32_t opcode, const void* payload,
+                 uint32_t length, uint32_t a, uint32_t b, uint32_t c) {
+    world().announced.push_back(
+        {{handle, node, sap, opcode, a, b, c}, {static_cast<const char*>(payload), length}});
+    return world().mts_result;
+}
+
+uint32_t mts_errno_get(uint32_t) { return world().mts_errno; }
+
+uint32_t mts_opc_get(const void* message) { return static_cast<const FakeMessage*>(message)->opcode; }
+
+void* mts_payload_get(const void* message) {
+    const auto& payload = static_cast<const FakeMessage*>(message)->payload;
+    return payload ? const_cast<char*>(payload->data()) : nullptr;
+}
+
+uint32_t mts_payload_size(const void* message) {
+    const auto& payload = static_cast<const FakeMessage*>(message)->payload;
+    return payload ? static_cast<uint32_t>(payload->size()) : 0;
+}
+
+void* tlvu_malloc(uint32_t size) { return world().tlv_memory ? malloc(size) : nullptr; }
+
+void tlvu_error_print(const char* format, ...) {
+    char text[256];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    world().tlv_errors.emplace_back(text);
 }

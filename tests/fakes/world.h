@@ -16,6 +16,7 @@ struct Sent {  // what reached the channel
     std::string record;
     uint32_t connection;
     uint32_t timeout;  // security_cmi_timeout while it was under way
+    bool one_way = false;
 };
 
 struct Reply {                               // what the channel answers
@@ -23,6 +24,16 @@ struct Reply {                               // what the channel answers
     std::optional<std::string> record = {};  // none: the request's own bytes come back
     bool missing = false;                    // no block at all
     int error = 0;
+};
+
+struct Announced {                // what was given to the message transport
+    std::vector<uint32_t> words;  // handle, node, service point, opcode, and the last three
+    std::string payload;
+};
+
+struct FakeMessage {  // what is received from it
+    uint32_t opcode;
+    std::optional<std::string> payload;
 };
 
 struct World {
@@ -44,12 +55,22 @@ struct World {
     std::map<size_t, Reply> replies;  // those to requests of these numbers, counted from 0
     std::string last_reply;           // bytes of the block handed out
 
+    std::vector<std::string> roles;    // names that exist
+    std::vector<std::string> locales;  // the same
+    int32_t uri_result = 0;            // of splitting one; other than 0, it splits nothing
+
     std::optional<uint16_t> card_type;
     std::vector<uint16_t> telnet_card_types;
     int card_reads = 0;
     int32_t vdc = 1;
     uint32_t random = 0x1f;  // every number drawn
     int randoms = 0;         // how many were
+
+    std::vector<Announced> announced;
+    int32_t mts_result = 0;  // of each sending
+    uint32_t mts_errno = 0;  // and what is said of it
+    bool tlv_memory = true;  // false: there is none for TLV messages
+    std::vector<std::string> tlv_errors;
 
     std::optional<platform_shadow_entry> shadow;  // what every look-up of a shadow entry finds
     std::vector<std::pair<uint32_t, std::string>> shadow_look_ups;

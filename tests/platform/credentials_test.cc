@@ -5,9 +5,7 @@
 
 #include <cerrno>
 
-#include "daemon/dispatch.h"
 #include "quillplatform/shell.h"
-#include "quillsecurity.h"
 #include "tests/platform/server_process.h"
 
 namespace {
@@ -55,17 +53,6 @@ TEST_F(Credentials, AFailedLookUpIsNobody) {
     failing_option = SO_PEERCRED;
     ServerProcess server(describe, kAdministrators);
     EXPECT_EQ("unknown", who());
-}
-
-TEST_F(Credentials, NobodyIsPermittedNothing) {
-    failing_option = SO_PEERCRED;
-    ServerProcess server([](const quill::Peer& peer, quill::Request& request) {
-        return quill::dispatch(quill::routes(), 1, peer, request);
-    });
-    RawClient client;
-    for (const uint32_t operation : {GET_REQ, GETNEXT_REQ, SET_REQ, DEL_REQ})
-        EXPECT_EQ(reply_frame(SECURITY_ERR_NOT_PERMITTED, ""),
-                  client.ask(request_frame(SECURITY_ENABLE_INFO_REQUEST, operation, word(1) + word(1))));
 }
 
 TEST_F(Credentials, RootAndMembersOfTheGroupAreAdministrators) {

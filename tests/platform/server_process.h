@@ -26,16 +26,19 @@ inline quill::Answer answer_text(quill::Request& request, const std::string& tex
     return {0, static_cast<uint32_t>(text.size()), false};
 }
 
-// quill::Server in a process of its own, serving the box's runtime folder until the object goes.
+// quill::Server in a process of its own, serving the box's runtime folder until the object goes. What else is
+// to join its loop, `prepare` makes there.
 class ServerProcess {
  public:
-    explicit ServerProcess(std::function<quill::Answer(const quill::Peer&, quill::Request&)> answer,
-                           gid_t administrators = 0) {
+    explicit ServerProcess(
+        std::function<quill::Answer(const quill::Peer&, quill::Request&)> answer, gid_t administrators = 0,
+        const std::function<void(quill::Server&)>& prepare = [](quill::Server&) {}) {
         mkdir(getenv("QUILL_RUNTIME_DIR"), 0755);
         int ends[2];
         if (pipe(ends) != 0) return;
         pid_ = start_child([&] {
             quill::Server server({administrators, answer, [] { return true; }, [] {}});
+            prepare(server);
             if (!server.listen() || write(ends[1], "", 1) != 1) _exit(2);
             close(ends[1]);
             server.run();

@@ -7,7 +7,7 @@
 #include <csignal>
 #include <filesystem>
 #include <functional>
-#include <iostream>
+#include <vector>
 
 #include "tests/support/box.h"
 #include "tests/support/process.h"
@@ -76,6 +76,8 @@ TEST_F(SqliteFiles, FoldersThatWillNotDo) {
     const std::string state = box.state();
     setenv("QUILL_STATE_DIR", (box / "missing/state").c_str(), 1);
     EXPECT_EQ(PSS_MISSING, open());
+    setenv("QUILL_STATE_DIR", "state", 1);
+    EXPECT_EQ(PSS_BAD_ARGUMENT, open()) << "relative";
 
     setenv("QUILL_STATE_DIR", state.c_str(), 1);
     write_file(state, "a file");
@@ -93,14 +95,6 @@ TEST_F(SqliteFiles, FoldersThatWillNotDo) {
     mkdir(state.c_str(), 0700);
     ASSERT_EQ(0, chown(state.c_str(), 65534, 65534));
     EXPECT_EQ(PSS_UNSAFE, open()) << "of another user";
-}
-
-TEST_F(SqliteFiles, AFolderMayBeReachedThroughALink) {
-    mkdir((box / "elsewhere").c_str(), 0700);
-    ASSERT_EQ(0, symlink((box / "elsewhere").c_str(), box.state().c_str()));
-    EXPECT_EQ(PSS_OK, open());
-    EXPECT_EQ(PSS_OK, put(handle, "key", "value"));
-    EXPECT_EQ("0600", mode_of(box / "elsewhere/s.db"));
 }
 
 TEST_F(SqliteFiles, ALooseFileIsTightened) {
@@ -160,23 +154,23 @@ TEST_F(SqliteFiles, OneOpenAtATime) {
 }
 
 TEST_F(SqliteFiles, StoresDoNotShareHandlesBytesOrRecords) {
-    uint32_t handles[16], status = 0;
-    for (unsigned i = 0; i < 16; ++i) {
+    for (unsigned i = 1; i <= 16; ++i) {
         ASSERT_EQ(PSS_OK, open(PSS_READ_WRITE | PSS_CREATE, numbered("s", i)));
-        handles[i] = handle;
-        put(handle, "key", "of " + std::to_string(i));
+        ASSERT_EQ(i, handle);
+        put(handle, "key", numbered("of ", i));
     }
-    EXPECT_EQ(PSS_NO_FILES, open(PSS_READ_WRITE | PSS_CREATE, "s16"));
+    EXPECT_EQ(PSS_NO_FILES, open(PSS_READ_WRITE | PSS_CREATE, "s17"));
     const std::string name = "key";
     const pss_descriptor key = describe(name);
-    const pss_descriptor* found = pss2_fetch(handles[0], &key, &status);
-    EXPECT_EQ("of 1", fetch(handles[1], "key"));
-    EXPECT_EQ("of 0", bytes_of(found)) << "valid until the next call on its own handle";
-    EXPECT_EQ(PSS_OK, pss2_close(handles[3]));
-    EXPECT_EQ(PSS_BAD_HANDLE, pss2_close(handles[3]));
-    EXPECT_EQ("[40480001]", fetch(handles[3], "key"));
+    uint32_t status = 0;
+    const pss_descriptor* found = pss2_fetch(1, &key, &status);
+    EXPECT_EQ("of 2", fetch(2, name));
+    EXPECT_EQ("of 1", bytes_of(found)) << "valid until the next call on its own handle";
+    EXPECT_EQ(PSS_OK, pss2_close(3));
+    EXPECT_EQ(PSS_BAD_HANDLE, pss2_close(3));
+    EXPECT_EQ("[40480001]", fetch(3, name));
     EXPECT_EQ(PSS_OK, open(PSS_READ_WRITE, "s3"));
-    EXPECT_EQ("of 3", fetch(handle, "key"));
+    EXPECT_EQ("of 3", fetch(handle, name));
 }
 
 TEST_F(SqliteFiles, KeysAndValuesOutOfBounds) {
@@ -248,12 +242,32 @@ TEST_F(SqliteFiles, VersionStamps) {
     EXPECT_EQ(PSS_OK, open(PSS_READ_WRITE, "s", 0xfffffffe)) << "all 32 bits are kept";
     pss2_close(handle);
 
+    // One record is in its log alone.
+    in_child([&] {
+        open(PSS_READ_WRITE, "s", 0xfffffffe);
+        put(handle, "late", "in the log");
+        kill(getpid(), SIGKILL);
+    });
     const auto before = files_in(box.state());
+    EXPECT_EQ(2u, before.size());
     EXPECT_EQ(PSS_WRONG_VERSION, open());
     EXPECT_EQ(PSS_WRONG_VERSION, open(PSS_READ_WRITE));
     EXPECT_TRUE(before == files_in(box.state())) << "left as it is";
     EXPECT_EQ(PSS_OK, open(PSS_READ_WRITE, "s", 0xfffffffe));
     EXPECT_EQ("value", fetch(handle, "key"));
+    EXPECT_EQ("in the log", fetch(handle, "late"));
+}
+
+TEST_F(SqliteFiles, ACopyWithoutALogGetsOneAgain) {
+    make_store();
+    sqlite3* database = nullptr;
+    sqlite3_open(file.c_str(), &database);
+    EXPECT_EQ(SQLITE_OK, sqlite3_exec(database, "PRAGMA journal_mode=DELETE", nullptr, nullptr, nullptr));
+    sqlite3_close(database);
+    EXPECT_EQ(PSS_OK, open());
+    EXPECT_EQ(PSS_OK, put(handle, "key", "other"));
+    EXPECT_EQ("0600", mode_of(file + "-wal"));
+    EXPECT_EQ("none", mode_of(file + "-journal"));
 }
 
 TEST_F(SqliteFiles, ACreationThatWasInterruptedStartsOver) {
@@ -267,17 +281,84 @@ TEST_F(SqliteFiles, ACreationThatWasInterruptedStartsOver) {
     EXPECT_EQ(1u, files_in(box.state()).size()) << "nothing is left over";
 }
 
+TEST_F(SqliteFiles, ProcessesThatCreateAtOnceGetOneWholeStore) {
+    mkdir(box.state().c_str(), 0700);
+    for (int round = 0; round < 20; ++round) {
+        std::vector<pid_t> others;
+        for (int i = 0; i < 4; ++i)
+            others.push_back(start_child([&] {
+                uint32_t status;
+                while ((status = open()) == PSS_IN_USE) sleep_for(0.001);
+                EXPECT_EQ(PSS_OK, status);
+                EXPECT_EQ(PSS_OK, put(handle, std::to_string(getpid()), "value"));
+                pss2_close(handle);
+            }));
+        for (const pid_t other : others) EXPECT_EQ(0, wait_for(other));
+        ASSERT_EQ(PSS_OK, open(PSS_READ_WRITE));
+        for (const pid_t other : others) EXPECT_EQ("value", fetch(handle, std::to_string(other)));
+        pss2_close(handle);
+        unlink(file.c_str());
+    }
+}
+
+// What a call handed out stays valid until the next one, which may be given it.
+TEST_F(SqliteFiles, WhatWasHandedOutMayBeHandedIn) {
+    ASSERT_EQ(PSS_OK, open());
+    put(handle, "first", "second");
+    put(handle, "second", std::string(300, 'v'));
+    const std::string first = "first";
+    const pss_descriptor key = describe(first);
+    for (int round = 0; round < 2; ++round) {
+        uint32_t status = 0x55;
+        const pss_descriptor handed_out = *pss2_fetch(handle, &key, &status);
+        EXPECT_EQ(std::string(300, 'v'), bytes_of(pss2_fetch(handle, &handed_out, &status)));
+        const pss_descriptor value = *pss2_fetch(handle, &key, &status);
+        EXPECT_EQ(PSS_OK, pss2_store(handle, &key, &value));
+        EXPECT_EQ("second", fetch(handle, "first"));
+        put(handle, "first", "second");
+    }
+    pss2_close(handle);
+}
+
+// A value whose bytes are others than were stored is not handed out, and the walk goes on behind it.
+TEST_F(SqliteFiles, ADamagedRecordIsAStatusAndNoEnd) {
+    ASSERT_EQ(PSS_OK, open());
+    for (const std::string name : {"a", "b", "c"}) ASSERT_EQ(PSS_OK, put(handle, name, "value of " + name));
+    pss2_close(handle);
+    std::string bytes = read_file(file);
+    bytes.replace(bytes.find("value of b"), 5, "VALUE");
+    write_file(file, bytes);
+
+    ASSERT_EQ(PSS_OK, open());
+    EXPECT_EQ("[4048000d]", fetch(handle, "b"));
+    uint32_t at = handle, status = 0x55;
+    const std::string start = "a";
+    const pss_descriptor key = describe(start);
+    ASSERT_EQ(PSS_OK, pss2_move2key(&at, PSS_MODE, &key, &status));
+    for (const std::string name : {"b", "c"}) {
+        EXPECT_EQ(PSS_OK, pss2_move2location(&at, PSS_MODE, PSS_NEXT, &status));
+        EXPECT_EQ(name, bytes_of(pss2_getkey(at, &status)));
+        EXPECT_EQ(name == "b" ? "(null)" : "value of c", bytes_of(pss2_getvalue(at, &status)));
+        EXPECT_EQ(name == "b" ? PSS_CORRUPT : PSS_OK, status);
+    }
+    EXPECT_EQ(PSS_OK, put(handle, "b", "anew"));
+    EXPECT_EQ("anew", fetch(handle, "b"));
+    pss2_close(handle);
+}
+
 // Damage wherever it is: statuses, never a crash, and never a value that was not stored.
 TEST_F(SqliteFiles, DamageIsAStatus) {
     ASSERT_EQ(PSS_OK, open());
     constexpr unsigned kRecords = 150;
-    const auto value_of = [](unsigned i) { return std::string(100 + i, static_cast<char>('a' + i % 26)); };
+    const auto value_of = [](unsigned i) {
+        return std::string(100 + 13 * i, static_cast<char>('a' + i % 26));
+    };
     for (unsigned i = 0; i < kRecords; ++i) ASSERT_EQ(PSS_OK, put(handle, numbered("key", i), value_of(i)));
     pss2_close(handle);
     const std::string whole = read_file(file);
     ASSERT_GT(whole.size(), 10 * 4096u);
 
-    int opened = 0, readable = 0, damaged = 0;
+    int opened = 0, readable = 0;
     const auto look = [&](const std::string& bytes) {
         write_file(file, bytes);
         const uint32_t status = open();
@@ -288,11 +369,9 @@ TEST_F(SqliteFiles, DamageIsAStatus) {
         }
         ++opened;
         for (unsigned i = 0; i < kRecords; ++i) {
-            const std::string key = numbered("key", i), found = fetch(handle, key);
-            if (found == value_of(i))
-                ++readable;
-            else
-                ++damaged;
+            const std::string found = fetch(handle, numbered("key", i));
+            readable += found == value_of(i);
+            EXPECT_TRUE(found == value_of(i) || found[0] == '[') << i;
         }
         put(handle, "key", "value");
         const std::string start = "k";
@@ -313,8 +392,7 @@ TEST_F(SqliteFiles, DamageIsAStatus) {
         }
     }
     EXPECT_GT(opened, 20);
-    EXPECT_GT(readable, damaged) << "what is readable stays readable";
-    std::cout << opened << " opened, " << readable << " values read, " << damaged << " lost\n";
+    EXPECT_GT(readable, opened * static_cast<int>(kRecords) / 2) << "what is readable stays readable";
 }
 
 }  // namespace

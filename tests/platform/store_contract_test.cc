@@ -101,17 +101,6 @@ TEST_P(StoreContract, ACursorSeesWhatIsStoredNow) {
     EXPECT_EQ("c=new", next());
 }
 
-TEST_P(StoreContract, AWalkMeetsTheNextTable) {
-    const std::string one("\0\0\0\1", 4), two("\0\0\0\2", 4);
-    put(store, one + "z", "last of one");
-    put(store, two, "bare key of two");
-    put(store, two + std::string(4, '\0'), "first of two");
-    EXPECT_EQ("after " + one + "z=last of one", move(one));
-    EXPECT_EQ(two + "=bare key of two", next());
-    EXPECT_EQ(two + std::string(4, '\0') + "=first of two", next());
-    EXPECT_EQ("none", next());
-}
-
 TEST_P(StoreContract, WrongWordsAreRefusedAndTouchNothing) {
     const std::string name = "a";
     const pss_descriptor key = describe(name);

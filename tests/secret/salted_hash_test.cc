@@ -246,7 +246,7 @@ TEST_F(SaltedHash, DigestNames) {
 
 TEST_F(SaltedHash, VerifyTraces) {
     verify("abc", "$1$1f$134cc78c882a1c63");
-    EXPECT_EQ("security_verify_shadowed_hash(518):digest_type:1 ", world().traces.at(0));
+    EXPECT_EQ("security_verify_shadowed_hash(518): digest_type:1 ", world().traces.at(0));
     EXPECT_EQ("security_verify_shadowed_hash(523) Digest is:md5", world().traces.at(1));
 }
 

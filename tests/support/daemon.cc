@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "tests/support/box.h"
 #include "tests/support/process.h"
 
 namespace {
@@ -90,6 +91,11 @@ Daemon::~Daemon() {
 }
 
 std::string Daemon::log() const { return contents(log_); }
+
+unsigned Daemon::kilobytes() const {
+    const std::string facts = read_file("/proc/" + std::to_string(pid_) + "/status");
+    return static_cast<unsigned>(std::stoul(facts.substr(facts.find("VmRSS:") + 6)));
+}
 
 int Daemon::end(int signal) {
     if (pid_ < 0) return -1;

@@ -19,6 +19,7 @@ class Daemon {
     bool ready() const { return ready_; }  // it said READY=1 to its service manager; else it has ended
     pid_t pid() const { return pid_; }
     std::string log() const;
+    unsigned kilobytes() const;  // of memory that it holds now
     // Sends the signal and waits; how the daemon ended, as for wait_for(). Once.
     int end(int signal = 15);
 

@@ -15,7 +15,7 @@ pid_t start_child(const std::function<void()>& body);
 int wait_for(pid_t child);
 
 // Gives up root for a user and group that own nothing; `groups` are kept besides.
-void become_nobody(gid_t group = 65534, const std::vector<gid_t>& groups = {});
+void become_nobody(gid_t group = 65534, const std::vector<gid_t>& groups = {}, uid_t user = 65534);
 
 double seconds_now();
 void sleep_for(double seconds);

@@ -1,0 +1,43 @@
+// The heap of the whole program, which fails where a test says so.
+//
+// malloc(3) and its kin and operator new are the program's own, for every library in it: C library, OpenSSL,
+// cracklib and SQLite too. Allocations count while a call is watched. What the fakes around the library keep
+// in C++ is neither counted nor refused: it is no part of the product.
+#pragma once
+
+#include <cstdint>
+
+struct Refusals {
+    uint32_t first = 0;     // the first allocation to fail, counted from 1; 0 for none
+    bool for_good = false;  // and all that follow, else that one alone
+};
+
+// Counts from 1 again.
+void refuse(Refusals refusals);
+
+// Whether a refusal has been met since.
+bool refused();
+
+// While in scope, allocations count and may fail.
+class Watched {
+ public:
+    Watched();
+    ~Watched();
+    Watched(const Watched&) = delete;
+    Watched& operator=(const Watched&) = delete;
+};
+
+// What a test does itself inside of that.
+class Unwatched {
+ public:
+    Unwatched();
+    ~Unwatched();
+    Unwatched(const Unwatched&) = delete;
+    Unwatched& operator=(const Unwatched&) = delete;
+
+ private:
+    bool before_;
+};
+
+// Blocks of malloc(3), and those of operator new that were made while watched, that nobody has freed.
+int64_t blocks_in_use();

@@ -1,0 +1,186 @@
+// What the daemon takes and refuses about the web server, through its own routes and over a real store.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <openssl/ec.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+
+#include <cstring>
+
+#include "daemon/dispatch.h"
+#include "quillplatform.h"
+#include "quillsecurity.h"
+#include "tests/support/box.h"
+
+namespace {
+
+std::string taken(BIO* bio) {
+    char* bytes = nullptr;
+    const auto length = static_cast<size_t>(BIO_get_mem_data(bio, &bytes));
+    std::string text(bytes, length);
+    BIO_free(bio);
+    return text;
+}
+
+// A key and certificates of it.
+struct Keys {
+    EVP_PKEY* key = EVP_EC_gen("P-256");
+
+    Keys() = default;
+    ~Keys() { EVP_PKEY_free(key); }
+    Keys(const Keys&) = delete;
+    Keys& operator=(const Keys&) = delete;
+
+    std::string pem(const char* passphrase = nullptr) const {
+        BIO* bio = BIO_new(BIO_s_mem());
+        PEM_write_bio_PrivateKey(bio, key, passphrase ? EVP_aes_128_cbc() : nullptr, nullptr, 0, nullptr,
+                                 const_cast<char*>(passphrase));
+        return taken(bio);
+    }
+    std::string certificate(long seconds_left) const {
+        X509* made = X509_new();
+        X509_set_pubkey(made, key);
+        X509_gmtime_adj(X509_getm_notBefore(made), -100);
+        X509_gmtime_adj(X509_getm_notAfter(made), seconds_left);
+        X509_sign(made, key, EVP_sha256());
+        BIO* bio = BIO_new(BIO_s_mem());
+        PEM_write_bio_X509(bio, made);
+        X509_free(made);
+        return taken(bio);
+    }
+};
+
+class WebServerRequests : public testing::Test {
+ protected:
+    WebServerRequests() { EXPECT_EQ(0u, security_pss_create(&store, "security", 0, 0)); }
+    ~WebServerRequests() override { pss2_close(store); }
+
+    void reopen() {
+        pss2_close(store);
+        EXPECT_EQ(0u, security_pss_create(&store, "security", 0, 0));
+    }
+
+    template <class Record>
+    uint32_t ask(uint32_t type, uint32_t operation, Record& record, bool administrator = true) {
+        quill::Request request{type,         operation, 0, "", reinterpret_cast<unsigned char*>(&record),
+                               sizeof record};
+        return quill::dispatch(quill::routes(), store, {true, administrator, 1000, 1}, request).status;
+    }
+
+    uint32_t send(uint32_t item, const std::string& text) {
+        nginx_cert_rec record{item, {}, 0};
+        text.copy(record.text, sizeof record.text - 1);
+        const uint32_t status = ask(SECURITY_NGINX_CERT_REQUEST, SET_REQ, record);
+        EXPECT_EQ(0, record.text[0]) << "a key does not go back";
+        return status;
+    }
+    std::string stored(uint32_t item) {
+        nginx_cert_rec record{item, "", 0};
+        return ask(SECURITY_NGINX_CERT_REQUEST, GET_REQ, record) == 0 ? record.text : "none";
+    }
+    uint32_t enable() {
+        nginx_cert_rec record{0, "", 1};
+        return ask(SECURITY_NGINX_CERT_REQUEST, SET_REQ, record);
+    }
+    uint32_t configure(uint32_t on, uint32_t http, uint32_t https) {
+        nginx_port_rec record{{htonl(http), htonl(https), htonl(on)}};
+        return ask(SECURITY_NGINX_PORT_REQUEST, SET_REQ, record);
+    }
+    std::vector<uint32_t> configured() {
+        nginx_port_rec record{};
+        EXPECT_EQ(0u, ask(SECURITY_NGINX_PORT_REQUEST, GET_REQ, record, false));
+        return {ntohl(record.word[2]), ntohl(record.word[0]), ntohl(record.word[1])};
+    }
+    uint32_t service(uint32_t operation, uint32_t code, uint32_t& value) {
+        security_enable_info info{htonl(code), htonl(value)};
+        const uint32_t status = ask(SECURITY_ENABLE_INFO_REQUEST, operation, info);
+        value = ntohl(info.value);
+        return status;
+    }
+
+    Box box;
+    uint32_t store = 0;
+};
+
+TEST_F(WebServerRequests, OnlyAPairThatServesReplacesTheOldOne) {
+    const Keys first, second;
+    const std::string certificate = first.certificate(1000), other = second.certificate(1000);
+    EXPECT_EQ(SECURITY_ERR_WEB_INCOMPLETE, enable());
+    EXPECT_EQ(SECURITY_OK, send(0, certificate));
+    EXPECT_EQ(SECURITY_ERR_WEB_INCOMPLETE, enable());
+    EXPECT_EQ(SECURITY_ERR_WEB_MISMATCH, send(1, second.pem()));
+    EXPECT_EQ("none", stored(1));
+    EXPECT_EQ(SECURITY_OK, send(1, first.pem()));
+    EXPECT_EQ(SECURITY_OK, enable());
+
+    const struct {
+        const char* what;
+        uint32_t item;
+        std::string text;
+        uint32_t want;
+    } refused[] = {
+        {"an expired certificate", 0, first.certificate(-10), SECURITY_ERR_WEB_EXPIRED},
+        {"no certificate", 0, "nonsense", SECURITY_ERR_WEB_CERTIFICATE},
+        {"half a certificate", 0, certificate.substr(0, certificate.size() / 2),
+         SECURITY_ERR_WEB_CERTIFICATE},
+        {"a key for a certificate", 0, first.pem(), SECURITY_ERR_WEB_CERTIFICATE},
+        {"no key", 1, "", SECURITY_ERR_WEB_KEY},
+        {"a key with a passphrase", 1, first.pem("secret"), SECURITY_ERR_WEB_KEY},
+        {"another's key", 7, second.pem(), SECURITY_ERR_WEB_MISMATCH},
+    };
+    for (const auto& c : refused) {
+        EXPECT_EQ(c.want, send(c.item, c.text)) << c.what;
+        EXPECT_EQ(certificate, stored(0)) << c.what;
+        EXPECT_EQ(first.pem(), stored(1)) << c.what;
+        EXPECT_EQ(SECURITY_OK, enable()) << c.what;
+    }
+
+    EXPECT_EQ(SECURITY_OK, send(0, other));
+    reopen();
+    EXPECT_EQ(certificate, stored(0)) << "it waits for its key";
+    EXPECT_EQ(SECURITY_ERR_WEB_INCOMPLETE, enable());
+    EXPECT_EQ(SECURITY_ERR_WEB_MISMATCH, send(1, first.pem()));
+    EXPECT_EQ(SECURITY_OK, send(1, second.pem()));
+    EXPECT_EQ(other, stored(0));
+    EXPECT_EQ(second.pem(), stored(1));
+    EXPECT_EQ(SECURITY_OK, enable());
+
+    EXPECT_EQ(SECURITY_OK, send(0, second.certificate(2)));  // renewed, with the same key
+    sleep(2);
+    EXPECT_EQ(SECURITY_ERR_WEB_EXPIRED, enable());
+    EXPECT_EQ(SECURITY_ERR_WEB_MISMATCH, send(1, first.pem())) << "whatever its certificate's date";
+    EXPECT_EQ(second.pem(), stored(1));
+    EXPECT_EQ(SECURITY_OK, send(1, second.pem()));
+    nginx_cert_rec record{0, "", 0};
+    EXPECT_EQ(SECURITY_ERR_NOT_PERMITTED, ask(SECURITY_NGINX_CERT_REQUEST, GET_REQ, record, false));
+    EXPECT_EQ(SECURITY_OK, ask(SECURITY_NGINX_CERT_REQUEST, DEL_REQ, record));
+    EXPECT_EQ("none", stored(0));
+}
+
+TEST_F(WebServerRequests, PortsHaveOneHome) {
+    uint32_t value = 5;
+    EXPECT_EQ((std::vector<uint32_t>{0, 0, 0}), configured());
+    EXPECT_EQ(SECURITY_ERR_NO_VALUE, service(GET_REQ, 22, value));
+    EXPECT_EQ(SECURITY_OK, configure(1, 8080, 8443));
+    EXPECT_EQ(SECURITY_OK, service(GET_REQ, 22, value));
+    EXPECT_EQ(8080u, value);
+    EXPECT_EQ(SECURITY_OK, service(GET_REQ, 21, value));
+    EXPECT_EQ(1u, value);
+
+    for (const auto& [on, http, https] :
+         {std::tuple{2, 80, 443}, {1, 80, 80}, {1, 65536, 443}, {1, 80, 65536}})
+        EXPECT_EQ(SECURITY_ERR_WEB_SETTINGS, configure(on, http, https)) << on << http << https;
+    for (const uint32_t port : {8443u, 65536u})
+        EXPECT_EQ(SECURITY_ERR_WEB_SETTINGS, service(SET_REQ, 22, value = port)) << port;
+    EXPECT_EQ(SECURITY_ERR_WEB_SETTINGS, service(SET_REQ, 21, value = 2));
+    EXPECT_EQ(SECURITY_OK, service(DEL_REQ, 23, value));
+    EXPECT_EQ((std::vector<uint32_t>{1, 8080, 8443}), configured());
+
+    EXPECT_EQ(SECURITY_OK, service(SET_REQ, 23, value = 443));
+    EXPECT_EQ(SECURITY_OK, service(SET_REQ, 21, value = 0));
+    EXPECT_EQ((std::vector<uint32_t>{0, 8080, 443}), configured());
+    EXPECT_EQ(SECURITY_OK, configure(1, 0, 65535));
+    EXPECT_EQ((std::vector<uint32_t>{1, 0, 65535}), configured());
+}
+
+}  // namespace

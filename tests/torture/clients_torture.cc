@@ -1,0 +1,208 @@
+// Many clients, bad ones among them: the others are served as quickly, no reply is lost or goes to somebody
+// else, and the daemon does not grow.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <csignal>
+#include <filesystem>
+#include <memory>
+#include <random>
+#include <thread>
+
+#include "quillplatform/shell.h"
+#include "quillsecurity.h"
+#include "tests/support/box.h"
+#include "tests/support/daemon.h"
+#include "tests/support/process.h"
+#include "tests/support/scale.h"
+
+namespace {
+
+std::string request(uint32_t operation, uint32_t code, uint32_t value) {
+    return request_frame(SECURITY_ENABLE_INFO_REQUEST, operation, word(code) + word(value));
+}
+
+// Sets and reads a service of its own over and over; each answer must be the one to its question.
+class Healthy {
+ public:
+    explicit Healthy(uint32_t code) : code_(code) {}
+
+    void ask() {
+        const bool sets = count_ % 10 == 0;
+        value_ += sets;
+        const double start = seconds_now();
+        const std::string reply = client_.ask(request(sets ? SET_REQ : GET_REQ, code_, sets ? value_ : 0));
+        const double duration = seconds_now() - start;
+        if (durations_.size() < kKept)
+            durations_.push_back(duration);
+        else
+            durations_[count_ % kKept] = duration;
+        ++count_;
+        wrong_ += reply != reply_frame(0, word(code_) + word(value_));
+    }
+    unsigned count() const { return count_; }
+    unsigned wrong() const { return wrong_; }
+    std::vector<double> take_durations() { return std::exchange(durations_, {}); }
+
+ private:
+    static constexpr size_t kKept = 100000;  // the last ones
+
+    RawClient client_;
+    uint32_t code_, value_ = 0;
+    unsigned count_ = 0, wrong_ = 0;
+    std::vector<double> durations_;
+};
+
+class Clients : public testing::Test {
+ protected:
+    Clients() {
+        setenv("LD_PRELOAD", FAULTS_LIBRARY,
+               1);  // the disk is not waited for, which is none of the clients' doing
+        daemon = std::make_unique<Daemon>();
+        unsetenv("LD_PRELOAD");
+        EXPECT_TRUE(daemon->ready()) << daemon->log();
+    }
+    auto descriptors() const {
+        const std::filesystem::directory_iterator all("/proc/" + std::to_string(daemon->pid()) + "/fd");
+        return std::distance(begin(all), end(all));
+    }
+    std::string memory(unsigned before) const {
+        const unsigned after = daemon->kilobytes();
+        EXPECT_LE(after, before + allowed(0.05 * before)) << "kilobytes of the daemon";
+        return "; memory " + std::to_string(before) + " to " + std::to_string(after) + " kB";
+    }
+
+    Box box;
+    std::unique_ptr<Daemon> daemon;
+};
+
+TEST_F(Clients, StalledAndKilledOnesDelayNobody) {
+    const unsigned kills = scale("QUILL_CLIENT_KILLS", 1000, 1000),
+                   stalled = scale("QUILL_STALLED", 100, 100);
+    Healthy healthy(5000);
+    const auto measured = [&] {
+        for (int i = 0; i < 4000; ++i) healthy.ask();
+        return Spread(healthy.take_durations());
+    };
+    const auto stall = [&] {
+        std::vector<RawClient> silent(stalled);
+        for (unsigned i = 0; i < stalled; ++i) {
+            // One says nothing, one reads no reply, one sends what is cut short and waits.
+            if (i % 3 == 1)
+                for (int sent = 0; sent < 2000 && silent[i].send(request(GET_REQ, 6000, 0), MSG_DONTWAIT);)
+                    ++sent;
+            if (i % 3 == 2) silent[i].send(request(SET_REQ, 6000, 1).substr(0, 100));
+        }
+        return silent;
+    };
+    // In turns, the best of each: what else the machine does only makes them longer.
+    Spread alone = measured(), with_stalled = alone;
+    const unsigned before = daemon->kilobytes();
+    const auto files = descriptors();
+    const auto better = [](const Spread& one, const Spread& other) {
+        return one.p99 < other.p99 ? one : other;
+    };
+    for (int i = 0; i < 5; ++i) {
+        alone = better(alone, measured());
+        const auto silent = stall();
+        sleep_for(0.3);  // until what they sent has been answered
+        with_stalled = i == 0 ? measured() : better(with_stalled, measured());
+    }
+    auto silent = stall();
+    // Processes that come and are killed delay others by themselves, so there are some that ask for nothing.
+    const auto beside_victims = [&](bool asking) {
+        const pid_t killer = start_child([&] {
+            std::mt19937 random(1);
+            for (unsigned round = 0; round < kills; round += 10) {
+                std::vector<pid_t> victims;
+                for (unsigned i = 0; i < 10; ++i)
+                    victims.push_back(start_child([&] {
+                        if (!asking) sleep_for(100);
+                        RawClient client;
+                        for (uint32_t value = 0;; ++value, sleep_for(0.001))
+                            if (i % 2 == 0)
+                                client.ask(request(SET_REQ, 7000 + i, value));
+                            else
+                                client.send(request(GET_REQ, 7000 + i, value));
+                    }));
+                sleep_for(0.001 + static_cast<double>(random() % 4000) / 1e6);
+                for (const pid_t victim : victims) kill(victim, SIGKILL);
+                for (const pid_t victim : victims) EXPECT_EQ(128 + SIGKILL, wait_for(victim));
+            }
+        });
+        std::atomic<bool> over = false;
+        std::thread waiting([&] {
+            EXPECT_EQ(0, wait_for(killer));
+            over = true;
+        });
+        while (!over) {
+            healthy.ask();
+            sleep_for(0.0005);  // as people do, so that most questions meet a new victim
+        }
+        waiting.join();
+        return Spread(healthy.take_durations());
+    };
+    const Spread control = beside_victims(false), beside = beside_victims(true);
+    EXPECT_EQ(0u, healthy.wrong());
+    EXPECT_LE(with_stalled.p99, allowed(2 * alone.p99 + 0.0002)) << "seconds beside stalled clients";
+    EXPECT_LE(beside.p99, allowed(2 * control.p99 + 0.02)) << "seconds beside clients that are killed";
+    silent.clear();
+    for (int i = 0; i < 100 && descriptors() != files; ++i) sleep_for(0.01);
+    EXPECT_EQ(files, descriptors());
+    report_figures("alone " + alone.text() + "; beside " + std::to_string(stalled) + " stalled " +
+                   with_stalled.text() + "; beside " + std::to_string(kills) + " killed " + beside.text() +
+                   ", processes that ask nothing " + control.text() + memory(before));
+}
+
+// Whether the channel, which threads may share, says what the daemon answered to this of them.
+bool exchange(uint32_t operation, uint32_t code, uint32_t value, uint32_t want) {
+    std::string record = word(code) + word(value);
+    auto length = static_cast<uint32_t>(record.size());
+    void* reply = nullptr;
+    const int32_t status =
+        security_cmi(SECURITY_ENABLE_INFO_REQUEST, operation, record.data(), &reply, &length, 1);
+    const bool right =
+        status == 0 && std::string(static_cast<char*>(reply), length) == word(code) + word(want);
+    free(reply);
+    return right;
+}
+
+// Each with a connection of its own, and some that share one.
+TEST_F(Clients, ConcurrentOnesGetTheirOwnReplies) {
+    const unsigned seconds = scale("QUILL_CONCURRENT_SECONDS", 5, 600);
+    constexpr unsigned kClients = 64, kSharing = 8;
+    security_cmi_timeout = 30;
+    std::vector<Healthy> clients;
+    for (unsigned i = 0; i < kClients; ++i) clients.emplace_back(5000 + i);
+    std::atomic<unsigned> shared_requests = 0, wrong = 0;
+    const double start = seconds_now(), warm = start + seconds / 10., end = start + seconds;
+    std::vector<std::thread> threads;
+    for (auto& client : clients)
+        threads.emplace_back([&] {
+            while (seconds_now() < end) client.ask();
+        });
+    for (unsigned i = 0; i < kSharing; ++i)
+        threads.emplace_back([&, code = 6000 + i] {
+            for (uint32_t value = 1; seconds_now() < end; ++value, ++shared_requests)
+                wrong += !exchange(SET_REQ, code, value, value) || !exchange(GET_REQ, code, 0, value);
+        });
+    sleep_for(warm - seconds_now());
+    const unsigned before = daemon->kilobytes();
+    for (auto& thread : threads) thread.join();
+    std::vector<double> durations;
+    unsigned requests = 2 * shared_requests;
+    for (auto& client : clients) {
+        wrong += client.wrong();
+        requests += client.count();
+        const auto own = client.take_durations();
+        EXPECT_LT(0u, own.size()) << "nobody starves";
+        durations.insert(durations.end(), own.begin(), own.end());
+    }
+    EXPECT_EQ(0u, wrong) << "replies that are not what was asked for";
+    report_figures(std::to_string(requests) + " requests of " + std::to_string(kClients + kSharing) +
+                   " clients at once, none lost or mixed; " + Spread(durations).text() + memory(before));
+    EXPECT_EQ(0, daemon->end()) << daemon->log();
+}
+
+}  // namespace

@@ -1,0 +1,220 @@
+// Who may do what, for everybody and everything that can be asked; hostile requests by the million, and
+// connections that race. In the sandbox, since what is permitted is done.
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <random>
+
+#include "quillplatform/shell.h"
+#include "quillsecurity.h"
+#include "tests/support/box.h"
+#include "tests/support/daemon.h"
+#include "tests/support/process.h"
+#include "tests/support/scale.h"
+#include "tests/torture/fault.h"
+
+namespace {
+
+constexpr gid_t kNogroup = 65534;
+constexpr uint32_t kForbidden = 4242, kAllowed = 4243;  // codes of services
+
+enum Who { kNobody, kAdministrators, kAll };
+
+// Written out beside the daemon's own table, as what people rely on.
+const struct Kind {
+    uint32_t type, size;
+    Who reads, writes;
+    bool has_text;
+} kKinds[] = {
+    {SECURITY_PASSWD_REQUEST, 8452, kAdministrators, kAdministrators, true},
+    {SECURITY_USER_MANAGE_REQUEST, 16960, kAdministrators, kAdministrators, true},
+    {SECURITY_ROLE_ASSIGN_REQUEST, 4292, kAll, kAdministrators, true},
+    {SECURITY_ENABLE_INFO_REQUEST, 8, kAll, kAdministrators, false},
+    {SECURITY_USER_REQUEST, 264, kAdministrators, kAdministrators, true},
+    {SECURITY_SSHKEY_FILE_REQUEST, 2328, kAdministrators, kAdministrators, true},
+    {SECURITY_SSHKEY_FILE_REQUEST, 8321, kAdministrators, kAdministrators, true},
+    {SECURITY_BANNER_REQUEST, 1, kAll, kAdministrators, false},
+    {SECURITY_RESULT_REQUEST, sizeof(security_self_test_results), kAll, kAdministrators, false},
+    {SECURITY_ROLES_REQUEST, 4292, kAll, kAdministrators, true},
+    {SECURITY_USER_LOOKUP_REQUEST, 2328, kAll, kNobody, true},
+    {SECURITY_USER_LOOKUP_REQUEST, 8321, kAll, kNobody, true},
+    {SECURITY_SSHKEY_REQUEST, 5720, kAdministrators, kAdministrators, true},
+    {SECURITY_SSHKEY_TRANSFER_REQUEST, 5720, kAdministrators, kAdministrators, true},
+    {SECURITY_PRIV_INFO_REQUEST, 1108, kAdministrators, kAdministrators, true},
+    {SECURITY_LOCALE_ASSIGN_REQUEST, 4292, kAll, kAdministrators, true},
+    {SECURITY_NGINX_PORT_REQUEST, 12, kAll, kAdministrators, false},
+    {SECURITY_NGINX_CERT_REQUEST, 2108, kAdministrators, kAdministrators, true},
+};
+const uint32_t kOperations[] = {0, GET_REQ, GETNEXT_REQ, SET_REQ, DEL_REQ, 5, 0xffffffff};
+
+std::string service(uint32_t operation, uint32_t code, uint32_t value) {
+    return request_frame(SECURITY_ENABLE_INFO_REQUEST, operation, word(code) + word(value));
+}
+
+class Peers : public testing::Test {
+ protected:
+    Peers() {
+        setenv("QUILL_FAULTS", (box / "faults").c_str(), 1);
+        fault = map_fault(box / "faults");
+        setenv("LD_PRELOAD", FAULTS_LIBRARY, 1);
+        daemon = std::make_unique<Daemon>(std::vector<std::string>{"--admin-group", "adm"});
+        unsetenv("LD_PRELOAD");
+        EXPECT_TRUE(daemon->ready()) << daemon->log();
+    }
+    void SetUp() override {
+        if (getenv("QUILL_IN_SANDBOX") == nullptr || getenv("QUILL_SANDBOX_SINGLE_USER") != nullptr)
+            GTEST_SKIP() << "for root in the sandbox";
+    }
+
+    // Every question there is, by this process; only what is permitted to one of `who` may be answered.
+    static void ask_everything(Who who, const std::string& name) {
+        const std::string refused = reply_frame(SECURITY_ERR_NOT_PERMITTED, "");
+        RawClient client;
+        for (const Kind& kind : kKinds) {
+            for (const uint32_t operation : kOperations) {
+                const bool reads = operation == GET_REQ || operation == GETNEXT_REQ;
+                const Who needed = reads ? kind.reads : kind.writes;
+                const bool permitted =
+                    who != kNobody && (needed == kAll || (needed == kAdministrators && who == needed));
+                // What is refused would do something if it were not.
+                std::string record = permitted ? "" : "abc";
+                record.resize(kind.size);
+                const std::string reply = client.ask(request_frame(kind.type, operation, record, 0, "root"));
+                EXPECT_EQ(permitted, reply != refused && !reply.empty())
+                    << name << ", type " << kind.type << ", size " << kind.size << ", operation "
+                    << operation;
+            }
+        }
+    }
+
+    Box box;
+    Fault* fault;
+    std::unique_ptr<Daemon> daemon;
+    const gid_t adm = getgrnam("adm")->gr_gid;
+};
+
+TEST_F(Peers, OnlyWhoMayIsServed) {
+    const struct {
+        const char* name;
+        uid_t user;
+        gid_t group;
+        std::vector<gid_t> groups;
+        bool known;
+        Who who;
+    } cases[] = {
+        {"nobody", 65534, kNogroup, {}, true, kAll},
+        {"another user", 1, 1, {1, 2, 3}, true, kAll},
+        {"a user in root's group", 1000, 0, {0}, true, kAll},
+        {"a user in all groups but one", 1000, 100, {0, 1, 2, 3, adm + 1, 65534}, true, kAll},
+        {"a user of the highest number", 0xfffffffe, 0xfffffffe, {}, true, kAll},
+        {"root of whom nothing is known", 0, 0, {adm}, false, kNobody},
+        {"a member of whom nothing is known", 65534, adm, {}, false, kNobody},
+        {"a member by the first group", 65534, adm, {}, true, kAdministrators},
+        {"a member", 65534, kNogroup, {1, adm, 2000}, true, kAdministrators},
+        {"root without groups", 0, kNogroup, {}, true, kAdministrators},
+    };
+    const auto before = files_in(box.state());
+    for (const auto& c : cases) {
+        fault->nobody_known = !c.known;
+        const int ended = in_child([&] {
+            become_nobody(c.group, c.groups, c.user);
+            ask_everything(c.who, c.name);
+        });
+        EXPECT_EQ(0, ended) << c.name;
+        EXPECT_TRUE(c.who == kAdministrators || before == files_in(box.state())) << c.name;
+    }
+    report_figures(std::to_string(std::size(cases) * std::size(kKinds) * std::size(kOperations)) +
+                   " kinds of requests from " + std::to_string(std::size(cases)) +
+                   " peers, each as permitted");
+}
+
+TEST_F(Peers, RacingConnectionsAreNotMixed) {
+    const unsigned count = scale("QUILL_CONNECTIONS", 10000, 100000) / 4;
+    std::vector<pid_t> racers;
+    for (int i = 0; i < 3; ++i)
+        racers.push_back(start_child([&] {
+            become_nobody();
+            for (unsigned n = 0; n < count; ++n) {
+                RawClient client;  // gone at once, its number in the daemon free for the next one
+                client.send(service(SET_REQ, kForbidden, n), MSG_DONTWAIT);
+            }
+        }));
+    racers.push_back(start_child([&] {
+        for (unsigned n = 0; n < count; ++n)
+            EXPECT_EQ(reply_frame(0, word(kAllowed) + word(n)),
+                      RawClient().ask(service(SET_REQ, kAllowed, n)));
+    }));
+    for (const pid_t racer : racers) EXPECT_EQ(0, wait_for(racer));
+    EXPECT_EQ(reply_frame(SECURITY_ERR_NO_VALUE, ""), RawClient().ask(service(GET_REQ, kForbidden, 0)));
+    EXPECT_EQ(reply_frame(0, word(kAllowed) + word(count - 1)),
+              RawClient().ask(service(GET_REQ, kAllowed, 0)));
+    report_figures(std::to_string(4 * count) + " connections that raced, none taken for another");
+}
+
+// A request that is wrong in one way or another, whoever sends it.
+std::string malformed(std::mt19937& numbers) {
+    const auto below = [&](size_t end) { return numbers() % end; };
+    const Kind& kind = kKinds[below(std::size(kKinds))];
+    const uint32_t operation = kOperations[below(std::size(kOperations))];
+    std::string frame = request_frame(kind.type, operation, std::string(kind.size, '\0'));
+    switch (below(8)) {
+    case 0: {
+        std::string noise(1 + below(below(100) == 0 ? 21000 : 300), '\0');
+        for (char& c : noise) c = static_cast<char>(numbers());
+        return noise;
+    }
+    case 1:
+        return frame.replace(below(8), 1, 1, static_cast<char>(0x80 | numbers()));  // magic and version
+    case 2:
+        return frame.replace(20, 4, word(static_cast<uint32_t>(kind.size + 1 + numbers() % 0x7fffffff)));
+    case 3:
+        return frame.substr(0, 1 + below(frame.size() - 1));
+    case 4:
+        return frame.replace(24, 128, 128, 'x');
+    case 5:  // no record has this size
+        return request_frame(kind.type, operation,
+                             std::string(20 + below(150), static_cast<char>(numbers())));
+    case 6:
+        return request_frame(6000 + static_cast<uint32_t>(below(200000)), operation,
+                             std::string(kind.size, '\1'));
+    default:  // texts without an end, or more than any record holds
+        return request_frame(
+            kind.type, operation,
+            std::string(kind.has_text ? kind.size : SECURITY_CMI_MAX_RECORD + 1 + below(5000), 'x'));
+    }
+}
+
+TEST_F(Peers, MalformedRequestsDoNothing) {
+    const unsigned count = scale("QUILL_MALFORMED", 40000, 1000000) / 2;
+    const auto send = [](unsigned seed, unsigned times) {
+        std::mt19937 numbers(seed);
+        RawClient client;
+        for (unsigned i = 0; i < times; ++i) {
+            const std::string frame = malformed(numbers), reply = client.ask(frame);
+            EXPECT_TRUE(reply.size() == 16 && reply.compare(0, 8, "QSEC" + word(1)) == 0 &&
+                        reply.compare(8, 4, word(0)) != 0)
+                << "request " << i << " of " << seed << " of " << frame.size() << " bytes, " << reply.size();
+        }
+    };
+    const auto both = [&](unsigned seed, unsigned times) {
+        const pid_t nobody = start_child([&] {
+            become_nobody();
+            send(seed, times);
+        });
+        send(seed + 1, times);
+        EXPECT_EQ(0, wait_for(nobody));
+    };
+    both(1, 2000);
+    const auto files = files_in(box.state());
+    const unsigned before = daemon->kilobytes();
+    both(3, count);
+    const unsigned after = daemon->kilobytes();
+    EXPECT_LE(after, before + allowed(0.05 * before)) << "kilobytes of the daemon";
+    EXPECT_TRUE(files == files_in(box.state()));
+    EXPECT_EQ(0, daemon->end()) << daemon->log();
+    report_figures(std::to_string(2 * count) + " malformed requests refused; memory " +
+                   std::to_string(before) + " to " + std::to_string(after) + " kB");
+}
+
+}  // namespace
