@@ -16,6 +16,7 @@ endif()
 
 pkg_check_modules(libcrypto REQUIRED IMPORTED_TARGET libcrypto)
 pkg_check_modules(sqlite3 REQUIRED IMPORTED_TARGET sqlite3)
+pkg_check_modules(zlib REQUIRED IMPORTED_TARGET zlib)
 pkg_check_modules(inih REQUIRED IMPORTED_TARGET inih)
 pkg_check_modules(libevent REQUIRED IMPORTED_TARGET libevent_core)
 if(QUILL_SYSROOT)  # cracklib has no pkg-config file
