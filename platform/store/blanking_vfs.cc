@@ -20,7 +20,7 @@ sqlite3_vfs vfs;
 // The real ones of each kind of file, and those that take their place.
 const sqlite3_io_methods *real_file, *real_log;
 sqlite3_io_methods blanked_file, blanked_log;
-bool room_is_scarce;  // the last attempt to take more of it failed
+bool scarce;  // the last attempt to take more of it failed
 
 size_t word16(const unsigned char* at) { return static_cast<size_t>(at[0] << 8 | at[1]); }
 
@@ -33,7 +33,7 @@ int write_page(sqlite3_file* file, const void* data, int amount, sqlite3_int64 o
         data = page;
     }
     const int result = real_file->xWrite(file, data, amount, offset);
-    if (result != SQLITE_OK) room_is_scarce = true;
+    if (result != SQLITE_OK) scarce = true;
     return result;
 }
 
@@ -51,8 +51,8 @@ int write_log(sqlite3_file* log, const void* data, int amount, sqlite3_int64 off
     sqlite3_int64 size = 0;
     const bool enters_step = offset % kLogStep == 0 || offset / kLogStep != last_step;
     if (enters_step && real_log->xFileSize(log, &size) == SQLITE_OK && size < needed) {
-        room_is_scarce = write_zeros(log, size, needed) != SQLITE_OK;
-        if (room_is_scarce) real_log->xTruncate(log, size);
+        scarce = write_zeros(log, size, needed) != SQLITE_OK;
+        if (scarce) real_log->xTruncate(log, size);
     }
     return real_log->xWrite(log, data, amount, offset);
 }
@@ -77,8 +77,8 @@ int empty_log(sqlite3_file* log, sqlite3_int64 size) {
 
 int truncate_log(sqlite3_file* log, sqlite3_int64 size) {
     sqlite3_int64 before = 0;
-    const bool kept = size == 0 && !room_is_scarce && real_log->xFileSize(log, &before) == SQLITE_OK &&
-                      before <= kLargestKept;
+    const bool kept =
+        size == 0 && !scarce && real_log->xFileSize(log, &before) == SQLITE_OK && before <= kLargestKept;
     return kept && empty_log(log, before) == SQLITE_OK ? SQLITE_OK : real_log->xTruncate(log, size);
 }
 
@@ -123,6 +123,8 @@ const char* blanking_vfs() {
     registered = registered || register_vfs();
     return registered ? vfs.zName : nullptr;
 }
+
+bool room_is_scarce() { return scarce; }
 
 void blank_gap(unsigned char* page, size_t size, bool first) {
     constexpr unsigned char kInteriorIndex = 2, kInteriorTable = 5, kLeafIndex = 10, kLeafTable = 13;

@@ -20,6 +20,9 @@ namespace quill {
 // Name to open databases with; null when SQLite had no memory to register it.
 const char* blanking_vfs();
 
+// The last attempt to make a file longer failed. What the log has taken may then be what the database lacks.
+bool room_is_scarce();
+
 // Zeroes the gap of a b-tree page; other pages and malformed ones stay as they are. `first` is page 1, which
 // begins with the file's header.
 void blank_gap(unsigned char* page, size_t size, bool first);

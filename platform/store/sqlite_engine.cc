@@ -87,6 +87,10 @@ uint32_t status_of(int result) {
     }
 }
 
+bool lacks_room(uint32_t status) {
+    return status == PSS_FULL || status == PSS_QUOTA || status == PSS_TOO_LARGE;
+}
+
 // Of a record, against accidents: whoever may write the file can make it right again.
 int64_t sum_of(std::string_view key, std::string_view value) {
     uLong sum = 0;
@@ -177,11 +181,12 @@ class SqliteEngine final : public Engine {
  private:
     enum Work { kReading, kWriting, kSettling, kWorks };
 
-    uint32_t report(Work work, int result);
+    uint32_t report(Work work, uint32_t status);
     uint32_t damaged();
     uint32_t walked(int result, Record& found);
     uint32_t standing(Record& found);
-    uint32_t changed(int result);
+    template <typename Run>
+    uint32_t change(Run run);
     void withdraw();
     int read_version();
     int begin_log();
@@ -210,9 +215,8 @@ class SqliteEngine final : public Engine {
 
 // A status, logged when it is not the one that was logged last for this kind of work: a full disk is one
 // line, not one a request, whatever can still be read.
-uint32_t SqliteEngine::report(Work work, int result) {
+uint32_t SqliteEngine::report(Work work, uint32_t status) {
     static constexpr const char* kNames[] = {"reading", "writing", "settling"};
-    const uint32_t status = status_of(result);
     if (status == reported_[work]) return status;
     if (status != PSS_OK)
         log_store_error(path_, status, sqlite3_errmsg(connection_.database));
@@ -240,10 +244,10 @@ uint32_t SqliteEngine::open(uint32_t expected_version) {
     // The lock is taken, and a log that a crash left is read, by the first read.
     if (result == SQLITE_OK) result = execute(database, "SELECT 1 FROM record LIMIT 1");
     if (result == SQLITE_OK) result = read_version();
-    uint32_t status = report(kReading, result);
+    uint32_t status = report(kReading, status_of(result));
     if (status == PSS_OK) status = check_version(path_, version_, expected_version);
-    if (status == PSS_OK) status = report(kWriting, begin_log());
-    if (status == PSS_OK) status = report(kReading, prepare_statements());
+    if (status == PSS_OK) status = report(kWriting, status_of(begin_log()));
+    if (status == PSS_OK) status = report(kReading, status_of(prepare_statements()));
     if (status != PSS_OK) {
         // It is left as it is, and its log as well. No memory, no database.
         if (database != nullptr) sqlite3_db_config(database, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
@@ -293,7 +297,7 @@ uint32_t SqliteEngine::fetch(std::string_view key, std::string& value) {
     use->bind(1, key);
     const int result = use->step();
     if (result == SQLITE_ROW && !use->take(key, value)) return damaged();
-    const uint32_t status = report(kReading, result);
+    const uint32_t status = report(kReading, status_of(result));
     return status == PSS_OK && result == SQLITE_DONE ? PSS_NO_KEY : status;
 }
 
@@ -310,10 +314,10 @@ uint32_t SqliteEngine::walked(int result, Record& found) {
         walk_key_ = found.key;
         walk_sound_ = found.sound;
         walking_ = true;
-        return report(kReading, result);
+        return report(kReading, PSS_OK);
     }
     end_walk();
-    const uint32_t status = report(kReading, result);
+    const uint32_t status = report(kReading, status_of(result));
     return status == PSS_OK ? PSS_NO_KEY : status;
 }
 
@@ -342,13 +346,23 @@ uint32_t SqliteEngine::after(std::string_view key, Record& found) {
     return status == PSS_OK && found.key == from ? walked(walk_.step(), found) : status;
 }
 
-// After a statement that changed the store, or failed to.
-uint32_t SqliteEngine::changed(int result) {
-    const uint32_t status = report(kWriting, result);
+// Runs a statement that changes the store; SQLITE_NOTFOUND of it where there is nothing to change. Where the
+// room for it is what the log has taken, that is emptied and the statement run again.
+template <typename Run>
+uint32_t SqliteEngine::change(Run run) {
+    end_walk();
+    const int result = run();
+    if (result == SQLITE_NOTFOUND) return PSS_NO_KEY;
+    uint32_t status = status_of(result);
     ++unsettled_;
+    if (lacks_room(status) && settle() == PSS_OK) {
+        status = status_of(run());
+        ++unsettled_;
+    }
+    report(kWriting, status);
     if (status != PSS_OK)
         withdraw();
-    else if (unsettled_ >= kSettleAfter)
+    else if (unsettled_ >= kSettleAfter || room_is_scarce())
         settle();
     return status;
 }
@@ -361,36 +375,30 @@ void SqliteEngine::withdraw() {
 }
 
 uint32_t SqliteEngine::put(std::string_view key, std::string_view value) {
-    end_walk();
-    int result;
-    {
+    return change([&] {
         Use use(put_);
         use->bind(1, key);
         use->bind(2, value);
         use->bind(3, sum_of(key, value));
-        result = use->step();
-    }
-    return changed(result);
+        return use->step();
+    });
 }
 
 uint32_t SqliteEngine::erase(std::string_view key) {
-    end_walk();
-    int result;
-    {
+    return change([&] {
         Use use(erase_);
         use->bind(1, key);
-        result = use->step();
-    }
-    if (result == SQLITE_DONE && sqlite3_changes(connection_.database) == 0) return PSS_NO_KEY;
-    return changed(result);
+        const int result = use->step();
+        const bool found = sqlite3_changes(connection_.database) != 0;
+        return result == SQLITE_DONE && !found ? SQLITE_NOTFOUND : result;
+    });
 }
 
 uint32_t SqliteEngine::stamp(uint32_t version) {
     if (version == version_) return PSS_OK;
-    end_walk();
     char text[64];
     snprintf(text, sizeof text, "PRAGMA user_version=%d", static_cast<int32_t>(version));
-    const uint32_t status = changed(execute(connection_.database, text));
+    const uint32_t status = change([&] { return execute(connection_.database, text); });
     if (status == PSS_OK) version_ = version;
     return status;
 }
@@ -411,7 +419,7 @@ int SqliteEngine::empty_log() {
 uint32_t SqliteEngine::settle() {
     if (unsettled_ == 0) return PSS_OK;
     end_walk();
-    const uint32_t status = report(kSettling, empty_log());
+    const uint32_t status = report(kSettling, status_of(empty_log()));
     if (status == PSS_OK) unsettled_ = 0;
     return status;
 }

@@ -26,6 +26,8 @@ struct Fault {
     bool happened = false;
 } fault;
 
+off64_t longest = INT64_MAX;  // no file takes more
+
 int flushes;     // fdatasync calls that went well
 bool unflushed;  // none since something was written or cut off
 
@@ -51,6 +53,10 @@ Call* real(const char* name) {
 
 INTERPOSED ssize_t pwrite64(int file, const void* bytes, size_t size, off64_t at) {
     if (fails("pwrite")) return -1;
+    if (at + static_cast<off64_t>(size) > longest) {
+        errno = ENOSPC;
+        return -1;
+    }
     unflushed = true;
     return real<decltype(pwrite64)>("pwrite64")(file, bytes, size, at);
 }
@@ -75,6 +81,7 @@ class SqliteFaults : public testing::Test {
  protected:
     ~SqliteFaults() override {
         fault = {};
+        longest = INT64_MAX;
         pss2_close(handle);
     }
 
@@ -151,6 +158,19 @@ TEST_F(SqliteFaults, AFailedWriteChangesNothing) {
     EXPECT_TRUE(stored == fetch(handle, "key"));
     for (unsigned i = 1; i <= count; ++i)
         EXPECT_TRUE(numbered(std::string(9000, 'v'), i) == fetch(handle, numbered("other", i))) << i;
+}
+
+// Changes come faster than anybody settles them.
+TEST_F(SqliteFaults, NoChangeIsRefusedForRoomThatOnlyTheLogHasTaken) {
+    ASSERT_EQ(PSS_OK, open());
+    longest = 150000;
+    for (unsigned i = 0; i < 200; ++i) {
+        const std::string value = numbered(std::string(9000, 'v'), i);
+        ASSERT_EQ(PSS_OK, put(handle, "key", value)) << i;
+        ASSERT_EQ(value, fetch(handle, "key"));
+        ASSERT_EQ(PSS_OK, erase(handle, "key")) << i;
+        ASSERT_EQ("[40480003]", fetch(handle, "key"));
+    }
 }
 
 // The process dies right after the failure: what was refused must not come back as stored.

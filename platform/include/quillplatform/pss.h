@@ -11,8 +11,8 @@
  *  - What was deleted or replaced is blanked in the store's files: at the latest after 256 further changes,
  *    when the store is next opened or closed, or when pss2_settle() is called (the daemon does so within
  *    a second of a change). Until then the old bytes may stand in the file NAME.db-wal, which keeps up to
- *    4 MiB of room for the changes to come, and gives that back when it is next emptied after the disk was
- *    full. While a full disk keeps the log from being moved into NAME.db, neither happens.
+ *    4 MiB of room for the changes to come. It gives that back as soon as the disk is full, and no change is
+ *    refused for it. While a full disk keeps the log from being moved into NAME.db, neither happens.
  *  - A full disk, a failing device and a damaged file are statuses; what is readable stays readable, and
  *    calls succeed again once the cause is gone. A program whose files may be limited in size (setrlimit(2))
  *    catches or ignores SIGXFSZ, which would end it before PSS_TOO_LARGE is answered.
