@@ -40,9 +40,13 @@ struct CommandLine {
     std::span<const char* const> words;
     std::optional<std::string> timeout = {};
 
-    // A noun or verb that is not among the words needs nothing declared below it, which takes most of the
-    // time of reading a line.
-    bool has(std::string_view name) const { return std::ranges::find(words, name) != words.end(); }
+    // Declaring takes most of the time of reading a line, so a noun or verb is declared where the line may
+    // have it: among the words, or in a list of help.
+    bool may_have(std::string_view name) const {
+        return std::ranges::any_of(words, [&](std::string_view word) {
+            return word == name || word.starts_with("-h") || word.starts_with("--help");
+        });
+    }
 };
 
 void declare_global(CLI::App& app, std::optional<std::string>& timeout) {
@@ -79,16 +83,16 @@ void declare(CLI::App& app, const Argument& argument) {
 }
 
 void declare(CLI::App& noun_app, const Noun& noun, const Verb& verb, CommandLine& line) {
+    if (!line.may_have(verb.name)) return;
     CLI::App& app = *noun_app.add_subcommand(verb.name, verb.help)->group("Verbs");
-    if (!line.has(verb.name)) return;
     for (const Argument& argument : verb.arguments) declare(app, argument);
     declare_global(app, line.timeout);
     app.footer(noun.notes);
 }
 
 void declare(CLI::App& root, const Noun& noun, CommandLine& line) {
+    if (!line.may_have(noun.name)) return;
     CLI::App& app = *root.add_subcommand(noun.name, noun.help)->group("Nouns");
-    if (!line.has(noun.name)) return;
     label_next_words(app, "VERB [ARGUMENT...]");
     for (const Verb& verb : noun.verbs) declare(app, noun, verb, line);
     if (noun.first_verb_implied) {
@@ -124,15 +128,14 @@ std::string path(const Levels& levels) {
     return names;
 }
 
+const Noun& noun_of(const Levels& levels) {
+    return **std::ranges::find(kNouns, levels[1]->get_name(), [](const Noun* noun) { return noun->name; });
+}
+
 const Verb& verb_of(const Levels& levels) {
-    for (const Noun* noun : kNouns) {
-        if (levels[1]->get_name() != noun->name) continue;
-        if (levels.size() == 2) return noun->verbs.front();
-        for (const Verb& verb : noun->verbs) {
-            if (levels[2]->get_name() == verb.name) return verb;
-        }
-    }
-    throw std::logic_error("a verb was recognised that no table has");
+    const Noun& noun = noun_of(levels);
+    if (levels.size() == 2) return noun.verbs.front();
+    return *std::ranges::find(noun.verbs, levels[2]->get_name(), &Verb::name);
 }
 
 std::string usage(const Levels& levels, const Verb& verb) {
@@ -182,7 +185,11 @@ std::optional<std::string> misplaced(const CLI::App& level, bool options) {
 Failure next_word_failure(const Levels& levels) {
     const char* kind = levels.size() == 1 ? "noun" : "verb";
     std::vector<std::string> known;
-    for (const CLI::App* app : levels.back()->get_subcommands(nullptr)) known.push_back(app->get_name());
+    if (levels.size() == 1) {
+        for (const Noun* noun : kNouns) known.emplace_back(noun->name);
+    } else {
+        for (const Verb& verb : noun_of(levels).verbs) known.emplace_back(verb.name);
+    }
     if (const auto word = misplaced(*levels.back(), false)) return unknown_word(kind, levels, *word, known);
     return wrong_line(kind, fmt::format("{}a {} is missing", where(levels), kind), "use " + either(known));
 }
