@@ -1,23 +1,7 @@
 #include "tests/accounts/account_files.h"
 
-#include <cstdarg>
 #include <fstream>
 #include <iterator>
-
-std::vector<std::string>& log_lines() {
-    static std::vector<std::string> lines;
-    return lines;
-}
-
-// Taken in place of the C library's.
-extern "C" void syslog(int priority, const char* format, ...) {
-    char text[512];
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(text, sizeof text, format, arguments);
-    va_end(arguments);
-    log_lines().push_back(std::to_string(priority) + " " + text);
-}
 
 void write_file(const std::string& path, const std::string& text) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << text;

@@ -1,10 +1,11 @@
-// The box's account files, written anew for each test, and what the library logs.
+// The box's account files, written anew for each test.
 #pragma once
 
 #include <string>
 #include <vector>
 
 #include "tests/fakes/library_test.h"
+#include "tests/fakes/log.h"
 
 struct Account {
     std::string name;
@@ -20,6 +21,3 @@ class AccountFiles : public LibraryTest {
 
 void write_file(const std::string& path, const std::string& text);
 std::string read_file(const std::string& path);
-
-// Lines of syslog(3), each with its priority before it.
-std::vector<std::string>& log_lines();

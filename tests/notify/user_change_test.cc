@@ -1,22 +1,7 @@
-#include <cstdarg>
 #include <cstring>
 
 #include "tests/fakes/library_test.h"
-
-namespace {
-
-std::vector<std::string> logged;
-
-}  // namespace
-
-extern "C" void syslog(int priority, const char* format, ...) {
-    char text[512];
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(text, sizeof text, format, arguments);
-    va_end(arguments);
-    logged.push_back(std::to_string(priority) + " " + text);
-}
+#include "tests/fakes/log.h"
 
 namespace {
 
@@ -47,7 +32,7 @@ TEST_F(UserChange, IsSentLoggedAndRead) {
         EXPECT_EQ(0x01020304u, got.number);
         EXPECT_EQ(0, memcmp(&roles, &got.role_set, sizeof roles));
         EXPECT_STREQ("a text", got.text);
-        EXPECT_EQ("85 " + std::string(texts[type - 1]) + " amy", logged.back());
+        EXPECT_EQ("85 " + std::string(texts[type - 1]) + " amy", log_lines().back());
         EXPECT_STREQ(texts[type - 1], security_notification_msg[type - 1]);
     }
 }
@@ -58,7 +43,7 @@ TEST_F(UserChange, LeavesOutWhatIsNotGivenAndCutsWhatIsTooLong) {
     want.type = 7;
     security_notification got = received();
     EXPECT_EQ(0, memcmp(&want, &got, sizeof want));
-    EXPECT_EQ("85  ", logged.back());  // a type without a text
+    EXPECT_EQ("85  ", log_lines().back());  // a type without a text
 
     const std::string name(128, 'n'), text(40, 't');
     EXPECT_EQ(0u,
@@ -70,7 +55,7 @@ TEST_F(UserChange, LeavesOutWhatIsNotGivenAndCutsWhatIsTooLong) {
 }
 
 TEST_F(UserChange, AFailedStepIsAnsweredAndNotLogged) {
-    logged.clear();
+    log_lines().clear();
     for (const auto& [result, want] : {std::pair{-1, 113u}, {-2, 0xfffffffeu}, {5, 5u}}) {
         world().mts_result = result;
         world().mts_errno = 113;
@@ -80,7 +65,7 @@ TEST_F(UserChange, AFailedStepIsAnsweredAndNotLogged) {
     world().tlv_memory = false;
     EXPECT_EQ(1u, security_userchange_notify(9, 1, "amy", 0, nullptr, nullptr));
     EXPECT_TRUE(world().announced.empty());
-    EXPECT_TRUE(logged.empty());
+    EXPECT_TRUE(log_lines().empty());
 }
 
 TEST_F(UserChange, UnreadableMessagesAreRefused) {
