@@ -2,7 +2,6 @@
 
 #include <malloc.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -15,14 +14,15 @@ Reply::~Reply() {
     free(block_);
 }
 
+const void* Reply::bytes(uint32_t wanted) const {
+    return block_ != nullptr && malloc_usable_size(block_) >= wanted ? block_ : nullptr;
+}
+
 uint32_t send(int32_t request_type, uint32_t operation, const void* record, uint32_t length, Reply* reply,
               uint32_t connection) {
     // The channel takes the request's address for one that it may write to, and never does.
     const int32_t status = security_cmi(request_type, operation, const_cast<void*>(record),
                                         reply != nullptr ? &reply->block_ : nullptr, &length, connection);
-    // The block is as long as the length word says, and never longer than the heap has it.
-    if (reply != nullptr && reply->block_ != nullptr)
-        reply->length_ = std::min(length, static_cast<uint32_t>(malloc_usable_size(reply->block_)));
     return static_cast<uint32_t>(status);
 }
 
@@ -33,7 +33,10 @@ uint32_t exchange(int32_t request_type, uint32_t operation, void* record, uint32
     const uint32_t status = send(request_type, operation, record, length, &reply, connection);
     if (status != SECURITY_OK) return status;
     const void* answered = reply.bytes(length);
-    if (answered == nullptr) return SECURITY_ERR_TRANSPORT | EPROTO;
+    if (answered == nullptr) {
+        errno = EPROTO;
+        return SECURITY_ERR_TRANSPORT | EPROTO;
+    }
     memcpy(record, answered, length);
     security_conf_cmi_byteorder_convert(request_type, record);
     return SECURITY_OK;

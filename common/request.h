@@ -22,8 +22,9 @@ class Reply {
     // There was one, of whatever length.
     bool received() const { return block_ != nullptr; }
 
-    // Its first bytes, or its record; null where the reply is missing or shorter than that.
-    const void* bytes(uint32_t wanted) const { return length_ >= wanted ? block_ : nullptr; }
+    // Its first bytes, or its record; null where the reply is missing or its block is shorter than that. The
+    // heap says how long it is: what a channel leaves in the length word is its own affair.
+    const void* bytes(uint32_t wanted) const;
     template <class Record>
     const Record* as() const {
         return static_cast<const Record*>(bytes(sizeof(Record)));
@@ -33,7 +34,6 @@ class Reply {
     friend uint32_t send(int32_t, uint32_t, const void*, uint32_t, Reply*, uint32_t);
 
     void* block_ = nullptr;
-    uint32_t length_ = 0;
 };
 
 // Sends `length` bytes as they stand, once, and answers the status as it came, 0xffffffff where nothing was
@@ -42,8 +42,8 @@ uint32_t send(int32_t request_type, uint32_t operation, const void* record, uint
               uint32_t connection);
 
 // Sends a record, which is converted to wire order in place. With status 0 the reply's record, back in host
-// order, replaces it; a reply shorter than the record is SECURITY_ERR_TRANSPORT | EPROTO instead. Any other
-// status comes back unchanged.
+// order, replaces it; a reply shorter than the record is SECURITY_ERR_TRANSPORT | EPROTO instead, and errno
+// is EPROTO. Any other status comes back unchanged.
 uint32_t exchange(int32_t request_type, uint32_t operation, void* record, uint32_t length,
                   uint32_t connection);
 
@@ -60,11 +60,10 @@ uint32_t request(int32_t request_type, uint32_t operation, Record& record, uint3
 // Whether the channel could not deliver a request: it then answers a negative number.
 inline bool undelivered(uint32_t status) { return status >> 31 != 0; }
 
-// The status of a request with an undeliverable one, for which the channel answers -1, as
+// The status of a request with an undeliverable one, for which the channel answers a negative number, as
 // SECURITY_ERR_TRANSPORT and errno.
 inline uint32_t with_errno(uint32_t status) {
-    const bool bare = undelivered(status) && (status & 0xffff0000u) != SECURITY_ERR_TRANSPORT;
-    return bare ? SECURITY_ERR_TRANSPORT | (static_cast<uint32_t>(errno) & 0xfff) : status;
+    return undelivered(status) ? SECURITY_ERR_TRANSPORT | (static_cast<uint32_t>(errno) & 0xfff) : status;
 }
 
 // Lets requests take as long as given while in scope.

@@ -235,9 +235,11 @@ int32_t exchange(int32_t request_type, uint32_t operation, const void* record, u
     return -1;
 }
 
-// A block of the reply's record, or null where it has none. False when memory ran out.
-bool hand_over(void** reply, uint32_t* length) {
+// A block of the reply's record, or null where it has none of at least this length. False when memory ran
+// out.
+bool hand_over(void** reply, uint32_t* length, uint32_t least) {
     *length = answer.head.length;
+    if (*length < least) *length = 0;
     if (*length == 0) return true;
     *reply = malloc(*length);
     if (*reply == nullptr) {
@@ -262,7 +264,7 @@ int32_t security_cmi(int32_t request_type, uint32_t operation, void* record, voi
     int32_t status = -1;
     try {
         status = exchange(request_type, operation, record, request_length);
-        if (status >= 0 && reply != nullptr && !hand_over(reply, length)) status = -1;
+        if (status >= 0 && reply != nullptr && !hand_over(reply, length, request_length)) status = -1;
     } catch (const std::bad_alloc&) {  // over the socket's name
         errno = ENOMEM;
     }

@@ -70,7 +70,7 @@ TEST_F(UserMembers, HeldOrNot) {
         memset(lying.data() + 128, 0x7f, 4);
         world().reply.record = lying;
         EXPECT_EQ(kind.not_held, kind.config(3, GET_REQ, &held));
-        world().reply.record = lying.substr(1);
+        world().reply.record = lying.substr(100);
         EXPECT_EQ(0x804a0000u | EPROTO, kind.config(3, GET_REQ, &held));
         world().reply = {.status = -1, .error = ECONNREFUSED};
         EXPECT_EQ(0x804a0000u | ECONNREFUSED, kind.config(3, GET_REQ, &held));

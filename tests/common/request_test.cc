@@ -51,8 +51,8 @@ TEST_F(Request, FailureLeavesTheRecordAndPassesTheStatusOn) {
         {"a status of the daemon", {.status = 0x404a0014, .record = std::string(264, 'x')}, 0x404a0014},
         {"a status without a record", {.status = 0x404a0014, .missing = true}, 0x404a0014},
         {"undeliverable", {.status = -1, .error = ENOENT}, 0xffffffff},
-        {"no record where one is due", {.missing = true}, 0x804a0000 | EPROTO},
-        {"a record one byte short", {.record = std::string(263, 'x')}, 0x804a0000 | EPROTO},
+        {"no record where one is due", {.missing = true, .error = EPROTO}, 0x804a0000 | EPROTO},
+        {"a record that is short", {.record = std::string(200, 'x'), .error = EPROTO}, 0x804a0000 | EPROTO},
     };
     for (const auto& c : cases) {
         world().reply = c.reply;

@@ -134,8 +134,9 @@ TEST_F(Channel, RepliesOfAllKinds) {
         std::string record;
     } cases[] = {
         {"success", good, 0, 0, "record"},
-        {"a status with a record", reply_frame(0x404a0014, "why"), 0x404a0014, 0, "why"},
+        {"a status with a record", reply_frame(0x404a0014, "reason"), 0x404a0014, 0, "reason"},
         {"no record", reply_frame(0, ""), 0, 0, "(null)"},
+        {"a byte short of the request", reply_frame(0, "recor"), 0, 0, "(null)"},
         {"the largest", largest, 0, 0, largest.substr(16)},
         {"one byte more", reply_frame(0, std::string(SECURITY_CMI_MAX_RECORD + 1, 'x')), -1, EPROTO,
          "(null)"},
@@ -177,7 +178,7 @@ TEST_F(Channel, NoDaemon) {
 TEST_F(Channel, TooLongARequestIsNotSent) {
     ServerProcess server(answer);
     EXPECT_EQ(EMSGSIZE, ask(kEcho, std::string(SECURITY_CMI_MAX_RECORD + 1, 'x')).error);
-    EXPECT_EQ("1", ask(kCount).record) << "the server saw nothing of it";
+    EXPECT_EQ("1", ask(kCount, "").record) << "the server saw nothing of it";
 }
 
 // Nor do signals lengthen or break the wait.
@@ -220,8 +221,8 @@ TEST_F(Channel, LimitsAtTheirEnds) {
 TEST_F(Channel, ARestartIsNotNoticed) {
     for (const int signal : {SIGTERM, SIGKILL}) {
         ServerProcess server(answer);
-        EXPECT_EQ("1", ask(kCount).record);
-        EXPECT_EQ("2", ask(kCount).record);
+        EXPECT_EQ("1", ask(kCount, "").record);
+        EXPECT_EQ("2", ask(kCount, "").record);
         server.end(signal);
     }
     EXPECT_EQ(ECONNREFUSED, ask(kEcho).error) << "the last one left its socket";
@@ -229,11 +230,11 @@ TEST_F(Channel, ARestartIsNotNoticed) {
 
 TEST_F(Channel, ARequestWhoseDaemonDiedIsNotSentAgain) {
     auto server = std::make_unique<ServerProcess>(answer);
-    EXPECT_EQ("1", ask(kCount).record);
+    EXPECT_EQ("1", ask(kCount, "").record);
     EXPECT_EQ(ECONNRESET, ask(kDie).error);
     EXPECT_EQ(0, server->join());
     server = std::make_unique<ServerProcess>(answer);
-    EXPECT_EQ("1", ask(kCount).record) << "nothing came before it";
+    EXPECT_EQ("1", ask(kCount, "").record) << "nothing came before it";
 }
 
 TEST_F(Channel, AForkedChildHasItsOwnConnection) {
@@ -336,11 +337,11 @@ TEST_F(Channel, NobodyTakesAllPlaces) {
 TEST_F(Channel, ANewServerTakesTheNameOver) {
     const mode_t mask = umask(077);
     ServerProcess first(answer);
-    ask(kCount);
+    ask(kCount, "");
     ServerProcess second(answer);
     EXPECT_EQ("0666", mode_of(socket_path()));
     umask(mask);
-    EXPECT_EQ("2", ask(kCount).record) << "whoever is connected stays";
+    EXPECT_EQ("2", ask(kCount, "").record) << "whoever is connected stays";
     EXPECT_EQ("1", RawClient().ask(request_frame(kCount, 1, "")).substr(16));
     EXPECT_EQ(0, first.end(SIGTERM));
     EXPECT_EQ("2", RawClient().ask(request_frame(kCount, 1, "")).substr(16)) << "the name is the second's";

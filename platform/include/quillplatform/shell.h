@@ -20,8 +20,8 @@ extern "C" {
 
 /* Sends one request and waits for its reply.
  *   request     the record, of *length bytes, already in wire byte order
- *   reply       receives a block from malloc(3) with the reply's record, or null where it has none; the
- *               caller frees it whatever the status
+ *   reply       receives a block from malloc(3) with the reply's record, or null where it has none or one
+ *               that is shorter than the request's; the caller frees it whatever the status
  *   length      in: bytes of the request; out: bytes of the reply, 0 where there is none
  *   connection  the caller's connection number; the reference has one connection and does not use it
  * Answers the daemon's status (0 or positive; SECURITY_ERR_BUSY where the daemon has no place for another
