@@ -44,6 +44,9 @@ uint32_t store(uint32_t handle, const Key& key, Run value);
 // SECURITY_PSS_NO_KEY when there is no such key; see no_key_as().
 uint32_t erase(uint32_t handle, const Key& key);
 
+// Whether a handler does anything at all: other operations touch no record and answer 0.
+constexpr bool touches_record(uint32_t operation) { return operation >= GET_REQ && operation <= DEL_REQ; }
+
 // The same status, but for the store's "no such key", which becomes the given one.
 constexpr uint32_t no_key_as(uint32_t mapped, uint32_t status) {
     return status == SECURITY_PSS_NO_KEY ? mapped : status;

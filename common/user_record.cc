@@ -78,7 +78,7 @@ uint32_t security_user_config(uint32_t handle, uint32_t operation, security_user
     using namespace quill;
     security_user& user = *record;
     trace("In %s:", __func__);
-    if (!terminated(user.user_name)) return SECURITY_ERR_REQUEST_TEXT;
+    if (touches_record(operation) && !terminated(user.user_name)) return SECURITY_ERR_REQUEST_TEXT;
     if (operation == SET_REQ && user.encryption_type == SECURITY_ENCRYPTION_CLEAR && !encode(user)) {
         trace("encryption failed for user:%s", user.user_name);
         return SECURITY_ERR_CRYPT;

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "common/byte_order.h"
+#include "common/store_access.h"
 #include "common/text_field.h"
 #include "fuzz/input.h"
 #include "quillsecurity.h"
@@ -31,7 +32,7 @@ void banner(Input& input, uint32_t operation) {
 
 void user(Input& input, uint32_t operation) {
     auto record = input.record<security_user>();
-    const bool ends = quill::terminated(record.user_name);
+    const bool ends = !quill::touches_record(operation) || quill::terminated(record.user_name);
     const uint32_t status = security_user_config(kHandle, operation, &record);
     require(ends || status == SECURITY_ERR_REQUEST_TEXT);
     // A damaged store may hold a password in clear, which nobody decodes.

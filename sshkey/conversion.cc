@@ -131,10 +131,9 @@ uint32_t convert(ssh_key_new_rec& source, ssh_key_rec& target) {
         return import_ssh2(source, target);
     case SSHKEY_FMT_X509_PEM:
         return convert_certificate(source, target);
-    case SSHKEY_FMT_X509V3_SIGN_RSA:
+    default:
         return copy_line(source, target);
     }
-    return SECURITY_ERR_SSHKEY_FORMAT;
 }
 
 }  // namespace
@@ -143,6 +142,7 @@ uint32_t convert(ssh_key_new_rec& source, ssh_key_rec& target) {
 uint32_t convert_other_ssh_key_to_openssh(ssh_key_new_rec* source, ssh_key_rec* target) {
     using namespace quill;
     if (source == nullptr || source->key_format == SSHKEY_FMT_OPENSSH) return SECURITY_ERR_SSHKEY_CONVERT;
+    if (source->key_format > SSHKEY_FMT_X509V3_SIGN_RSA) return SECURITY_ERR_SSHKEY_FORMAT;
     if (!terminated(source->user_name) || !terminated(source->key_text)) return SECURITY_ERR_SSHKEY_CONVERT;
     if (holds_private_key(std::string_view(source->key_text))) return SECURITY_ERR_SSHKEY_FORMAT;
     const uint32_t status = convert(*source, *target);

@@ -38,7 +38,7 @@ uint32_t set(const Format& format, uint32_t handle, const Name& user_name, Run v
 }
 
 uint32_t serve(const Format& format, uint32_t handle, uint32_t operation, Name& user_name, Run value) {
-    if (!terminated(user_name)) return SECURITY_ERR_REQUEST_TEXT;
+    if (touches_record(operation) && !terminated(user_name)) return SECURITY_ERR_REQUEST_TEXT;
     const Key key(format.table, user_name);
     switch (operation) {
     case GET_REQ:

@@ -113,6 +113,11 @@ TEST_F(UserRecord, AnswersByOperation) {
         EXPECT_EQ(c.want, config(c.operation, record)) << c.what;
         EXPECT_EQ(bytes_of(before), bytes_of(record)) << c.what;
     }
+    security_user any;
+    memset(&any, 0xaa, sizeof any);
+    const auto before = any;
+    EXPECT_EQ(0u, config(5, any));
+    EXPECT_EQ(bytes_of(before), bytes_of(any)) << "nobody looked into it";
     world().store = {{name_key(5, "amy"), "x"}};
     auto record = user("amy");
     EXPECT_EQ(0u, config(DEL_REQ, record));
