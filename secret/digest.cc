@@ -1,42 +1,35 @@
 #include "secret/digest.h"
 
-#include <cstring>
-
 namespace quill {
 namespace {
 
-// The digest used last. Between uses its context holds what it computed last, and no secret. It is never
+// Of the digest used last. Between uses the context holds what it computed last, and no secret. It is never
 // freed at exit, where OpenSSL may have ended before.
-struct Current {
-    char name[32] = "";
-    EVP_MD_CTX* context = nullptr;
+const EVP_MD* current_kind;
+EVP_MD_CTX* current;
 
-    void set(EVP_MD_CTX* other) {
-        EVP_MD_CTX_free(context);
-        context = other;
-    }
-} current;
+EVP_MD_CTX* context_of(const EVP_MD* kind) {
+    EVP_MD_CTX* context = EVP_MD_CTX_new();
+    if (context != nullptr && EVP_DigestInit_ex(context, kind, nullptr) == 1) return context;
+    EVP_MD_CTX_free(context);
+    return nullptr;
+}
 
 }  // namespace
 
 bool select_digest(const char* name) {
     if (name == nullptr || *name == '\0') return false;
-    if (strcmp(name, current.name) == 0) return true;
-    OpenSSL_add_all_digests();
-    const EVP_MD* kind = EVP_get_digestbyname(name);
+    const EVP_MD* kind = EVP_get_digestbyname(name);  // which makes all of them known first
     if (kind == nullptr) return false;
-    current.name[0] = '\0';
-    current.set(EVP_MD_CTX_new());
-    if (current.context == nullptr || EVP_DigestInit_ex(current.context, kind, nullptr) != 1)
-        current.set(nullptr);
-    // A name that does not fit, or a context that could not be had, is looked up again the next time.
-    else if (strlen(name) < sizeof current.name)
-        strcpy(current.name, name);
+    if (kind == current_kind && current != nullptr) return true;
+    EVP_MD_CTX_free(current);
+    current = context_of(kind);
+    current_kind = kind;
     return true;
 }
 
 bool digest_of(Part first, Part second, Part third, Digest& digest) {
-    EVP_MD_CTX* context = current.context;
+    EVP_MD_CTX* context = current;
     return context != nullptr && EVP_DigestInit_ex(context, nullptr, nullptr) == 1 &&
            EVP_DigestUpdate(context, first.bytes, first.length) == 1 &&
            EVP_DigestUpdate(context, second.bytes, second.length) == 1 &&

@@ -116,19 +116,20 @@ bool checks_on(uint32_t connection) {
     return on != 0;
 }
 
-// Cracklib says so itself of a dictionary that is missing, after a complaint on standard error, and finds
-// nothing in an empty one: every password would be good.
-bool dictionary_is_there() {
+// Cracklib says so itself of a dictionary that is missing, but finds nothing in an empty one: every password
+// would be good.
+bool dictionary_is_empty() {
     for (const char* part : {".pwd", ".pwi", ".hwm"}) {
         char path[sizeof kDictionary + 4];
         snprintf(path, sizeof path, "%s%s", kDictionary, part);
         const int descriptor = open(path, O_RDONLY | O_CLOEXEC);
         char byte;
-        const bool filled = descriptor >= 0 && read(descriptor, &byte, 1) == 1;
-        if (descriptor >= 0) close(descriptor);
-        if (!filled) return false;
+        if (descriptor < 0) continue;
+        const bool empty = read(descriptor, &byte, 1) != 1;
+        close(descriptor);
+        if (empty) return true;
     }
-    return true;
+    return false;
 }
 
 const char* objection(const char* password, const char* user_name) {
@@ -136,7 +137,7 @@ const char* objection(const char* password, const char* user_name) {
         trace("Implementing our own checks: security_check_strength_main() func called");
         return message;
     }
-    const char* message = dictionary_is_there() ? FascistCheck(password, kDictionary) : kNoDictionary;
+    const char* message = dictionary_is_empty() ? kNoDictionary : FascistCheck(password, kDictionary);
     if (message != nullptr) trace("Implementing cracklib checks: FascistCheck func called");
     return message;
 }

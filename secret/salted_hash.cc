@@ -54,6 +54,7 @@ struct HashString {
     uint32_t salt_length;
     const char* digest;
     uint32_t digest_length;
+    bool sound;  // the lengths of its parts add up
 };
 
 uint32_t parse(const char* stored, uint32_t stored_length, HashString& parts) {
@@ -77,8 +78,8 @@ uint32_t parse(const char* stored, uint32_t stored_length, HashString& parts) {
 
     // By the length that was given, and for a type of one digit: texts that fit neither do not verify.
     const int64_t salt_length = static_cast<int64_t>(stored_length) - parts.digest_length - 4;
-    if (salt_length < 0 || salt_length > stored + length - parts.salt) return SECURITY_ERR_CRYPT;
-    parts.salt_length = static_cast<uint32_t>(salt_length);
+    parts.sound = salt_length >= 0 && salt_length <= stored + length - parts.salt;
+    parts.salt_length = parts.sound ? static_cast<uint32_t>(salt_length) : 0;
     return SECURITY_OK;
 }
 
@@ -193,10 +194,11 @@ uint32_t security_verify_hash(const char* secret, uint32_t secret_length, const 
 uint32_t security_verify_shadowed_hash(const char* secret, uint32_t secret_length, const char* stored,
                                        uint32_t stored_length) {
     quill::HashString parts;
-    const uint32_t status = quill::parse(stored, stored_length, parts);
+    uint32_t status = quill::parse(stored, stored_length, parts);
     if (status != SECURITY_OK) return status;
-    return security_verify_hash(secret, secret_length, parts.salt, parts.salt_length, parts.digest,
-                                parts.digest_length, parts.digest_name);
+    status = security_verify_hash(secret, secret_length, parts.salt, parts.salt_length, parts.digest,
+                                  parts.digest_length, parts.digest_name);
+    return status == SECURITY_OK && !parts.sound ? SECURITY_ERR_CRYPT : status;
 }
 
 uint32_t security_verify_md5_hash_func(const char* stored, uint32_t stored_length, const char* candidate,

@@ -190,6 +190,7 @@ TEST_F(SaltedHash, VerifiesExactlyHashStrings) {
         {"no salt, another digest", "$1$$440ac85892ca43ad", 0},
         {"unknown type", "$2$1f$134cc78c882a1c63", 0x404a0009},
         {"a type that names no digest", "$0$1f$134cc78c882a1c63", 0x404a0008},
+        {"the same, with lengths that do not add up", "$x$ab$0123456789abcdef", 0x404a0008},
         {"two-digit type: the salt is taken one too long", "$01$1f$134cc78c882a1c63", 0x404a0009},
         {"and verifies with the separator in it", "$01$1f$8873ff23f0643409", 0},
         {"no second separator", "$1$1f134cc78c882a1c63", 0x404a0009},
