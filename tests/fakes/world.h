@@ -68,6 +68,7 @@ struct World {
 
     std::vector<Announced> announced;
     int32_t mts_result = 0;  // of each sending
+    bool mts_sizes = true;   // false: the transport tells none
     uint32_t mts_errno = 0;  // and what is said of it
     bool tlv_memory = true;  // false: there is none for TLV messages
     std::vector<std::string> tlv_errors;

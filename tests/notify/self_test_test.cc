@@ -66,6 +66,13 @@ TEST_F(SelfTest, NothingIsReadBehindAResponseWithoutAnArray) {
     }
 }
 
+TEST_F(SelfTest, ATransportMayLeaveTheSizeOut) {
+    Parts parts;
+    world().mts_sizes = false;
+    ASSERT_EQ(0u, parse({2213, response(8, "eeee") + "more"}, parts));
+    EXPECT_EQ(8, parts.size);
+}
+
 TEST_F(SelfTest, ResponsesThatAreNone) {
     const std::string whole = response(8, "eeee");
     const FakeMessage good{2213, whole};

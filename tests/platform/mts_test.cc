@@ -83,8 +83,12 @@ struct Listener {
         if (message == nullptr) return strerrorname_np(errno);
         const auto* payload = static_cast<const char*>(mts_payload_get(message));
         const uint32_t size = mts_payload_size(message);
-        EXPECT_EQ(0, memcmp(payload + size, "\0\0\0\0", 4));
-        const std::string text = std::to_string(mts_opc_get(message)) + " " + std::string(payload, size);
+        EXPECT_EQ(size == 0, payload == nullptr);
+        std::string text = std::to_string(mts_opc_get(message)) + " ";
+        if (size != 0) {
+            text.append(payload, size);
+            EXPECT_EQ(0, memcmp(payload + size, "\0\0\0\0", 4));
+        }
         quill_mts_free(message);
         return text;
     }

@@ -54,7 +54,8 @@ int32_t mts_send(uint32_t handle, uint32_t node, uint32_t sap, uint32_t opcode, 
 uint32_t mts_errno_get(uint32_t handle);
 
 /* Of a message: its opcode, its payload and the payload's size in bytes. For null: 0, null and 0. The payload
- * belongs to the message, is aligned for words, and four zero bytes stand behind it. */
+ * belongs to the message, is aligned for words, and four zero bytes stand behind it; it is null where it has
+ * no bytes. */
 uint32_t mts_opc_get(const void* message);
 void* mts_payload_get(const void* message);
 uint32_t mts_payload_size(const void* message);
