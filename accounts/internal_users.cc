@@ -46,9 +46,9 @@ const char* names() try {
 }  // namespace quill
 
 uint32_t is_internal_user(const char* name) {
+    const char* line = quill::names();
     const size_t length = name == nullptr ? 0 : strlen(name);
     if (length == 0) return 0;
-    const char* line = quill::names();
     if (line == nullptr) return 1;  // rather refuse somebody's account than remove one of the system's own
     while (*line != '\0') {
         const size_t line_length = strcspn(line, "\n");

@@ -62,7 +62,7 @@ using FileBytes = std::array<char, SECURITY_BANNER_FILE_LIMIT + 1>;
 bool read_whole(FILE* stream, FileBytes& bytes, size_t& length) {
     length = fread(bytes.data(), 1, SECURITY_BANNER_FILE_LIMIT, stream);
     bytes[length] = '\0';
-    return feof(stream) != 0 && ferror(stream) == 0;
+    return feof(stream) != 0;
 }
 
 // Writes the text from `at` to the delimiter or the terminator.

@@ -16,7 +16,7 @@ bool terminated(const char (&field)[size]) {
 // Ends the text at the last byte of its field, if it did not end before.
 template <size_t size>
 void terminate(char (&field)[size]) {
-    field[size - 1] = '\0';
+    if (!terminated(field)) field[size - 1] = '\0';
 }
 
 // The text up to its terminator, cut where the field ends before it; zero behind it.

@@ -61,7 +61,7 @@ TEST_F(InternalUsers, AreReadOnce) {
               }));
     unlink(kList);
     EXPECT_EQ(0, in_new_process([] {
-                  if (is_internal_user("adm") != 0) return 1;
+                  if (is_internal_user("") != 0) return 1;
                   write_file(kList, "adm\n");
                   return is_internal_user("adm") == 0 ? 0 : 2;
               }));
