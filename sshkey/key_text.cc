@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <openssl/pem.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,6 +19,9 @@ namespace {
 
 constexpr size_t kMarker = 1024;  // no tool takes as much as this for one
 
+// /dev/null, which many a script takes for an empty file.
+bool is_null(const struct stat& facts) { return S_ISCHR(facts.st_mode) && facts.st_rdev == makedev(1, 3); }
+
 }  // namespace
 
 void CloseFile::operator()(FILE* file) const {
@@ -30,7 +34,8 @@ File open_key_file(const char* path) {
     const int descriptor = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (descriptor < 0) return nullptr;
     struct stat facts;
-    FILE* file = fstat(descriptor, &facts) == 0 && S_ISREG(facts.st_mode) ? fdopen(descriptor, "r") : nullptr;
+    const bool finite = fstat(descriptor, &facts) == 0 && (S_ISREG(facts.st_mode) || is_null(facts));
+    FILE* file = finite ? fdopen(descriptor, "r") : nullptr;
     if (file == nullptr) {
         close(descriptor);
         return nullptr;

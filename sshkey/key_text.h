@@ -20,7 +20,8 @@ struct CloseFile {
 };
 using File = std::unique_ptr<FILE, CloseFile>;
 
-// Opens a regular file to read; null where there is none. A pipe or device would keep its reader waiting.
+// Opens a regular file, or /dev/null, to read; null where there is none. A pipe or device would keep its
+// reader waiting.
 File open_key_file(const char* path);
 
 using Certificate = std::unique_ptr<X509, Release<X509_free>>;

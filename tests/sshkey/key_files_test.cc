@@ -206,8 +206,9 @@ TEST_F(KeyFiles, OnlyPlainPathsReachTheShell) {
     EXPECT_EQ(0, mkfifo("/tmp/keys/pipe", 0600));
     fs::current_path("/tmp/keys");
     file("-", line);
-    for (const char* path : {"", "-", "/tmp/keys/missing", "/tmp/keys", "/tmp/keys/pipe"})
+    for (const char* path : {"", "-", "/tmp/keys/missing", "/tmp/keys", "/tmp/keys/pipe", "/dev/zero"})
         EXPECT_EQ(kOpen, check(path));
+    EXPECT_EQ(1u, sshkey_is_empty_stdout("/dev/null"));
 }
 
 TEST_F(KeyFiles, FieldsAreNeverOverrun) {
