@@ -83,9 +83,10 @@ uint32_t security_user_ssh_key_new_config(uint32_t handle, uint32_t operation, s
 /* Decides what the file at `path` holds and stores it (enum security_sshkey_format). A file whose first line
  * opens a private key of any kind is SSHKEY_FMT_NOT_PUBLIC, unless a certificate is in it. Answers 0;
  * SECURITY_ERR_FILE_OPEN where the path cannot be opened, is no regular file nor /dev/null, is longer than 62
- * characters or holds one that is not a letter, a digit or of "/._-+,:=@%#~" (it goes into a command line; '#' and '~' not
- * in front, '-' not alone); SECURITY_ERR_SSHKEY_TYPE where ssh-keygen could not be run or was not done after
- * 150 seconds, or memory ran out. Certificates: the file descriptor stays open in the calling process. */
+ * characters or holds one that is not a letter, a digit or of "/._-+,:=@%#~" (it goes into a command line;
+ * '#' and '~' not in front, '-' not alone); SECURITY_ERR_SSHKEY_TYPE where ssh-keygen could not be run or was
+ * not done after 150 seconds, or memory ran out. Certificates: the file descriptor stays open in the calling
+ * process. */
 uint32_t sshkey_check_type(const char* path, uint8_t* format);
 
 /* 1 for an empty file, 0 for any other, SECURITY_ERR_FILE_OPEN. */
