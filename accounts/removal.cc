@@ -2,9 +2,12 @@
 //
 // Names go into command lines, so a name that the shell or a tool would take for anything but one plain word
 // runs nothing at all, and neither does a command that does not fit its buffer: cut short, it would remove
-// what belongs to somebody else.
+// what belongs to somebody else. Nor does a name that was cut and so has become another account's.
+#include <pwd.h>
 #include <shadow.h>
+#include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <array>
 #include <cstdarg>
@@ -24,9 +27,12 @@ constexpr size_t kCommand = 80;
 constexpr char kOut[] = "/tmp/userdel.out";
 constexpr char kErr[] = "/tmp/userdel.err";
 
-using Name = std::array<char, kNameSlot>;
+struct Name {
+    char text[kNameSlot];
+    bool cut;
+};
 
-// Stored names, in the order of the shadow file. A longer one is cut and then names nobody.
+// Stored names, in the order of the shadow file. A longer one is cut.
 size_t collect(int32_t context, std::array<Name, kMostUsers>& names) {
     size_t count = 0;
     uint32_t status = SECURITY_OK;
@@ -40,8 +46,9 @@ size_t collect(int32_t context, std::array<Name, kMostUsers>& names) {
             security_get_vdc_from_username(entry->sp_namp) != context)
             continue;
         Name& name = names[count++];
-        strncpy(name.data(), entry->sp_namp, name.size());
-        name.back() = '\0';
+        strncpy(name.text, entry->sp_namp, kNameSlot);
+        name.cut = name.text[kNameSlot - 1] != '\0';
+        name.text[kNameSlot - 1] = '\0';
     }
     endspent();
     if (status != SECURITY_OK) syslog(LOG_ERR, "users of context %d were not all found: no memory", context);
@@ -68,9 +75,20 @@ __attribute__((format(printf, 1, 2))) int32_t run(const char* format, ...) {
     return fits ? security_conf_system(command, kOut, kErr) : -1;
 }
 
-void remove(const char* name) {
+// /tmp is everybody's: what somebody else has put there under this name is not written through.
+void keep_own(const char* path) {
+    struct stat facts;
+    if (lstat(path, &facts) == 0 &&
+        (!S_ISREG(facts.st_mode) || facts.st_uid != geteuid() || facts.st_nlink != 1))
+        unlink(path);
+}
+
+void remove(const Name& listed) {
+    const char* name = listed.text;
     int32_t result = -1;
-    if (is_plain_word(name)) {
+    if (is_plain_word(name) && !(listed.cut && getpwnam(name) != nullptr)) {
+        keep_own(kOut);
+        keep_own(kErr);
         run("rm -fr /bootflash/home/%s /tmp/home/%s", name, name);
         result = run("userdel -r %s", name);
     }
@@ -87,7 +105,7 @@ void remove(const char* name) {
 void security_del_vdc_users_for_vdc(int32_t vdc) {
     std::array<quill::Name, quill::kMostUsers> names;
     const size_t count = quill::collect(vdc, names);
-    for (size_t i = 0; i < count; ++i) quill::remove(names[i].data());
+    for (size_t i = 0; i < count; ++i) quill::remove(names[i]);
 }
 
 void security_del_vdc_users() { security_del_vdc_users_for_vdc(sysmgrcmn_vdc_id_get()); }

@@ -1,5 +1,6 @@
 // Removing a context's accounts with the real userdel.
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -89,6 +90,28 @@ TEST_F(Removal, TheToolsOwnFailureStillLogsADeletion) {
     EXPECT_EQ(
         (std::vector<std::string>{"6 deleted user ghost#02#", "6 deleted user " + std::string(31, 'l')}),
         log_lines());
+}
+
+// Cut, the name is that of an account of another context, or a plain one.
+TEST_F(Removal, ANameThatWasCutIsNobodyElses) {
+    const std::string other(31, 'l');
+    write({{other}, {other + "#02#"}});
+    const std::string kept = home(other);
+    security_del_vdc_users_for_vdc(2);
+    EXPECT_EQ((std::vector<std::string>{"3 user delete failed for: " + other + " return value: -1"}),
+              log_lines());
+    EXPECT_EQ(0u, read_file("/etc/shadow").find(other + ":"));
+    EXPECT_TRUE(fs::exists(kept));
+}
+
+TEST_F(Removal, AFileOfSomebodyElseIsNotWrittenThrough) {
+    write({{"ghost#02#", false, true}});
+    write_file("/tmp/precious", "precious");
+    unlink("/tmp/userdel.err");
+    ASSERT_EQ(0, symlink("/tmp/precious", "/tmp/userdel.err"));
+    security_del_vdc_users_for_vdc(2);
+    EXPECT_EQ("precious", read_file("/tmp/precious"));
+    EXPECT_NE(std::string::npos, read_file("/tmp/userdel.err").find("ghost")) << "userdel's own words";
 }
 
 TEST_F(Removal, StopsAt256) {
