@@ -10,7 +10,7 @@
  *  - `handle` is an open persistent store (security_pss_create), `connection` the number by which the
  *    request channel knows a client; both are 32-bit numbers, never addresses.
  *  - Pointers must not be null unless a function says what null means.
- *  - The library starts no thread and takes no lock: one call at a time per process.
+ *  - The library starts no thread and takes no lock within a process: one call at a time.
  *  - The store, the request channel and the traces are imported: the program links a platform library that
  *    has them (libquillplatform, declared in quillplatform.h, or one of its own).
  */

@@ -126,6 +126,7 @@ uint32_t convert_certificate(const ssh_key_new_rec& source, ssh_key_rec& target)
 }
 
 uint32_t convert(ssh_key_new_rec& source, ssh_key_rec& target) {
+    const KeygenLock lock;
     switch (source.key_format) {
     case SSHKEY_FMT_SSH2:
         return import_ssh2(source, target);

@@ -171,6 +171,7 @@ uint32_t sshkey_check_type(const char* path, uint8_t* format) {
         *format = SSHKEY_FMT_NOT_PUBLIC;
         return SECURITY_OK;
     }
+    const KeygenLock lock;
     return strlen(line) <= kLongestImported ? judge_by_import(path, *format)
                                             : judge_by_listing(path, *format);
 }

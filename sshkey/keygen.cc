@@ -1,9 +1,12 @@
 #include "sshkey/keygen.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
+#include <ctime>
 
 #include "quillsecurity.h"
 
@@ -21,6 +24,17 @@ bool create_empty(const char* path) {
 }
 
 }  // namespace
+
+KeygenLock::KeygenLock() : descriptor_(open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    constexpr timespec kStep{0, 10'000'000};
+    for (int steps = 1000; steps > 0 && flock(descriptor_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+         --steps)
+        nanosleep(&kStep, nullptr);
+}
+
+KeygenLock::~KeygenLock() {
+    if (descriptor_ >= 0) close(descriptor_);
+}
 
 bool fits_command(const char* path) {
     constexpr char kPlain[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789/._-+,:=@%#~";

@@ -15,6 +15,19 @@ constexpr char kKeygenErrors[] = "/tmp/errkey.pub";
 
 constexpr size_t kLongestPath = 62;
 
+// While in scope no other process uses the three files, whoever it runs as. One that holds them for longer
+// than any use of them takes is not waited for.
+class KeygenLock {
+ public:
+    KeygenLock();
+    ~KeygenLock();
+    KeygenLock(const KeygenLock&) = delete;
+    KeygenLock& operator=(const KeygenLock&) = delete;
+
+ private:
+    const int descriptor_;
+};
+
 // Whether a path fits the command and is one plain word to the shell.
 bool fits_command(const char* path);
 

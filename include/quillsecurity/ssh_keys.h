@@ -3,9 +3,9 @@
  *
  * Included by quillsecurity.h, whose conventions hold here. Checking and converting key files runs
  * ssh-keygen(1) through security_conf_system(), with "/tmp/tmpkey.pub", "/tmp/outkey.pub" and
- * "/tmp/errkey.pub" for its input, output and errors: one call at a time on a system. Each is made anew
- * before it is used; where that is not possible, because somebody else's file has the name, the call fails as
- * if ssh-keygen could not be run. */
+ * "/tmp/errkey.pub" for its input, output and errors. Processes take turns, by a lock (flock(2)) on /tmp that
+ * each waits for up to 10 seconds. Each file is made anew before it is used; where that is not possible,
+ * because somebody else's file has the name, the call fails as if ssh-keygen could not be run. */
 #ifndef QUILLSECURITY_SSH_KEYS_H
 #define QUILLSECURITY_SSH_KEYS_H
 
