@@ -2,6 +2,8 @@
 
 #include <openssl/crypto.h>
 
+#include <cstring>
+
 #include "common/coded_secret.h"
 #include "daemon/accounts.h"
 #include "daemon/activation.h"
@@ -61,6 +63,16 @@ bool hash(security_priv_info& info) {
     return true;
 }
 
+// Behind a short password may stand the rest of a longer one, which the handler would store as it is.
+uint32_t user_record(uint32_t store, uint32_t operation, void* record) {
+    auto& user = *static_cast<security_user*>(record);
+    if (operation == SET_REQ) {
+        const size_t length = strlen(user.password);
+        OPENSSL_cleanse(user.password + length, sizeof user.password - length);
+    }
+    return security_user_config(store, operation, &user);
+}
+
 // The handler keeps what stands in the field behind the hash, which would store the tail of a longer secret
 // in clear and never verify it. So it is never given one.
 uint32_t priv_info(uint32_t store, uint32_t operation, void* record) {
@@ -116,9 +128,8 @@ constexpr Route explained(Route route) {
 constexpr Route kRoutes[] = {
     {SECURITY_ENABLE_INFO_REQUEST, sizeof(security_enable_info), enable_info, Access::kEveryone,
      Access::kAdministrators},
-    audited("user record",
-            explained({SECURITY_USER_REQUEST, sizeof(security_user), by<security_user, security_user_config>,
-                       Access::kAdministrators, Access::kAdministrators, kUserTexts})),
+    audited("user record", explained({SECURITY_USER_REQUEST, sizeof(security_user), user_record,
+                                      Access::kAdministrators, Access::kAdministrators, kUserTexts})),
     {SECURITY_PRIV_INFO_REQUEST, sizeof(security_priv_info), priv_info, Access::kAdministrators,
      Access::kAdministrators, kPrivInfoTexts, kPrivInfoCounts},
     audited("account",

@@ -7,6 +7,7 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
+#include <openssl/x509v3.h>
 #include <syslog.h>
 
 #include <cstring>
@@ -68,10 +69,25 @@ bool belong_together(const Certificate& certificate, const PrivateKey& key) {
     return match;
 }
 
+// What servers refuse to serve with: Debian's OpenSSL is at security level 2 (SSL_CTX_set_security_level(3)).
+// Nobody looks at the signature that a certificate has from itself.
+bool is_weak(X509* certificate) {
+    constexpr int kBits = 112;
+    int signature = 0;
+    X509_get_signature_info(certificate, nullptr, nullptr, &signature, nullptr);
+    const bool own = (X509_get_extension_flags(certificate) & EXFLAG_SS) != 0;
+    EVP_PKEY* key = X509_get0_pubkey(certificate);
+    const bool weak =
+        key == nullptr || EVP_PKEY_get_security_bits(key) < kBits || (!own && signature < kBits);
+    ERR_clear_error();
+    return weak;
+}
+
 uint32_t check_certificate(const Certificate& certificate) {
     if (certificate == nullptr) return SECURITY_ERR_WEB_CERTIFICATE;
     const bool current = X509_cmp_time(X509_get0_notAfter(certificate.get()), nullptr) > 0;
-    return current ? SECURITY_OK : SECURITY_ERR_WEB_EXPIRED;
+    if (!current) return SECURITY_ERR_WEB_EXPIRED;
+    return is_weak(certificate.get()) ? SECURITY_ERR_WEB_WEAK : SECURITY_OK;
 }
 
 uint32_t check_pair(const char* certificate_text, const char* key_text) {

@@ -69,7 +69,8 @@
     X(SECURITY_ERR_WEB_EXPIRED, 0x404a0133, "the certificate has expired")                                  \
     X(SECURITY_ERR_WEB_INCOMPLETE, 0x404a0134, "the certificate or its key has not been sent yet")          \
     X(SECURITY_ERR_WEB_SETTINGS, 0x404a0135,                                                                \
-      "a port is out of range or the other's, or the switch not 0 or 1")
+      "a port is out of range or the other's, or the switch not 0 or 1")                                    \
+    X(SECURITY_ERR_WEB_WEAK, 0x404a0136, "the certificate's key or signature is too weak to be served")
 
 #ifdef __cplusplus
 #define SECURITY_STATUS_ROW(name, value, text) static const uint32_t name = value;

@@ -91,6 +91,21 @@ TEST_F(SecurityDaemon, SettlesWithinASecondOfAChange) {
     EXPECT_LT(seconds_now() - start, 1.5);
 }
 
+// Clients change a password in the record that they got, which still holds the rest of a longer one.
+TEST_F(SecurityDaemon, NothingBehindAPasswordIsStored) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.ready()) << daemon.log();
+    security_user user{};
+    strcpy(user.user_name, "amy");
+    memcpy(user.password, "new\0ecthorsebattery", 19);
+    const auto record = [&] { return std::string(reinterpret_cast<const char*>(&user), sizeof user); };
+    RawClient client;
+    EXPECT_EQ(reply_frame(0, "").substr(0, 12),
+              client.ask(request_frame(SECURITY_USER_REQUEST, SET_REQ, record())).substr(0, 12));
+    for (const auto& [name, bytes] : files_in(box.state()))
+        EXPECT_EQ(std::string::npos, bytes.find("horse")) << name;
+}
+
 TEST_F(SecurityDaemon, InTheBackground) {
     ASSERT_EQ(0, run_daemon_command({}, printed)) << printed;
     expect_service();

@@ -24,9 +24,9 @@ std::string taken(BIO* bio) {
 
 // A key and certificates of it.
 struct Keys {
-    EVP_PKEY* key = EVP_EC_gen("P-256");
+    EVP_PKEY* key;
 
-    Keys() = default;
+    explicit Keys(EVP_PKEY* made = EVP_EC_gen("P-256")) : key(made) {}
     ~Keys() { EVP_PKEY_free(key); }
     Keys(const Keys&) = delete;
     Keys& operator=(const Keys&) = delete;
@@ -120,6 +120,7 @@ TEST_F(WebServerRequests, OnlyAPairThatServesReplacesTheOldOne) {
         uint32_t want;
     } refused[] = {
         {"an expired certificate", 0, first.certificate(-10), SECURITY_ERR_WEB_EXPIRED},
+        {"a certificate of a weak key", 0, Keys(EVP_RSA_gen(1024)).certificate(1000), SECURITY_ERR_WEB_WEAK},
         {"no certificate", 0, "nonsense", SECURITY_ERR_WEB_CERTIFICATE},
         {"half a certificate", 0, certificate.substr(0, certificate.size() / 2),
          SECURITY_ERR_WEB_CERTIFICATE},
