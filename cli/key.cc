@@ -304,6 +304,11 @@ constexpr Verb kVerbs[] = {
 };
 }  // namespace
 
+void check_key_file(const std::string& name, const std::string& user) {
+    const KeyFile file = file_named(name);
+    if (!file.temporary()) check(file, user);
+}
+
 const Noun kKey{"key", "SSH public keys of users", notes, kVerbs};
 
 }  // namespace quill::cli

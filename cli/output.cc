@@ -100,7 +100,9 @@ std::string row_of(const Stream& stream, const std::vector<Cell>& row, Form form
 std::string for_people(const Remark& remark) { return remark.content.text + '\n'; }
 
 std::string for_programs(const Remark& remark) {
-    return dump({{remark.subject, remark.content.value}}) + '\n';
+    Json document{{remark.subject, remark.content.value}};
+    if (remark.details.is_object()) document.update(remark.details);
+    return dump(document) + '\n';
 }
 
 std::string for_people(const Failure& failure) {

@@ -59,6 +59,7 @@ struct Table {
 struct Remark {
     std::string subject;
     Cell content;
+    Json details = nullptr;  // further members of the document, an object, for programs alone
 };
 
 // A table whose rows come one at a time, for as long as they do.

@@ -27,16 +27,15 @@ Answer check(const Arguments& arguments) {
     password.bytes[password.length] = '\0';
     const uintptr_t objection = security_user_password_check_psec_norm(0, password.bytes, user.c_str());
     if (objection == 0) return Remark{"accepted", {true, "this password is good enough"}};
-    return {Remark{"accepted",
-                   {Json(false), reinterpret_cast<const char*>(objection)}},  // NOLINT: so it is documented
-            Exit::kFailed};
+    const std::string rule = reinterpret_cast<const char*>(objection);  // NOLINT: so it is documented
+    return {Remark{"accepted", {Json(false), rule}, {{"rule", rule}}}, Exit::kFailed};
 }
 
 std::string notes() {
     return "The rules are those for new users' passwords, and the switch password-strength turns them off.\n"
            "check ends with 0 when the password is accepted and with 1 when it is not, after the first rule\n"
            "that it breaks.\n\n"
-           "With --json: {\"accepted\": true or false}.";
+           "With --json: {\"accepted\": true or false}, and \"rule\" beside false: what the password breaks.";
 }
 
 constexpr Verb kVerbs[] = {

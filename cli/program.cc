@@ -10,6 +10,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <optional>
 
 #include "cli/command.h"
@@ -26,6 +27,7 @@ constexpr const Noun* kNouns[] = {
 };
 
 constexpr uint32_t kLongestTimeout = 3600;
+constexpr uint32_t kLargestContext = 99;
 
 constexpr const char* kGlobalOptions = "Global options, anywhere on the line";
 
@@ -245,6 +247,16 @@ Failure usage_failure(const CLI::App& root, const CLI::ParseError& error) {
     return levels.size() < 3 ? next_word_failure(levels) : argument_failure(levels);
 }
 
+// The platform takes what it cannot read for no variable at all, which would change the accounts of
+// context 1.
+void check_context() {
+    const char* text = getenv("SYSMGR_VDC_ID");
+    if (text == nullptr || *text == '\0' || number(text, 1, kLargestContext)) return;
+    throw wrong_line("environment variable 'SYSMGR_VDC_ID'",
+                     fmt::format("environment variable 'SYSMGR_VDC_ID': value '{}' is not valid", text),
+                     fmt::format("use 1 to {}, or unset it", kLargestContext));
+}
+
 void set_timeout(const std::optional<std::string>& text) {
     if (!text) return;
     const auto seconds = number(*text, 1, kLongestTimeout);
@@ -297,6 +309,7 @@ Answer answer(std::span<const char* const> words) {
         throw usage_failure(root, error);
     }
     set_timeout(line.timeout);
+    check_context();
     return run_verb(root);
 }
 

@@ -11,6 +11,7 @@
 
 #include "cli/command.h"
 #include "cli/exchange.h"
+#include "cli/key_listing.h"
 #include "cli/line.h"
 #include "cli/secret_input.h"
 #include "cli/words.h"
@@ -44,7 +45,7 @@ std::string object(const std::string& name) { return fmt::format("user '{}'", na
 const std::string& checked(const std::string& name) {
     if (!name.empty() && name.size() < sizeof(common_user_record::name)) return name;
     throw Failure{Exit::kInvalidValue, object(name), object(name) + ": the name is not valid",
-                  "use letters, digits, '_', '-' and '.', at most 32"};
+                  "use letters, digits, '_', '-' and '.', at most 31"};
 }
 
 // ------------------------------------------------------------------------------------------------ showing
@@ -157,9 +158,11 @@ void request(const std::string& name, uint32_t operation, Frame& frame, const ch
     } catch (Failure& failure) {
         std::string said(cmi_common_user_err_str,
                          strnlen(cmi_common_user_err_str, sizeof cmi_common_user_err_str));
-        while (!said.empty() && (said.back() == '\n' || said.back() == ' ')) said.pop_back();
+        said.erase(said.find_last_not_of("\n .") + 1);
         const bool explained = status == SECURITY_ERR_WEAK_PASSWORD || status == SECURITY_ERR_ACCOUNT_TOOL;
         if (explained && !said.empty()) failure.text += ": " + printable(said);
+        if (said == "error loading dictionary")
+            failure.remedy = "make the dictionary first, as quillsecurityd(8) says under FILES";
         throw;
     }
 }
@@ -186,21 +189,24 @@ void take_expiry(const std::string& text, common_user_record& user) {
         static_cast<size_t>(length) != text.size() || year <= 0 || month <= 0 || day <= 0) {
         throw Failure{Exit::kInvalidValue, "option '--expires'",
                       fmt::format("option '--expires': value '{}' is no date", printable(text)),
-                      "give a day to come as year-month-day"};
+                      "give a day to come as year-month-day, 2037-12-31 at the latest"};
     }
     user.expiry_year = year;
     user.expiry_month = month;
     user.expiry_day = day;
 }
 
+void refuse_both(const std::string& name, const Arguments& arguments, const Argument& one,
+                 const Argument& other) {
+    if (!arguments.has(one.name) || !arguments.has(other.name)) return;
+    throw Failure{Exit::kUsage, object(name),
+                  fmt::format("{}: {} and {} exclude each other", object(name), one.name, other.name),
+                  "give one of them"};
+}
+
 void take_password(const std::string& name, const Arguments& arguments, common_user_record& user) {
     const bool hashed = arguments.has(kHashStdin.name);
-    if (hashed && arguments.has(kPasswordStdin.name)) {
-        throw Failure{Exit::kUsage, object(name),
-                      fmt::format("{}: {} and {} exclude each other", object(name), kPasswordStdin.name,
-                                  kHashStdin.name),
-                      "give one of them"};
-    }
+    refuse_both(name, arguments, kPasswordStdin, kHashStdin);
     Line password;
     const char* option = hashed ? kHashStdin.name : kPasswordStdin.name;
     read_secret({object(name), "password", sizeof user.password - 1, true, option}, arguments, password);
@@ -208,9 +214,11 @@ void take_password(const std::string& name, const Arguments& arguments, common_u
     user.password_format = hashed ? SECURITY_PASSWORD_STORED : SECURITY_PASSWORD_CLEAR;
 }
 
-void take_key(const Arguments& arguments, common_user_record& user) {
-    if (const std::string* key = arguments.find(kKey.name))
-        take_text(*key, user.ssh_key, sizeof user.ssh_key, kKey.name);
+void take_key(const std::string& name, const Arguments& arguments, common_user_record& user) {
+    const std::string* key = arguments.find(kKey.name);
+    if (key == nullptr) return;
+    take_text(*key, user.ssh_key, sizeof user.ssh_key, kKey.name);
+    check_key_file(*key, name);
 }
 
 // What only the requests that follow the one for the account answer.
@@ -226,20 +234,26 @@ bool comes_after_creation(uint32_t status) {
     return std::ranges::find(kLater, status) != std::end(kLater) || status == SECURITY_ERR_ACCOUNT_TOOL;
 }
 
+void refuse_existing(const std::string& name) {
+    if (vdc_getpwnam(name.c_str()) == nullptr) return;
+    throw Failure{Exit::kExists, object(name), object(name) + " exists already",
+                  "choose another name, or use 'quillsec user set'"};
+}
+
 Answer add(const Arguments& arguments) {
     const std::string& name = checked(arguments["NAME"]);
-    if (vdc_getpwnam(name.c_str()) != nullptr) {
-        throw Failure{Exit::kExists, object(name), object(name) + " exists already",
-                      "choose another name, or use 'quillsec user set'"};
-    }
+    refuse_existing(name);
+    refuse_both(name, arguments, kNoPassword, kPasswordStdin);
+    refuse_both(name, arguments, kNoPassword, kHashStdin);
     Frame frame;
     begin(name, frame);
     common_user_record& user = frame.body.user;
     if (const std::string* date = arguments.find(kExpires.name)) take_expiry(*date, user);
     if (const std::string* role = arguments.find("--role"))
         take_text(*role, user.role, sizeof user.role, "--role");
-    take_key(arguments, user);
+    take_key(name, arguments, user);
     if (!arguments.has(kNoPassword.name)) take_password(name, arguments, user);
+    refuse_existing(name);  // somebody may have been faster at typing
     try {
         request(name, SET_REQ, frame, "create");
     } catch (Failure& failure) {
@@ -267,18 +281,25 @@ Answer set(const Arguments& arguments) {
     begin(name, frame);
     common_user_record& user = frame.body.user;
     if (password) take_password(name, arguments, user);
-    take_key(arguments, user);
+    take_key(name, arguments, user);
     const bool never = date && folded(*date) == "never";
     if (date && !never) take_expiry(*date, user);
     // Beside a hashed password, an expiry to clear is not told from one that is not given.
     const bool apart = never && password && user.password_format == SECURITY_PASSWORD_STORED;
     if (never && !apart) user.expiry_year = user.expiry_month = user.expiry_day = 0;
-    request(name, SET_REQ, frame, "change");
-    if (apart) {
-        Frame expiry;
-        begin(name, expiry);
-        expiry.body.user.expiry_year = expiry.body.user.expiry_month = expiry.body.user.expiry_day = 0;
-        request(name, SET_REQ, expiry, "change");
+    try {
+        request(name, SET_REQ, frame, "change");
+        if (apart) {
+            Frame expiry;
+            begin(name, expiry);
+            expiry.body.user.expiry_year = expiry.body.user.expiry_month = expiry.body.user.expiry_day = 0;
+            request(name, SET_REQ, expiry, "change");
+        }
+    } catch (Failure& failure) {
+        // Each wish has a request of its own, and those before this one are done.
+        const int wishes = (date != nullptr) + password + arguments.has(kKey.name);
+        if (wishes > 1) failure.remedy += fmt::format("; 'quillsec user show {}' tells what is done", name);
+        throw;
     }
     return show_one(name);
 }

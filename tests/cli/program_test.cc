@@ -53,6 +53,15 @@ uint32_t cmi_enable_info_config(uint32_t, uint32_t operation, int32_t code, uint
 
 namespace {
 
+TEST_F(Program, AContextThatIsNoneIsNotTakenForTheFirst) {
+    for (const char* context : {"0", "100", "two", "-1", "2x"}) {
+        setenv("SYSMGR_VDC_ID", context, 1);
+        EXPECT_EQ(2, quillsec({"service", "show"}).exit) << context;
+        EXPECT_EQ(0u, the_daemon.requests);
+    }
+    unsetenv("SYSMGR_VDC_ID");
+}
+
 TEST_F(Program, SetsWhatTheWordsMean) {
     const struct {
         const char* name;
