@@ -2,9 +2,9 @@
 #pragma once
 
 #include <benchmark/benchmark.h>
+#include <libdeflate.h>
 #include <sched.h>
 #include <sqlite3.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <chrono>
@@ -93,11 +93,11 @@ class Numbers {
 
 // What the store keeps as the sum of a record, for SQL.
 inline void crc32_of_both(sqlite3_context* context, int, sqlite3_value** bytes) {
-    uLong sum = 0;
+    uint32_t sum = 0;
     for (int i = 0; i < 2; ++i)
-        sum = crc32_z(sum, static_cast<const Bytef*>(sqlite3_value_blob(bytes[i])),
-                      static_cast<size_t>(sqlite3_value_bytes(bytes[i])));
-    sqlite3_result_int64(context, static_cast<sqlite3_int64>(sum));
+        sum = libdeflate_crc32(sum, sqlite3_value_blob(bytes[i]),
+                               static_cast<size_t>(sqlite3_value_bytes(bytes[i])));
+    sqlite3_result_int64(context, sum);
 }
 
 // Makes the store `name` hold that many users: the first by the library, the others as copies of what it

@@ -16,14 +16,13 @@ endif()
 
 pkg_check_modules(libcrypto REQUIRED IMPORTED_TARGET libcrypto)
 pkg_check_modules(sqlite3 REQUIRED IMPORTED_TARGET sqlite3)
-pkg_check_modules(zlib REQUIRED IMPORTED_TARGET zlib)
 pkg_check_modules(inih REQUIRED IMPORTED_TARGET inih)
 pkg_check_modules(libevent REQUIRED IMPORTED_TARGET libevent_core)
-if(QUILL_SYSROOT)  # cracklib has no pkg-config file
-    find_library(CRACK_LIBRARY crack PATHS ${QUILL_SYSROOT}/usr/lib/i386-linux-gnu NO_DEFAULT_PATH REQUIRED)
-else()
-    find_library(CRACK_LIBRARY crack REQUIRED)
+if(QUILL_SYSROOT)
+    set(only_sysroot PATHS ${QUILL_SYSROOT}/usr/lib/i386-linux-gnu NO_DEFAULT_PATH)
 endif()
+find_library(CRACK_LIBRARY crack ${only_sysroot} REQUIRED)      # has no pkg-config file
+find_library(DEFLATE_LIBRARY deflate ${only_sysroot} REQUIRED)  # has one that names another folder
 find_path(CLI11_INCLUDE_DIR CLI/CLI.hpp REQUIRED)
 find_path(FMT_INCLUDE_DIR fmt/format.h REQUIRED)
 find_path(NLOHMANN_INCLUDE_DIR nlohmann/json.hpp REQUIRED)

@@ -8,12 +8,12 @@
 // SQLite finds damage to its trees, not to the bytes of a long value. Each record has a sum of them, so that
 // nothing is handed out that was not stored.
 #include <fcntl.h>
+#include <libdeflate.h>
 #include <sqlite3.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -91,12 +91,11 @@ bool lacks_room(uint32_t status) {
     return status == PSS_FULL || status == PSS_QUOTA || status == PSS_TOO_LARGE;
 }
 
-// Of a record, against accidents: whoever may write the file can make it right again.
+// CRC-32 of a record, against accidents: whoever may write the file can make it right again.
 int64_t sum_of(std::string_view key, std::string_view value) {
-    uLong sum = 0;
-    for (const std::string_view bytes : {key, value})
-        sum = crc32_z(sum, reinterpret_cast<const Bytef*>(bytes.data()), bytes.size());
-    return static_cast<int64_t>(sum);
+    uint32_t sum = 0;
+    for (const std::string_view bytes : {key, value}) sum = libdeflate_crc32(sum, bytes.data(), bytes.size());
+    return sum;
 }
 
 int execute(sqlite3* database, const char* text) {

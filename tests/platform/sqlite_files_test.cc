@@ -40,6 +40,14 @@ class SqliteFiles : public testing::Test {
         ASSERT_EQ(PSS_OK, pss2_close(handle));
     }
 
+    // Behind the store's back.
+    void as_sqlite(const char* statement) {
+        sqlite3* database = nullptr;
+        EXPECT_EQ(SQLITE_OK, sqlite3_open(file.c_str(), &database));
+        EXPECT_EQ(SQLITE_OK, sqlite3_exec(database, statement, nullptr, nullptr, nullptr)) << statement;
+        sqlite3_close(database);
+    }
+
     Box box;
     const std::string file = box.state() + "/s.db";
     uint32_t handle = 0;
@@ -192,13 +200,9 @@ TEST_F(SqliteFiles, KeysAndValuesOutOfBounds) {
 // byte of the folder stays.
 TEST_F(SqliteFiles, WhatIsNoStoreIsLeftAsItIs) {
     const auto make_foreign = [this] {
-        sqlite3* database = nullptr;
-        sqlite3_open(file.c_str(), &database);
-        sqlite3_exec(database,
-                     "PRAGMA journal_mode=WAL; CREATE TABLE record(key BLOB, value BLOB);"
-                     "INSERT INTO record VALUES('k', 'v')",
-                     nullptr, nullptr, nullptr);
-        sqlite3_close(database);
+        as_sqlite(
+            "PRAGMA journal_mode=WAL; CREATE TABLE record(key BLOB, value BLOB);"
+            "INSERT INTO record VALUES('k', 'v')");
     };
     const struct {
         const char* what;
@@ -260,14 +264,19 @@ TEST_F(SqliteFiles, VersionStamps) {
 
 TEST_F(SqliteFiles, ACopyWithoutALogGetsOneAgain) {
     make_store();
-    sqlite3* database = nullptr;
-    sqlite3_open(file.c_str(), &database);
-    EXPECT_EQ(SQLITE_OK, sqlite3_exec(database, "PRAGMA journal_mode=DELETE", nullptr, nullptr, nullptr));
-    sqlite3_close(database);
+    as_sqlite("PRAGMA journal_mode=DELETE");
     EXPECT_EQ(PSS_OK, open());
     EXPECT_EQ(PSS_OK, put(handle, "key", "other"));
     EXPECT_EQ("0600", mode_of(file + "-wal"));
     EXPECT_EQ("none", mode_of(file + "-journal"));
+}
+
+// Of key and value together; of "123456789" it is the CRC's published check value.
+TEST_F(SqliteFiles, SumsAreCrc32AsInEveryStoreSoFar) {
+    make_store();
+    as_sqlite("INSERT INTO record VALUES(CAST('1234' AS BLOB), CAST('56789' AS BLOB), 0xCBF43926)");
+    EXPECT_EQ(PSS_OK, open());
+    EXPECT_EQ("56789", fetch(handle, "1234"));
 }
 
 TEST_F(SqliteFiles, ACreationThatWasInterruptedStartsOver) {
