@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include "accounts/entry.h"
+#include "common/file_made_anew.h"
 #include "quillplatform/sysmgr.h"
 #include "quillsecurity.h"
 
@@ -64,6 +65,15 @@ bool is_plain_word(const char* name) {
     return name[plain] == '\0' || strcmp(name + plain, "$") == 0;
 }
 
+// The file, if it is ours or can be made so; else none, and the command's words go where our own go. What
+// somebody else has put into /tmp under its name is not written through.
+const char* own(const char* path) {
+    struct stat facts;
+    const bool ours = lstat(path, &facts) == 0 && S_ISREG(facts.st_mode) && facts.st_uid == geteuid() &&
+                      facts.st_nlink == 1;
+    return ours || create_empty(path, 0777) ? path : nullptr;
+}
+
 // Runs the command unless it does not fit; -1 then.
 __attribute__((format(printf, 1, 2))) int32_t run(const char* format, ...) {
     char command[kCommand];
@@ -72,23 +82,13 @@ __attribute__((format(printf, 1, 2))) int32_t run(const char* format, ...) {
     const int length = vsnprintf(command, sizeof command, format, arguments);
     va_end(arguments);
     const bool fits = length >= 0 && static_cast<size_t>(length) < sizeof command;
-    return fits ? security_conf_system(command, kOut, kErr) : -1;
-}
-
-// /tmp is everybody's: what somebody else has put there under this name is not written through.
-void keep_own(const char* path) {
-    struct stat facts;
-    if (lstat(path, &facts) == 0 &&
-        (!S_ISREG(facts.st_mode) || facts.st_uid != geteuid() || facts.st_nlink != 1))
-        unlink(path);
+    return fits ? security_conf_system(command, own(kOut), own(kErr)) : -1;
 }
 
 void remove(const Name& listed) {
     const char* name = listed.text;
     int32_t result = -1;
     if (is_plain_word(name) && !(listed.cut && getpwnam(name) != nullptr)) {
-        keep_own(kOut);
-        keep_own(kErr);
         run("rm -fr /bootflash/home/%s /tmp/home/%s", name, name);
         result = run("userdel -r %s", name);
     }

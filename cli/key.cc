@@ -1,4 +1,6 @@
 // quillsec key: the SSH public key of a user, from a file of any common kind to one line of OpenSSH text.
+#include "cli/key.h"
+
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>

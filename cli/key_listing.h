@@ -1,4 +1,4 @@
-// What is known of a public key before and after it is a user's.
+// What ssh-keygen says of a public key.
 #pragma once
 
 #include <optional>
@@ -14,9 +14,5 @@ struct KeyListing {
 
 // Of one line of OpenSSH text; none where ssh-keygen does not take it for a key.
 std::optional<KeyListing> listed(const std::string& line);
-
-// Throws Failure where a file of a device, "bootflash:PATH", holds no key that this user could log in with.
-// What is named in another way is for the library to judge.
-void check_key_file(const std::string& name, const std::string& user);
 
 }  // namespace quill::cli

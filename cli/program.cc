@@ -18,6 +18,7 @@
 #include "cli/secret_input.h"
 #include "cli/words.h"
 #include "quillplatform/shell.h"
+#include "quillplatform/sysmgr.h"
 
 namespace quill::cli {
 namespace {
@@ -27,7 +28,6 @@ constexpr const Noun* kNouns[] = {
 };
 
 constexpr uint32_t kLongestTimeout = 3600;
-constexpr uint32_t kLargestContext = 99;
 
 constexpr const char* kGlobalOptions = "Global options, anywhere on the line";
 
@@ -251,10 +251,10 @@ Failure usage_failure(const CLI::App& root, const CLI::ParseError& error) {
 // context 1.
 void check_context() {
     const char* text = getenv("SYSMGR_VDC_ID");
-    if (text == nullptr || *text == '\0' || number(text, 1, kLargestContext)) return;
+    if (text == nullptr || *text == '\0' || number(text, 1, SYSMGRCMN_VDC_ID_MAX)) return;
     throw wrong_line("environment variable 'SYSMGR_VDC_ID'",
                      fmt::format("environment variable 'SYSMGR_VDC_ID': value '{}' is not valid", text),
-                     fmt::format("use 1 to {}, or unset it", kLargestContext));
+                     fmt::format("use 1 to {}, or unset it", SYSMGRCMN_VDC_ID_MAX));
 }
 
 void set_timeout(const std::optional<std::string>& text) {

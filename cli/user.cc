@@ -11,7 +11,7 @@
 
 #include "cli/command.h"
 #include "cli/exchange.h"
-#include "cli/key_listing.h"
+#include "cli/key.h"
 #include "cli/line.h"
 #include "cli/secret_input.h"
 #include "cli/words.h"

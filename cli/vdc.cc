@@ -8,6 +8,7 @@
 #include "cli/command.h"
 #include "cli/terminal.h"
 #include "cli/words.h"
+#include "quillplatform/sysmgr.h"
 #include "quillsecurity.h"
 
 namespace quill::cli {
@@ -15,7 +16,7 @@ namespace {
 
 // The default context's accounts are the system's own as well.
 constexpr uint32_t kLowest = 2;
-constexpr uint32_t kHighest = 99;
+constexpr uint32_t kHighest = SYSMGRCMN_VDC_ID_MAX;
 
 std::string object(const std::string& id) { return fmt::format("virtual device context '{}'", id); }
 

@@ -379,8 +379,10 @@ int32_t security_conf_system(const char* command, const char* out_path, const ch
  * below /bootflash/home and /tmp/home. The log says what became of each: deleted, whatever userdel's exit
  * status, or failed. A name is cut at 31 characters. Homes of a name from 23 characters on are not removed,
  * since the command does not fit. Nothing is run for a name that the shell would not take for one plain word
- * (letters, digits and "._-#", not beginning with '-' or '#', neither "." nor "..", a '$' at the end), which
- * is logged as failed with -1. So is, in a line of its own, a file that memory did not suffice to read. */
+ * (letters, digits and "._-#", not beginning with '-' or '#', neither "." nor "..", a '$' at the end), nor
+ * for one that was cut to that of another account; both are logged as failed with -1. So is, in a line of its
+ * own, a file that memory did not suffice to read. What the commands print goes to "/tmp/userdel.out" and
+ * "/tmp/userdel.err", or where these cannot be made the caller's, to the caller's own streams. */
 void security_del_vdc_users_for_vdc(int32_t vdc);
 
 /* The same for the calling process's context. */

@@ -12,10 +12,11 @@
 #include <new>
 #include <string_view>
 
+#include "quillplatform/sysmgr.h"
+
 namespace quill {
 namespace {
 
-constexpr int32_t kMaxVdc = 99;
 constexpr int32_t kNoContext = -1;
 constexpr int32_t kMaxCardType = 65535;
 constexpr size_t kLongestName = 64;
@@ -88,7 +89,7 @@ bool add_locales(Config& config, const char* path) {
 
 bool set(Config& config, const std::string_view name, const char* value) {
     if (name == "vdc_id") {
-        const auto id = parse_number(value, 1, kMaxVdc);
+        const auto id = parse_number(value, 1, SYSMGRCMN_VDC_ID_MAX);
         if (id) config.vdc_id = id;
         return id.has_value();
     }

@@ -5,7 +5,7 @@
 #include "platform/config.h"
 
 int32_t sysmgrcmn_vdc_id_get() {
-    const auto from_environment = quill::parse_number(getenv("SYSMGR_VDC_ID"), 1, 99);
+    const auto from_environment = quill::parse_number(getenv("SYSMGR_VDC_ID"), 1, SYSMGRCMN_VDC_ID_MAX);
     return from_environment ? *from_environment : quill::config().vdc_id.value_or(1);
 }
 

@@ -39,6 +39,7 @@ uint32_t copy_line(ssh_key_new_rec& source, ssh_key_rec& target) {
 }
 
 uint32_t import_ssh2(const ssh_key_new_rec& source, ssh_key_rec& target) {
+    const KeygenLock lock;
     if (!write_temporary_key(source.key_text) || !run_keygen("-i", kTemporaryKey))
         return SECURITY_ERR_SSHKEY_CONVERT;
     const TemporaryKey removed_after;
@@ -51,6 +52,7 @@ uint32_t import_ssh2(const ssh_key_new_rec& source, ssh_key_rec& target) {
 }
 
 PublicKey certified_key(const char* text) {
+    const KeygenLock lock;
     if (!write_temporary_key(text)) return nullptr;
     const TemporaryKey removed_after;
     const File file = open_key_file(kTemporaryKey);
@@ -126,7 +128,6 @@ uint32_t convert_certificate(const ssh_key_new_rec& source, ssh_key_rec& target)
 }
 
 uint32_t convert(ssh_key_new_rec& source, ssh_key_rec& target) {
-    const KeygenLock lock;
     switch (source.key_format) {
     case SSHKEY_FMT_SSH2:
         return import_ssh2(source, target);

@@ -8,20 +8,13 @@
 #include <cstring>
 #include <ctime>
 
+#include "common/file_made_anew.h"
 #include "quillsecurity.h"
 
 namespace quill {
 namespace {
 
-int create_anew(const char* path) {
-    unlink(path);
-    return open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-}
-
-bool create_empty(const char* path) {
-    const int descriptor = create_anew(path);
-    return descriptor >= 0 && close(descriptor) == 0;
-}
+constexpr mode_t kOurs = 0600;
 
 }  // namespace
 
@@ -47,8 +40,9 @@ bool fits_command(const char* path) {
 bool run_keygen(const char* option, const char* path) {
     char command[sizeof "ssh-keygen -x -f " + kLongestPath];
     const int length = snprintf(command, sizeof command, "ssh-keygen %s -f %s", option, path);
-    return length > 0 && static_cast<size_t>(length) < sizeof command && create_empty(kKeygenOutput) &&
-           create_empty(kKeygenErrors) && security_conf_system(command, kKeygenOutput, kKeygenErrors) >= 0;
+    return length > 0 && static_cast<size_t>(length) < sizeof command && create_empty(kKeygenOutput, kOurs) &&
+           create_empty(kKeygenErrors, kOurs) &&
+           security_conf_system(command, kKeygenOutput, kKeygenErrors) >= 0;
 }
 
 void remove_keygen_output() {
@@ -57,7 +51,7 @@ void remove_keygen_output() {
 }
 
 bool write_temporary_key(const char* text) {
-    const int descriptor = create_anew(kTemporaryKey);
+    const int descriptor = create_anew(kTemporaryKey, kOurs);
     if (descriptor < 0) return false;
     const size_t length = strlen(text);
     const bool written = write(descriptor, text, length) == static_cast<ssize_t>(length);

@@ -1,8 +1,6 @@
 // ssh-keygen, and the three files of fixed names in /tmp through which it is spoken to.
 //
-// Everybody can put things into /tmp. So each file is made anew before it is used: whatever had its name is
-// removed, a link is never followed, and once the file is ours /tmp's sticky bit keeps others from replacing
-// it. Where that is not possible, nothing is run.
+// Each is made anew before it is used (common/file_made_anew.h); where that is not possible, nothing is run.
 #pragma once
 
 #include "sshkey/key_text.h"

@@ -112,6 +112,14 @@ TEST_F(Removal, AFileOfSomebodyElseIsNotWrittenThrough) {
     security_del_vdc_users_for_vdc(2);
     EXPECT_EQ("precious", read_file("/tmp/precious"));
     EXPECT_NE(std::string::npos, read_file("/tmp/userdel.err").find("ghost")) << "userdel's own words";
+
+    // What cannot be moved out of the way keeps nobody's account.
+    fs::remove("/tmp/userdel.out");
+    fs::create_directories("/tmp/userdel.out/held");
+    write({{"bob#02#"}});
+    security_del_vdc_users_for_vdc(2);
+    EXPECT_EQ(std::string::npos, read_file("/etc/shadow").find("bob#02#"));
+    fs::remove_all("/tmp/userdel.out");
 }
 
 TEST_F(Removal, StopsAt256) {

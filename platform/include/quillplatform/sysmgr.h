@@ -19,6 +19,9 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
+/* The largest id of a virtual device context; the smallest is 1. */
+#define SYSMGRCMN_VDC_ID_MAX 99
+
 /* The calling process's virtual device context: $SYSMGR_VDC_ID, else the configuration, else 1. A value out
  * of range counts as absent. -1, which is no context, while there is no memory to read the configuration. */
 int32_t sysmgrcmn_vdc_id_get(void);
