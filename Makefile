@@ -11,8 +11,8 @@ FUZZ_RUNS ?=
 SHELL := /bin/bash
 .SHELLFLAGS := -eu -o pipefail -c
 .NOTPARALLEL:
-.PHONY: help demo shell check check-asan check-i386 check-format check-static torture torture-brief fuzz \
-        bench bench-i386 bench-smoke install format
+.PHONY: help demo shell check check-asan check-i386 check-format check-static check-headers torture torture-brief \
+        fuzz bench bench-i386 bench-smoke build install format
 
 # $(call build,PRESET,OPTIONS): configuring is quick where nothing changed, so it is not skipped.
 build = cmake --preset $(1) $(2) --log-level=NOTICE >/dev/null && cmake --build --preset $(1) -j $(JOBS)
@@ -54,6 +54,10 @@ check-format: ## is every source as .clang-format wants it?
 	@packaging/install-deps --ci
 	@$(sources) | xargs -0 clang-format --dry-run --Werror
 
+check-headers: ## does each header compile alone?
+	@packaging/install-deps --bench
+	@$(call build,release) --target headers
+
 check-static: ## clang-tidy over all that installs; .clang-tidy says what for
 	@packaging/install-deps --ci
 	@$(call build,release) --target quillsecurityd quillsec
@@ -93,9 +97,13 @@ bench-smoke: ## do the benchmarks run?
 	@$(call build,release,-D QUILL_BENCH=ON) --target bench
 	@bench/run release --smoke
 
-install: ## build and install below PREFIX (/usr/local); DESTDIR is honoured
+build: ## build what installs below PREFIX (/usr/local)
 	@packaging/install-deps
 	@$(call build,release,-D CMAKE_INSTALL_PREFIX=$(PREFIX)) --target quillsecurityd quillsec
+
+install: ## install what `make build` built; DESTDIR is honoured
+	@grep -qx 'CMAKE_INSTALL_PREFIX:PATH=$(PREFIX)' build/release/CMakeCache.txt 2>/dev/null || \
+	    { echo "nothing is built for PREFIX=$(PREFIX); run 'make build PREFIX=$(PREFIX)' first" >&2; exit 1; }
 	@DESTDIR=$(DESTDIR) cmake --install build/release
 	@if [ -z "$(DESTDIR)" ] && [ "$$(id -u)" = 0 ]; then ldconfig; fi
 

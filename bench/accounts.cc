@@ -1,5 +1,5 @@
-// What do walks over 10,000 accounts cost, beside the bare reading of the shadow file that each step makes?
-// Writes the account files: run it in packaging/sandbox.
+// How long does an enumeration of 10,000 accounts take, compared with reading the shadow file, which each
+// step does? Writes the account files: run it in packaging/sandbox.
 #include <shadow.h>
 
 #include <cstdlib>
@@ -51,7 +51,7 @@ void whole_walk(benchmark::State& state) {
         char name[128] = "";
         int steps = 0;
         while (security_conf_user_getnext(0, name) == 0) ++steps;
-        if (steps != kAccounts) state.SkipWithError("the walk is not complete");
+        if (steps != kAccounts) state.SkipWithError("the enumeration is not complete");
     }
 }
 BENCHMARK(whole_walk)->Unit(benchmark::kSecond)->Iterations(1);

@@ -1,6 +1,6 @@
-// What does a request cost, beside the bare exchange of as many bytes, a bare durable write, and Redis? On
-// one core, where only the work counts, and on those that the scheduler chooses, where waking up counts as
-// well.
+// How long does a request take, compared with an exchange of as many bytes, a durable write and Redis?
+// Measured on one core, which shows the work alone, and on the cores that the scheduler chooses, which
+// includes waking up.
 #include <fcntl.h>
 #include <hiredis/hiredis.h>
 #include <sys/prctl.h>
@@ -21,12 +21,12 @@ constexpr int kUsers = 10000;
 constexpr size_t kRecord = sizeof(security_user);
 
 const Box& box() {
-    require(getenv("QUILL_IN_SANDBOX") != nullptr, "run it in packaging/sandbox: it makes /dev/log");
+    require(getenv("QUILL_IN_SANDBOX") != nullptr, "run it in packaging/sandbox: it creates /dev/log");
     static const Box kBox;
     return kBox;
 }
 
-// Made before anything is timed.
+// Made before the measurement begins.
 const security_user& user_record(int number) {
     static const std::vector<security_user> kAll = [] {
         std::vector<security_user> all;
@@ -36,7 +36,7 @@ const security_user& user_record(int number) {
     return kAll[static_cast<size_t>(number)];
 }
 
-// A child that goes with this process.
+// Starts a child that is killed when this process ends.
 template <class Body>
 pid_t start(Body body) {
     return start_child([&] {
@@ -45,7 +45,7 @@ pid_t start(Body body) {
     });
 }
 
-// Each server below answers `pid`, and what is asked of it.
+// Each server below has a process id `pid` (0: none) and a function for each kind of request.
 struct Echo {
     int ends[2];
     pid_t pid;
@@ -65,7 +65,7 @@ struct Echo {
     }
 };
 
-// As it is started on a device, with somebody who takes its log.
+// quillsecurityd, started as on a device, with a reader of its log.
 struct Service {
     pid_t pid;
     security_user place{};
@@ -89,13 +89,13 @@ struct Service {
         ask(GET_REQ, record);
     }
     void get_next(int number) {
-        if (number < 8) place = {};  // a walk that begins anew now and then
+        if (number < 8) place = {};  // begins again now and then
         ask(GETNEXT_REQ, place);
     }
     void set(int number) {
         security_user record = user_record(number);
         snprintf(record.password, sizeof record.password, "%016d",
-                 ++changes);  // one that is there costs nothing
+                 ++changes);  // storing the same value again would take no time
         ask(SET_REQ, record);
     }
     int changes = 0;
@@ -136,7 +136,7 @@ struct Redis {
     }
 };
 
-// The floor of a durable change: a record with its length and a check sum, over the same bytes of a file.
+// The floor of a durable change: overwriting a record with its length and checksum in a file.
 struct File {
     pid_t pid = 0;
     int descriptor;
@@ -162,7 +162,7 @@ Redis& durable_redis() {
     return server;
 }
 
-// On which cores a client and its server run; -1 leaves it to the scheduler.
+// The cores on which a client and its server run; -1: any.
 struct Cores {
     const char* name;
     int client, server;
@@ -171,15 +171,15 @@ constexpr Cores kOneCore{"/one_core", 0, 0}, kTwoCores{"/two_cores", 0, 1}, kFre
 
 template <class Server>
 void run(benchmark::State& state, Server& (*server)(), void (Server::*call)(int), const Cores& cores) {
-    Server& asked = server();
+    Server& target = server();
     bind_to_core(0, cores.client);
-    // The client notices after some requests how many cores it has.
-    for (int i = 0; i < 300 && asked.pid != 0; ++i) (asked.*call)(i);
-    if (asked.pid != 0) bind_to_core(asked.pid, cores.server);
+    // The client adapts to the number of cores after some requests.
+    for (int i = 0; i < 300 && target.pid != 0; ++i) (target.*call)(i);
+    if (target.pid != 0) bind_to_core(target.pid, cores.server);
     Numbers numbers(kUsers);
     {
         Latencies latencies(state);
-        for (auto _ : state) latencies.time([&] { (asked.*call)(numbers.next()); });
+        for (auto _ : state) latencies.time([&] { (target.*call)(numbers.next()); });
     }
     bind_to_core(0, -1);
 }

@@ -1,5 +1,4 @@
-// How long after its command does the runner return? It looks every 25 ms, so a command of any shorter time
-// takes the first step of that grid.
+// How long does the command runner take to return? It polls every 25 ms, so any shorter command takes 25 ms.
 #include <benchmark/benchmark.h>
 
 #include <string>

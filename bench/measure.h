@@ -1,4 +1,4 @@
-// What the benchmarks share: latencies of single calls, processes on one core, and a store full of users.
+// Helpers of the benchmarks: latencies of single calls, binding to cores, and a store with many users.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -24,13 +24,14 @@ inline void require(bool holds, const char* what) {
     abort();
 }
 
-// $QUILL_BENCH_NAME, for a look at whether a program runs, else the number that is to be measured.
+// Returns the number in $QUILL_BENCH_<name>, for a short trial run, else the usual one.
 inline int number_of(const char* name, int usual) {
     const char* chosen = getenv((std::string("QUILL_BENCH_") + name).c_str());
     return chosen == nullptr ? usual : std::stoi(chosen);
 }
 
-// Times each call of a benchmark; the median and the 99th percentile join its figures, in microseconds.
+// Measures each call of a benchmark; adds the median and the 99th percentile to its counters, in
+// microseconds.
 class Latencies {
  public:
     explicit Latencies(benchmark::State& state) : state_(state) { all_.reserve(1 << 20); }
@@ -56,7 +57,7 @@ class Latencies {
     std::vector<double> all_;
 };
 
-// Keeps a process on one of our cores, or with -1 lets it run on all of them again.
+// Binds a process to one of the available cores, or with -1 to all of them.
 inline void bind_to_core(pid_t process, int wanted) {
     static const cpu_set_t kAll = [] {
         cpu_set_t set;
@@ -77,7 +78,7 @@ inline security_user user(int number) {
     return user;
 }
 
-// Numbers below a bound in an order that no cache foresees, the same in each run.
+// Pseudo-random numbers below a bound, the same in each run.
 class Numbers {
  public:
     explicit Numbers(int bound) : bound_(static_cast<uint32_t>(bound)) {}
@@ -91,17 +92,17 @@ class Numbers {
     uint32_t state_ = 1;
 };
 
-// What the store keeps as the sum of a record, for SQL.
+// The store's checksum of a record, as a function for SQL.
 inline void crc32_of_both(sqlite3_context* context, int, sqlite3_value** bytes) {
-    uint32_t sum = 0;
+    uint32_t checksum = 0;
     for (int i = 0; i < 2; ++i)
-        sum = libdeflate_crc32(sum, sqlite3_value_blob(bytes[i]),
-                               static_cast<size_t>(sqlite3_value_bytes(bytes[i])));
-    sqlite3_result_int64(context, sum);
+        checksum = libdeflate_crc32(checksum, sqlite3_value_blob(bytes[i]),
+                                    static_cast<size_t>(sqlite3_value_bytes(bytes[i])));
+    sqlite3_result_int64(context, checksum);
 }
 
-// Makes the store `name` hold that many users: the first by the library, the others as copies of what it
-// stored, in one transaction.
+// Creates the store `name` with `count` users: the first by the library, the others as copies of its record,
+// in one transaction.
 inline void fill_store(const std::string& state, const char* name, int count) {
     uint32_t handle = 0;
     require(security_pss_create(&handle, name, 0, 0) == 0, "the store cannot be made");

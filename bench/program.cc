@@ -1,10 +1,9 @@
-// What do a whole run of the client and the daemon's memory amount to? Run it in packaging/sandbox.
+// How long does a run of the client take, and how much memory does the daemon use? Run it in
+// packaging/sandbox.
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <fstream>
 
 #include "bench/measure.h"
 #include "tests/support/daemon.h"
@@ -15,15 +14,6 @@ struct Service {
     Box box;
     Daemon daemon;
     Service() { require(daemon.ready(), daemon.log().c_str()); }
-    // Resident, in KiB.
-    double memory() const {
-        std::ifstream file("/proc/" + std::to_string(daemon.pid()) + "/status");
-        for (std::string word; file >> word;)
-            if (word == "VmRSS:") break;
-        double kilobytes = 0;
-        file >> kilobytes;
-        return kilobytes;
-    }
 };
 
 void run(benchmark::State& state, std::vector<const char*> words) {
@@ -51,11 +41,12 @@ BENCHMARK_CAPTURE(run, service_show, {"quillsec", "service", "show"})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
-// Nine reads and walks for each change, of a daemon of its own, once it has all users.
+// Requests to a daemon of its own: first one change for each user, then nine reads and enumeration steps for
+// each change.
 void requests(benchmark::State& state) {
     const auto users = static_cast<int>(state.range(0));
     Service service;
-    double idle = service.memory();
+    double idle = service.daemon.kilobytes();
     int made = 0;
     for (auto _ : state) {
         security_user record = user(made % users);
@@ -65,10 +56,10 @@ void requests(benchmark::State& state) {
         if (operation == SET_REQ) snprintf(record.password, sizeof record.password, "%d", made);
         const uint32_t status = cmi_security_user_config(1, operation, &record);
         require(status == SECURITY_OK || status == SECURITY_ERR_END_OF_TABLE, "a request was refused");
-        if (++made == users) idle = service.memory();
+        if (++made == users) idle = service.daemon.kilobytes();
     }
     state.counters["idle_KiB"] = idle;
-    state.counters["late_KiB"] = service.memory();
+    state.counters["late_KiB"] = service.daemon.kilobytes();
 }
 BENCHMARK(requests)->Arg(100)->Arg(10000)->Iterations(number_of("REQUESTS", 1000000))->UseRealTime();
 

@@ -1,5 +1,6 @@
-// How long do checking a key file and converting a key take, and how much of it is the command runner asleep
-// between two looks at its child? Beside it, ssh-keygen alone. Writes into /tmp: run it in packaging/sandbox.
+// How long do checking a key file and converting a key take, compared with ssh-keygen alone, and for how much
+// of that time does the command runner sleep between polls of its child? Writes into /tmp: run it in
+// packaging/sandbox.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <spawn.h>
@@ -33,7 +34,7 @@ void make_keys() {
     if (kMade != 0) abort();
 }
 
-// The share of the time that was slept.
+// Reports the share of the time that was spent in select().
 void report(benchmark::State& state, Clock::time_point start) {
     const double whole = std::chrono::duration<double>(Clock::now() - start).count();
     state.counters["asleep"] = seconds_asleep / whole;
@@ -92,7 +93,7 @@ BENCHMARK_CAPTURE(convert, certificate, "certificate", SSHKEY_FMT_X509_PEM)->Use
 
 }  // namespace
 
-// Taken in place of the C library's, whose clock it keeps.
+// Replaces the C library's function, to measure the time spent in it.
 extern "C" __attribute__((visibility("default"))) int select(int count, fd_set* in, fd_set* out,
                                                              fd_set* except, timeval* time) {
     const auto start = Clock::now();

@@ -1,5 +1,5 @@
-// What does a handler cost on the store, beside the SQLite statement that does the same, and does it depend
-// on how many records there are? Run with QUILL_TRACE as it is to be measured.
+// How long does a handler take, compared with the SQLite statement that does the same, and does that depend
+// on the number of records? Run with QUILL_TRACE set as it is to be measured.
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -8,7 +8,7 @@
 
 namespace {
 
-// A store of so many users, open as the handlers know it; beside it a copy, open as SQLite knows it.
+// A store with so many users, opened for the handlers, and a copy of it, opened with SQLite.
 struct Users {
     Box box;
     int count;
@@ -56,13 +56,13 @@ int step(sqlite3_stmt* statement, const Key& key) {
     return sqlite3_step(statement);
 }
 
-// Copies the row out, as any use of it would.
-bool take(sqlite3_stmt* statement, int column, void* bytes, int size) {
+// Copies a column of the row, as any use of it would, and resets the statement.
+bool copy_column(sqlite3_stmt* statement, int column, void* bytes, int size) {
     const void* found = sqlite3_column_blob(statement, column);
-    const bool whole = found != nullptr && sqlite3_column_bytes(statement, column) == size;
-    if (whole) memcpy(bytes, found, static_cast<size_t>(size));
+    const bool complete = found != nullptr && sqlite3_column_bytes(statement, column) == size;
+    if (complete) memcpy(bytes, found, static_cast<size_t>(size));
     sqlite3_reset(statement);
-    return whole;
+    return complete;
 }
 
 void ask(const Users& users, uint32_t operation, security_user& record) {
@@ -85,7 +85,8 @@ void sqlite_get(benchmark::State& state) {
     char value[136];
     for (auto _ : state) {
         const Key key(numbers.next());
-        require(step(users.get, key) == SQLITE_ROW && take(users.get, 0, value, sizeof value), "no row");
+        require(step(users.get, key) == SQLITE_ROW && copy_column(users.get, 0, value, sizeof value),
+                "no row");
         benchmark::DoNotOptimize(value);
     }
 }
@@ -110,7 +111,7 @@ void sqlite_get_next(benchmark::State& state) {
             continue;
         }
         memcpy(key.bytes, sqlite3_column_blob(users.get_next, 0), sizeof key.bytes);
-        require(take(users.get_next, 1, value, sizeof value), "no row");
+        require(copy_column(users.get_next, 1, value, sizeof value), "no row");
         benchmark::DoNotOptimize(value);
     }
 }

@@ -10,7 +10,7 @@
 #include <memory>
 
 #include "cli/command.h"
-#include "cli/file_value.h"
+#include "cli/input_file.h"
 #include "cli/words.h"
 #include "quillplatform/files.h"
 #include "quillsecurity.h"
@@ -29,24 +29,15 @@ std::string request_delimiter(uint32_t operation, char delimiter, const char* de
 
 std::string delimiter() { return request_delimiter(GET_REQ, SECURITY_DEFAULT_BANNER_DELIMITER, "read"); }
 
-// The file as it stands, short of being too long.
-std::string bytes_of(const std::string& path) {
-    const File file(fopen(path.c_str(), "re"), fclose);
-    if (file == nullptr) throw file_failure(path, errno);
-    std::string bytes(SECURITY_BANNER_FILE_LIMIT, '\0');
-    bytes.resize(fread(bytes.data(), 1, bytes.size(), file.get()));
-    if (ferror(file.get()) != 0) throw file_failure(path, errno);
-    if (bytes.size() < SECURITY_BANNER_FILE_LIMIT) return bytes;
-    throw Failure{Exit::kInvalidValue, fmt::format("file '{}'", path),
-                  fmt::format("file '{}' is too long", path),
-                  fmt::format("use at most {} bytes", SECURITY_BANNER_FILE_LIMIT - 1)};
-}
+// Each context has a banner of its own.
+std::string banner_file() { return security_get_system_filename(QUILL_BANNER_FILE); }
 
 // As the login programs get it; empty where there is no banner.
 std::string text() {
-    const File file(fopen(QUILL_BANNER_FILE, "re"), fclose);
+    const std::string path = banner_file();
+    const File file(fopen(path.c_str(), "re"), fclose);
     if (file == nullptr && errno == ENOENT) return "";
-    if (file == nullptr) throw file_failure(QUILL_BANNER_FILE, errno);
+    if (file == nullptr) throw file_failure(path, errno);
     std::string output(SECURITY_BANNER_TEXT_SIZE, '\0');
     const int32_t length = security_read_banner_motd_msg(output.data(), file.get());
     if (length < 0)
@@ -72,9 +63,9 @@ Answer show(const Arguments&) {
     return Remark{"banner", {{{"delimiter", delimiter()}, {"text", kept}}, printable_lines(kept)}};
 }
 
-void write_banner(const std::string& bytes) {
+void write_banner(std::string_view bytes) {
     namespace fs = std::filesystem;
-    const std::string path = QUILL_BANNER_FILE, draft = path + ".new";
+    const std::string path = banner_file(), draft = path + ".new";
     std::error_code ignored;  // what is missing then, opening tells
     fs::create_directories(fs::path(path).parent_path(), ignored);
     unlink(draft.c_str());
@@ -93,7 +84,8 @@ void write_banner(const std::string& bytes) {
 // Setting the delimiter tells the daemon that the text has changed, so one is set in any case. Asking for it
 // first finds out whether there is a daemon to tell.
 Answer set(const Arguments& arguments) {
-    const std::string bytes = bytes_of(arguments["FILE"]);
+    const InputFile file(file_named(arguments["FILE"]), SECURITY_BANNER_FILE_LIMIT - 1);
+    const std::string_view bytes = file.bytes();
     const std::string before = delimiter();
     const bool enclosed = bytes.size() > 1 && bytes.front() == bytes.back();
     write_banner(bytes);
@@ -119,16 +111,17 @@ std::string notes() {
         "the name of the host and \\l for the line of the login.\n\n"
         "With --json: {{\"banner\": {{\"delimiter\", \"text\"}}}}; from delimiter {{\"delimiter\": the "
         "character}}.",
-        QUILL_BANNER_FILE, SECURITY_BANNER_FILE_LIMIT - 1);
+        banner_file(), SECURITY_BANNER_FILE_LIMIT - 1);
 }
 
 constexpr Verb kVerbs[] = {
     {"show", "show the banner", {}, show},
-    {"set", "take the banner from a file", {{"FILE", "the file"}}, set},
+    {"set", "take the banner from a file", {{"FILE", "the file"}}, set, kSetsDevice},
     {"delimiter",
      "show the delimiter, or set it",
      {{"CHAR", "the new delimiter", Argument::kOptional}},
-     set_or_show_delimiter},
+     set_or_show_delimiter,
+     kSetsDevice},
 };
 }  // namespace
 

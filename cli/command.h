@@ -36,8 +36,20 @@ class Arguments {
     // A required argument.
     const std::string& operator[](const std::string& name) const { return values_.at(name); }
 
+    bool empty() const { return values_.empty(); }
+
  private:
     std::map<std::string, std::string> values_;
+};
+
+// What carry_out() does beside calling a verb's function; for Verb::traits.
+enum : unsigned {
+    // Before: asks whether the daemon is there, since the function looks at this system's own files or changes
+    // them before its first request.
+    kNeedsDaemon = 1,
+    // Afterwards: in another context than 1, says that what was set is only stored. A verb that was given none
+    // of its arguments has only shown something.
+    kSetsDevice = 2,
 };
 
 struct Verb {
@@ -45,6 +57,7 @@ struct Verb {
     const char* help;
     std::initializer_list<Argument> arguments;
     Answer (*run)(const Arguments& arguments);  // throws Failure
+    unsigned traits = 0;
 };
 
 struct Noun {
@@ -54,6 +67,9 @@ struct Noun {
     std::span<const Verb> verbs;
     bool first_verb_implied = false;  // where none is given; the first verb takes options alone then
 };
+
+// What the verb answers to these arguments, with what its traits ask for. Throws Failure.
+Answer carry_out(const Verb& verb, const Arguments& arguments);
 
 extern const Noun kUser, kRole, kLocale, kKey, kPassword, kService, kSecret, kRecord, kBanner, kWeb, kVdc,
     kWatch, kSelfTest;

@@ -5,9 +5,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/name_list.h"
+#include "base/text_field.h"
 #include "cli/failure.h"
-#include "common/name_list.h"
-#include "common/text_field.h"
 #include "quillplatform/shell.h"
 #include "quillsecurity.h"
 
@@ -28,13 +28,20 @@ uint32_t ask(int32_t request_type, uint32_t operation, void* record, uint32_t si
     return status;
 }
 
+void require_daemon() {
+    char delimiter = 0;  // everybody may read it, and no record is shorter
+    const uint32_t status = ask(SECURITY_BANNER_REQUEST, GET_REQ, &delimiter, sizeof delimiter);
+    const bool refused = status == SECURITY_ERR_BUSY || status == SECURITY_ERR_CONTEXT;
+    if (refused || is_undelivered(status)) require_success(status, "the daemon", "ask");
+}
+
 uint32_t read_names(int32_t request_type, const std::string& user, std::vector<std::string>& names) {
     security_user_roles list{};  // locales have the same shape
     set_text(list.user_name, user.c_str());
     const uint32_t status = ask(request_type, GET_REQ, &list, sizeof list);
     if (status != SECURITY_OK) return status;
-    for (int32_t i = 0; i < std::clamp(list.num_roles, 0, kMostNames); ++i)
-        names.emplace_back(list.roles[i], strnlen(list.roles[i], sizeof list.roles[i]));
+    for (const NameSlot& name : names_in_use(list.num_roles, list.roles))
+        names.emplace_back(name, strnlen(name, sizeof name));
     return status;
 }
 

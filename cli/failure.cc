@@ -8,9 +8,12 @@
 #include <cerrno>
 #include <cstring>
 #include <iterator>
+#include <string_view>
+#include <utility>
 
+#include "base/context_name.h"
 #include "quillplatform/pss.h"
-#include "quillsecurity/status.h"
+#include "quillplatform/sysmgr.h"
 
 namespace quill::cli {
 namespace {
@@ -22,7 +25,10 @@ constexpr uint32_t undelivered(int error) {
     return SECURITY_ERR_TRANSPORT | (static_cast<uint32_t>(error) & kErrno);
 }
 
-constexpr bool is_undelivered(uint32_t status) { return (status & kFamily) == SECURITY_ERR_TRANSPORT; }
+// The daemon may have had the request, and its answer did not arrive.
+constexpr bool is_unanswered(uint32_t status) {
+    return status == undelivered(ETIMEDOUT) || status == undelivered(ECONNRESET);
+}
 
 constexpr int errno_of(uint32_t status) { return static_cast<int>(status & kErrno); }
 
@@ -35,7 +41,9 @@ struct Meaning {
     uint32_t status;
     Exit exit;
     const char* remedy;
-    const char* text = nullptr;  // where syserr2str() does not say it for this reader
+    // Where syserr2str() does not say it for this reader; {} is the deed. Of a request that was not delivered
+    // {0} says which daemon's it was and {1}, also in the remedy, how that one is started.
+    const char* text = nullptr;
 };
 
 constexpr Meaning kMeanings[] = {
@@ -43,7 +51,9 @@ constexpr Meaning kMeanings[] = {
     {SECURITY_ERR_NO_VALUE, Exit::kNoSuchObject, "set it first"},
     {SECURITY_ERR_NO_CIPHER, Exit::kInvalidValue, "use one that --help lists"},
     {SECURITY_ERR_CRYPT, Exit::kFailed, "enter the secret again"},
-    {SECURITY_ERR_PASSWD_UNDELIVERED, Exit::kUnreachable, kSeeDaemon},
+    {SECURITY_ERR_PASSWD_UNDELIVERED, Exit::kUnreachable,
+     "see that quillsecurityd runs, then set the password again",
+     "the daemon did not confirm the password, which may or may not have been set"},
     {SECURITY_ERR_UNKNOWN_ROLE, Exit::kNoSuchObject, kSpelling},
     {SECURITY_ERR_ROLE_NOT_HELD, Exit::kNoSuchObject, "list the roles that the user holds"},
     {SECURITY_ERR_NOT_FOUND, Exit::kNoSuchObject, kSpelling},
@@ -51,7 +61,7 @@ constexpr Meaning kMeanings[] = {
     {SECURITY_ERR_TOO_MANY_ROLES, Exit::kFailed, "take a role away first"},
     {SECURITY_ERR_SSHKEY_CONVERT, Exit::kFailed, "give the key as one line of OpenSSH text"},
     {SECURITY_ERR_SSHKEY_FORMAT, Exit::kInvalidValue, "give the key as one line of OpenSSH text"},
-    {SECURITY_ERR_FILE_OPEN, Exit::kFailed, "check that the file exists and can be read"},
+    {SECURITY_ERR_FILE_OPEN, Exit::kNoSuchObject, "check that the file exists and can be read"},
     {SECURITY_ERR_SSHKEY_TYPE, Exit::kFailed, "see that ssh-keygen runs and can write /tmp/outkey.pub"},
     {SECURITY_ERR_FILE_READ, Exit::kFailed, "check that the file can be read"},
     {SECURITY_ERR_URI_TYPE, Exit::kInvalidValue, "name a file on a device of this system"},
@@ -76,7 +86,8 @@ constexpr Meaning kMeanings[] = {
     {SECURITY_ERR_USER_NAME, Exit::kInvalidValue,
      "use a letter or '_', then letters, digits, '_', '-' and '.', at most 31 (27 outside context 1); the "
      "system's own are not changed"},
-    {SECURITY_ERR_PASSWORD_TEXT, Exit::kInvalidValue, "leave out line breaks, and ':' and blanks in a hash"},
+    {SECURITY_ERR_PASSWORD_TEXT, Exit::kInvalidValue,
+     "leave out line breaks in a password; give a hash as crypt(5) has it, whole, or '!' for none"},
     {SECURITY_ERR_ACCOUNT_TOOL, Exit::kFailed, kSeeLog},
     {SECURITY_ERR_ACCOUNT_REPAIR, Exit::kBusy, kSeeLog},
     {SECURITY_ERR_NOT_SUPPORTED, Exit::kInvalidValue, "use what the documentation offers"},
@@ -92,6 +103,11 @@ constexpr Meaning kMeanings[] = {
     {SECURITY_ERR_WEB_INCOMPLETE, Exit::kNoSuchObject, "send the certificate, then its key"},
     {SECURITY_ERR_WEB_SETTINGS, Exit::kInvalidValue, "use two different ports of 1 to 65535"},
     {SECURITY_ERR_BUSY, Exit::kBusy, "try again"},
+    {SECURITY_ERR_CHANGED, Exit::kBusy, "try again", "others keep changing the list"},
+    {SECURITY_ERR_CONTEXT, Exit::kUnreachable, "start the quillsecurityd of this context"},
+    {SECURITY_ERR_OTHER_HOME, Exit::kInvalidValue,
+     "change it with passwd(1), chage(1) and usermod(8), or use another name"},
+    {SECURITY_ERR_ACCOUNTS_IN_USE, Exit::kBusy, "try again when the other program is done"},
 
     {PSS_IN_USE, Exit::kBusy, "try again when the other user of the store is done"},
     {PSS_FULL, Exit::kStoreFailure, "free space where the daemon keeps its state"},
@@ -100,19 +116,21 @@ constexpr Meaning kMeanings[] = {
      "stop quillsecurityd, remove the store's -wal and -journal files and put a saved copy in its place"},
     {PSS_READ_ONLY, Exit::kStoreFailure, "make the device of the store writable"},
 
-    {undelivered(ENOENT), Exit::kUnreachable, "start quillsecurityd",
-     "the daemon is not running (no socket)"},
-    {undelivered(ECONNREFUSED), Exit::kUnreachable, "start quillsecurityd",
-     "the daemon is not running (its socket is left over)"},
+    {undelivered(ENOENT), Exit::kUnreachable, "start quillsecurityd{1}",
+     "the daemon{0} is not running (no socket)"},
+    {undelivered(ECONNREFUSED), Exit::kUnreachable, "start quillsecurityd{1}",
+     "the daemon{0} is not running (its socket is left over)"},
     {undelivered(EINVAL), Exit::kUnreachable, "give it as an absolute path, or not at all",
      "QUILL_RUNTIME_DIR is not an absolute path"},
     {undelivered(EACCES), Exit::kNotPermitted, "run as root or ask for access to its runtime directory",
-     "the daemon's socket is not open to you"},
-    {undelivered(ETIMEDOUT), Exit::kTimeout, "try again, or wait longer with --timeout",
-     "the daemon did not answer in time"},
-    {undelivered(ECONNRESET), Exit::kUnreachable, "start quillsecurityd and look whether it was done",
-     "the daemon ended while it had the request, which may or may not have been done"},
-    {undelivered(EPROTO), Exit::kFailed, kSameVersion, "the daemon does not speak this client's protocol"},
+     "the socket of the daemon{0} is not open to you"},
+    {undelivered(ETIMEDOUT), Exit::kTimeout, "wait longer with --timeout",
+     "the daemon{0} did not answer in time"},
+    {undelivered(ECONNRESET), Exit::kUnreachable, "start quillsecurityd{1}",
+     "the daemon{0} ended before it answered"},
+    {undelivered(ESTALE), Exit::kBusy, "try again",
+     "the daemon{0} was restarted between reading and changing; nothing was changed"},
+    {undelivered(EPROTO), Exit::kFailed, kSameVersion, "the daemon{0} does not speak this client's protocol"},
 };
 
 constexpr const Meaning* find(uint32_t status) {
@@ -136,6 +154,19 @@ static_assert(std::all_of(std::begin(kLibraryNames), std::end(kLibraryNames),
                           [](const Name& n) { return n.status == SECURITY_OK || find(n.status); }),
               "a status of the library has no row in kMeanings");
 
+bool changes(std::string_view deed) {
+    constexpr std::string_view kHarmless[] = {"ask", "read", "verify", "convert", "listen to", "receive"};
+    return std::ranges::find(kHarmless, deed) == std::end(kHarmless);
+}
+
+// In text and remedy, which daemon is meant: in context 1 there is nothing to tell.
+std::string about_daemon(const std::string& text) {
+    const int32_t context = sysmgrcmn_vdc_id_get();
+    if (context == kDefaultContext) return fmt::format(fmt::runtime(text), "", "");
+    return fmt::format(fmt::runtime(text), fmt::format(" of context {}", context),
+                       fmt::format(" with SYSMGR_VDC_ID={}", context));
+}
+
 // What is said of a status that has no row.
 Meaning family_meaning(uint32_t status) {
     if (is_undelivered(status)) return {status, Exit::kUnreachable, kSeeDaemon};
@@ -150,11 +181,14 @@ void require_success(uint32_t status, const std::string& object, const char* dee
     const Meaning* row = find(status);
     const Meaning meaning = row ? *row : family_meaning(status);
     if (is_undelivered(status)) {
-        throw Failure{meaning.exit, "the daemon",
-                      meaning.text
-                          ? meaning.text
-                          : fmt::format("the daemon cannot be asked: {}", error_text(errno_of(status))),
-                      meaning.remedy, status};
+        const bool outcome_unknown = is_unanswered(status) && changes(deed);
+        const std::string reason =
+            meaning.text ? meaning.text : "the daemon{0} cannot be asked: " + error_text(errno_of(status));
+        std::string text = about_daemon(reason);
+        if (outcome_unknown) text += "; the change may or may not have been made";
+        throw Failure{meaning.exit,    about_daemon("the daemon{0}"),
+                      std::move(text), about_daemon(meaning.remedy),
+                      status,          outcome_unknown};
     }
     const std::string text =
         meaning.text ? fmt::format(fmt::runtime(meaning.text), deed) : std::string(syserr2str(status));

@@ -1,41 +1,17 @@
 #include "cli/key_listing.h"
 
-#include <unistd.h>
-
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 
+#include "cli/private_tmp.h"
 #include "cli/words.h"
 #include "quillsecurity.h"
 
 namespace quill::cli {
-namespace {
-
-// A folder of our own for the key and what ssh-keygen prints, gone with the object.
-class Folder {
- public:
-    Folder() { made_ = mkdtemp(path_) != nullptr; }
-    ~Folder() {
-        for (const char* name : {"key", "out", "err"}) unlink(file(name).c_str());
-        if (made_) rmdir(path_);
-    }
-    Folder(const Folder&) = delete;
-    Folder& operator=(const Folder&) = delete;
-
-    bool made() const { return made_; }
-    std::string file(const char* name) const { return std::string(path_) + "/" + name; }
-
- private:
-    char path_[sizeof "/tmp/quillsec-XXXXXX"] = "/tmp/quillsec-XXXXXX";
-    bool made_;
-};
-
-}  // namespace
 
 // "2048 SHA256:... some comment (RSA)"
 std::optional<KeyListing> listed(const std::string& line) {
-    const Folder folder;
+    const OwnFolder folder;
     if (!folder.made()) return std::nullopt;
     std::ofstream(folder.file("key")) << line << '\n';
     const std::string command = "ssh-keygen -l -f " + folder.file("key");

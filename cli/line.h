@@ -3,7 +3,7 @@
 
 #include <cstddef>
 
-#include "common/wiped.h"
+#include "base/wiped.h"
 
 namespace quill::cli {
 

@@ -1,6 +1,12 @@
 // quillsec role and quillsec locale: the two lists of names that a user has.
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <random>
+#include <thread>
+
 #include "cli/command.h"
 #include "cli/exchange.h"
 #include "quillplatform/shell.h"
@@ -41,6 +47,33 @@ Answer list(const Kind& kind, const std::string& user) {
     return table;
 }
 
+// The library changes a list by reading it and sending it back whole. The daemon refuses the second step when
+// somebody else has changed the list in between, and the library's channel when the connection that the list
+// was read on is gone. Nothing is changed then, and both steps are done again.
+bool lost_its_race(uint32_t status) {
+    return status == SECURITY_ERR_CHANGED || status == (SECURITY_ERR_TRANSPORT | uint32_t{ESTALE});
+}
+
+// Up to 1 ms before the second try, and longer from try to try, so that those who collided meet no more.
+void pause_after(int tries) {
+    constexpr int kLongest = 40;
+    static std::minstd_rand random(std::random_device{}());
+    const int longest = std::min(tries, kLongest) * 1000;
+    std::this_thread::sleep_for(std::chrono::microseconds(std::uniform_int_distribution(0, longest)(random)));
+}
+
+// The status of the last try; SECURITY_ERR_CHANGED where each of them lost.
+template <class Change>
+uint32_t retried(Change change) {
+    constexpr int kMostTries = 64;
+    for (int tries = 1; tries <= kMostTries; ++tries) {
+        const uint32_t status = status_of(change());
+        if (!lost_its_race(status)) return status;
+        if (tries < kMostTries) pause_after(tries);
+    }
+    return SECURITY_ERR_CHANGED;
+}
+
 template <const Kind& kind>
 Answer show(const Arguments& arguments) {
     return list(kind, checked(arguments["USER"], "user", kLongestUser));
@@ -50,8 +83,8 @@ template <const Kind& kind>
 Answer change(const Arguments& arguments, decltype(Kind::assign) deed, const char* what) {
     const std::string& user = checked(arguments["USER"], "user", kLongestUser);
     const std::string& name = checked(arguments["NAME"], kind.name, kLongestName);
-    const uint32_t status =
-        status_of(deed(0, user.c_str(), name.c_str(), security_cmi_username, security_cmi_session_id));
+    const uint32_t status = retried(
+        [&] { return deed(0, user.c_str(), name.c_str(), security_cmi_username, security_cmi_session_id); });
     const bool about_user = status == SECURITY_ERR_NOT_FOUND;
     require_success(status,
                     about_user ? fmt::format("user '{}'", user)
@@ -72,16 +105,23 @@ Answer remove(const Arguments& arguments) {
 
 template <const Kind& kind>
 std::string notes() {
-    return fmt::format("A user has up to 64 {0}.\n\nWith --json: {{\"{0}\": [{{\"user\", \"{1}\"}}, ...]}}.",
-                       kind.plural, kind.name);
+    return fmt::format(
+        "A user has up to 64 {0}. A change that another one overtook is tried again; add and remove end\n"
+        "with 8 when others keep changing the list.\n\nWith --json: {{\"{0}\": [{{\"user\", \"{1}\"}}, "
+        "...]}}.",
+        kind.plural, kind.name);
 }
 
 // NOLINTBEGIN(readability-identifier-naming): a template of constants is a variable to the check
 template <const Kind& kind>
 constexpr Verb kVerbs[] = {
     {"show", "show what a user has", {{"USER", "the user"}}, show<kind>},
-    {"add", "give it to a user", {{"USER", "the user"}, {"NAME", "what to give"}}, add<kind>},
-    {"remove", "take it from a user", {{"USER", "the user"}, {"NAME", "what to take"}}, remove<kind>},
+    {"add", "give it to a user", {{"USER", "the user"}, {"NAME", "what to give"}}, add<kind>, kNeedsDaemon},
+    {"remove",
+     "take it from a user",
+     {{"USER", "the user"}, {"NAME", "what to take"}},
+     remove<kind>,
+     kNeedsDaemon},
 };
 // NOLINTEND(readability-identifier-naming)
 }  // namespace

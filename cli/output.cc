@@ -13,7 +13,9 @@ namespace quill::cli {
 namespace {
 constexpr std::string_view kGap = "  ";
 
-std::string dump(const Json& value) { return value.dump(-1, ' ', false, Json::error_handler_t::replace); }
+std::string dump(const Json& value) {
+    return printable_json(value.dump(-1, ' ', false, Json::error_handler_t::replace));
+}
 
 // Characters, not bytes: names need not be ASCII.
 size_t width(std::string_view text) {
@@ -151,11 +153,14 @@ Exit say(const std::string& text) {
 }
 
 std::string rendered(const Answer& answer, Form form) {
-    return std::visit(
+    std::string page = std::visit(
         [=](const auto& content) {
             return form == Form::kJson ? for_programs(content) : for_people(content);
         },
         answer.content);
+    if (answer.notice.empty()) return page;
+    if (form == Form::kTable) return page + answer.notice + '\n';
+    return page.insert(page.rfind('}'), fmt::format(",\"notice\":{}", dump(answer.notice)));
 }
 
 Exit say(const Answer& answer, Form form) {

@@ -19,8 +19,10 @@
 //   a yes or no    {"verified": false}, likewise a deed that leaves nothing to list: {"deleted": "amy"}
 //   --version      {"version": "1.0.0"}
 //   --help         {"help": "..."}
+// Where there is something to be said beside an answer, for people the last line, its document has one more
+// member, "notice", a text.
 // Only a stream is not one document but one a line: {"number": 1, "change": "added", ...}
-// Bytes that are not UTF-8 appear as U+FFFD.
+// Bytes that are not UTF-8 appear as U+FFFD; characters that a terminal would obey or not show, as \uXXXX.
 #pragma once
 
 #include <functional>
@@ -80,6 +82,7 @@ struct Answer {
 
     std::variant<Table, Remark, Stream> content;
     Exit exit;
+    std::string notice{};  // what else is to be said of it, a line; not of a stream
 };
 
 enum class Form { kTable, kJson };

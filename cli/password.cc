@@ -5,8 +5,10 @@
 
 #include <cstring>
 
+#include "base/dictionary.h"
 #include "cli/command.h"
 #include "cli/line.h"
+#include "cli/quiet.h"
 #include "cli/secret_input.h"
 #include "quillsecurity.h"
 
@@ -25,16 +27,20 @@ Answer check(const Arguments& arguments) {
     // What an account would not take is judged too, and found wanting for its length.
     read_secret({fmt::format("user '{}'", user), "password", kLongestLine, false}, arguments, password);
     password.bytes[password.length] = '\0';
-    const uintptr_t objection = security_user_password_check_psec_norm(0, password.bytes, user.c_str());
+    const uintptr_t objection = [&] {
+        const QuietStandardError quiet;
+        return security_user_password_check_psec_norm(0, password.bytes, user.c_str());
+    }();
     if (objection == 0) return Remark{"accepted", {true, "this password is good enough"}};
     const std::string rule = reinterpret_cast<const char*>(objection);  // NOLINT: so it is documented
+    if (rule == kNoDictionary) throw no_dictionary(fmt::format("user '{}'", user), "password");
     return {Remark{"accepted", {Json(false), rule}, {{"rule", rule}}}, Exit::kFailed};
 }
 
 std::string notes() {
     return "The rules are those for new users' passwords, and the switch password-strength turns them off.\n"
            "check ends with 0 when the password is accepted and with 1 when it is not, after the first rule\n"
-           "that it breaks.\n\n"
+           "that it breaks. Without the dictionary of passwords it cannot judge, and ends with 3.\n\n"
            "With --json: {\"accepted\": true or false}, and \"rule\" beside false: what the password breaks.";
 }
 

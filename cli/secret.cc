@@ -2,9 +2,14 @@
 // come out.
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <string_view>
+
+#include "base/dictionary.h"
 #include "cli/command.h"
 #include "cli/encoding.h"
 #include "cli/line.h"
+#include "cli/quiet.h"
 #include "cli/secret_input.h"
 #include "cli/terminal.h"
 #include "cli/words.h"
@@ -16,6 +21,10 @@ constexpr uint32_t kLowest = 1;
 constexpr uint32_t kHighest = 15;
 
 using Record = Wiped<security_priv_info>;
+
+constexpr long kFewestCharacters = 12;
+constexpr Argument kAcceptWeak{"--accept-weak", "set it even if it is easy to guess, or cannot be judged",
+                               Argument::kFlag};
 
 std::string object(const std::string& level) { return fmt::format("privilege level '{}'", level); }
 std::string object(uint32_t level) { return fmt::format("privilege level {}", level); }
@@ -53,6 +62,25 @@ Answer show(const Arguments& arguments) {
     return table;
 }
 
+// What is stored of a secret is one round of MD5, cut to 64 bits: whoever reads the store tries billions of
+// secrets in a second. Only one that cannot be guessed withstands that.
+void refuse_weak(uint32_t level, const char* secret) {
+    const std::string_view text(secret);
+    const auto characters = std::ranges::count_if(text, [](char c) { return (c & 0xc0) != 0x80; });
+    const char* fault = "it is too short";
+    if (characters >= kFewestCharacters) {
+        const QuietStandardError quiet;
+        fault = dictionary_objection(secret);
+    }
+    if (fault == nullptr) return;
+    if (std::string_view(fault) == kNoDictionary)
+        throw no_dictionary(object(level), "secret", fmt::format(", or add {}", kAcceptWeak.name));
+    throw Failure{Exit::kInvalidValue, object(level),
+                  fmt::format("{}: the secret is easy to guess: {}", object(level), fault),
+                  fmt::format("choose another of {} characters or more, or add {}", kFewestCharacters,
+                              kAcceptWeak.name)};
+}
+
 // The field behind the secret is zero: a hash that is shorter than the secret leaves nothing of it standing.
 Answer set(const Arguments& arguments) {
     const uint32_t level = level_of(arguments["LEVEL"]);
@@ -63,6 +91,7 @@ Answer set(const Arguments& arguments) {
         memcpy(record.secret, secret.bytes, secret.length);
         record.secret_len = static_cast<int32_t>(secret.length);
     }
+    if (!arguments.has(kAcceptWeak.name)) refuse_weak(level, record.secret);
     record.priv_lvl = static_cast<int32_t>(level);
     record.encryption_type = SECURITY_ENCRYPTION_TO_HASH;
     require_success(status_of(cmi_security_priv_info_config(0, SET_REQ, &record)), object(level), "change");
@@ -132,7 +161,9 @@ Answer remove(const Arguments& arguments) {
 std::string notes() {
     return "A LEVEL is 1 to 15. A secret is 1 to 1023 bytes without a newline or NUL. It is asked for at\n"
            "the terminal or read with --stdin; on the command line others could see it. It is kept as a\n"
-           "salted hash, which can be verified and not be shown.\n\n"
+           "salted hash, which can be verified and not be shown, but guessed by whoever can read it. So set\n"
+           "refuses a secret of less than 12 characters and one that the dictionary of passwords makes easy\n"
+           "to guess, unless --accept-weak is given.\n\n"
            "verify ends with 0 when it is the level's secret, with 1 when it is not, and with 3 when the\n"
            "level has none.\n\n"
            "With --json: {\"secrets\": [{\"level\", \"secret\", \"encryption\"}, ...]}, where secret is\n"
@@ -142,7 +173,7 @@ std::string notes() {
 
 constexpr Verb kVerbs[] = {
     {"show", "show which levels have a secret", {{"LEVEL", "one level", Argument::kOptional}}, show},
-    {"set", "give a level a new secret", {{"LEVEL", "1 to 15"}, kFromStdin}, set},
+    {"set", "give a level a new secret", {{"LEVEL", "1 to 15"}, kFromStdin, kAcceptWeak}, set},
     {"verify", "say whether a secret is that of a level", {{"LEVEL", "1 to 15"}, kFromStdin}, verify},
     {"delete",
      "take its secret from a level, or from all",

@@ -63,6 +63,13 @@ bool ask(const Terminal& terminal, const SecretWanted& wanted, Line& secret) {
 }
 }  // namespace
 
+Failure no_dictionary(const std::string& object, const char* name, const std::string& other_remedy) {
+    return {Exit::kNoSuchObject, object,
+            fmt::format("{}: the {} cannot be judged, since the dictionary of passwords cannot be read",
+                        object, name),
+            "make the dictionary first, as quillsecurityd(8) says under FILES" + other_remedy};
+}
+
 void read_secret(const SecretWanted& wanted, const Arguments& arguments, Line& secret) {
     if (arguments.has(wanted.option)) return read_from_stdin(wanted, secret);
     const Terminal terminal;

@@ -20,6 +20,10 @@ struct SecretWanted {
     const char* option = kFromStdin.name;  // which takes it from standard input
 };
 
+// What is said where a password or secret of `object` cannot be judged, since the dictionary of easily
+// guessed passwords is missing. `other_remedy`, a clause, follows the usual one.
+Failure no_dictionary(const std::string& object, const char* name, const std::string& other_remedy = "");
+
 // Reads the secret, 1 to `longest` bytes without a NUL, from standard input where --stdin was given, else
 // from the terminal. Throws Failure: kInvalidValue for one that is empty, too long or not the same twice,
 // kUsage where there is no terminal.

@@ -170,7 +170,8 @@ constexpr Verb kVerbs[] = {
     {"set",
      "switch a service on or off, or give it its number",
      {{"NAME", "the service"}, {"VALUE", "on, off or a number"}},
-     set},
+     set,
+     kSetsDevice},
     {"defaults", "show the factory defaults beside the present values", {}, defaults},
 };
 }  // namespace

@@ -32,8 +32,9 @@ class Listener {
  public:
     Listener() {
         if (quill_mts_listen(MTS_SAP_ALL, SECURITY_MTS_USER_CHANGE, &handle_) == 0) return;
-        require_success(errno == EACCES ? SECURITY_ERR_NOT_PERMITTED
-                                        : SECURITY_ERR_TRANSPORT | static_cast<uint32_t>(errno),
+        require_success(errno == EACCES  ? SECURITY_ERR_NOT_PERMITTED
+                        : errno == EXDEV ? SECURITY_ERR_CONTEXT
+                                         : SECURITY_ERR_TRANSPORT | static_cast<uint32_t>(errno),
                         "notifications", "listen to");
     }
     ~Listener() { quill_mts_close(handle_); }

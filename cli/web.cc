@@ -3,16 +3,19 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <memory>
 
+#include "base/descriptor.h"
+#include "base/wiped.h"
 #include "cli/command.h"
 #include "cli/exchange.h"
-#include "cli/file_value.h"
+#include "cli/input_file.h"
 #include "cli/words.h"
-#include "common/wiped.h"
 #include "quillplatform/shell.h"
 #include "quillsecurity.h"
 
@@ -20,6 +23,7 @@ namespace quill::cli {
 namespace {
 
 constexpr const char* kObject = "the web server";
+constexpr size_t kLargestFile = 1 << 20;  // of which no more than a record's text is used
 
 // A port of 0 is none.
 struct Settings {
@@ -110,25 +114,42 @@ Answer set_ports(const Arguments& arguments) {
     return show(arguments);
 }
 
-uint32_t send(const NamedFile& file, uint32_t item) {
-    if (file.location != SECURITY_LOCATION_TEMPORARY) {
-        char path[256] = {};
-        file.path.copy(path, sizeof path - 1);
-        return security_nginx_https_send(path, file.location, item, 0);
+// A copy in memory, which the library can open by its path: a key must not lie on a disk where it did not.
+class MemoryCopy {
+ public:
+    explicit MemoryCopy(std::string_view bytes) : descriptor_(memfd_create("quillsec", MFD_CLOEXEC)) {
+        if (!descriptor_ || write(descriptor_.get(), bytes.data(), bytes.size()) != ssize_t(bytes.size()))
+            throw file_failure("a copy in memory", errno);
     }
-    // The library would take the file for a copy made for it, and delete it.
+    std::string path() const { return fmt::format("/proc/self/fd/{}", descriptor_.get()); }
+
+ private:
+    const Descriptor descriptor_;
+};
+
+uint32_t send(const InputFile& file, uint32_t item) {
+    const MemoryCopy copy(file.bytes());
     Wiped<nginx_cert_rec> record;
-    const uint32_t status = copy_nginx_file_content(file.path.c_str(), &record, item);
+    const uint32_t status = copy_nginx_file_content(copy.path().c_str(), &record, item);
     if (status != SECURITY_OK) return status;
     uint32_t length = sizeof(nginx_cert_rec);
     nginx_cert_rec& sent = record;
-    return static_cast<uint32_t>(
-        security_cmi2(SECURITY_NGINX_CERT_REQUEST, SET_REQ, &sent, nullptr, &length, 0));
+    return status_of(static_cast<uint32_t>(
+        security_cmi2(SECURITY_NGINX_CERT_REQUEST, SET_REQ, &sent, nullptr, &length, 0)));
 }
 
 Answer send_item(const Arguments& arguments, uint32_t item, const char* what) {
     const std::string& name = arguments["FILE"];
-    require_success(status_of(send(file_named(name), item)), fmt::format("{} '{}'", what, name), "send");
+    const InputFile file(file_named(name), kLargestFile);
+    const std::string object = fmt::format("{} '{}'", what, name);
+    const uint32_t status = send(file, item);
+    if (status == SECURITY_ERR_CERT_TOO_BIG && item == SECURITY_WEB_KEY) {
+        throw Failure{Exit::kInvalidValue, object,
+                      fmt::format("{}: a key of more than {} characters does not fit its record", object,
+                                  sizeof(nginx_cert_rec::text) - 1),
+                      "use an EC or Ed25519 key, or RSA of 2048 bits"};
+    }
+    require_success(status, object, "send");
     return Remark{"taken", {what, fmt::format("{} '{}': taken", what, printable(name))}};
 }
 
@@ -154,10 +175,12 @@ Answer disable(const Arguments& arguments) {
 }
 
 std::string notes() {
-    return "A certificate and its key are PEM texts of about 2000 bytes at the most; the key has no\n"
+    return "A certificate and its key are PEM texts of at most 2099 characters, of which their longest line\n"
+           "needs some: RSA of 2048 bits fits, RSA of 3072 does not, EC and Ed25519 do. The key has no\n"
            "passphrase. A new certificate is sent before its key and used as soon as the key is there. A "
            "FILE\n"
-           "is one of yours, or bootflash:/PATH, volatile:/PATH or slot0:/PATH.\n\n"
+           "is one of yours, or bootflash:/PATH, volatile:/PATH or slot0:/PATH: a regular file of at most\n"
+           "1048576 bytes.\n\n"
            "With --json: {\"web\": [{\"service\", \"http port\", \"https port\", \"certificate\", "
            "\"expires\"}]},\n"
            "  null for what is not set; from cert and key {\"taken\": \"certificate\" or \"key\"}.";
@@ -169,11 +192,12 @@ constexpr Verb kVerbs[] = {
      "set the ports",
      {{"--http", "for HTTP, or none", Argument::kOptional, "PORT"},
       {"--https", "for HTTPS, or none", Argument::kOptional, "PORT"}},
-     set_ports},
-    {"cert", "send a certificate", {{"FILE", "the file"}}, send_certificate},
-    {"key", "send the certificate's key", {{"FILE", "the file"}}, send_key},
-    {"enable", "switch the web service on, with HTTPS where it has a port", {}, enable},
-    {"disable", "switch it off", {}, disable},
+     set_ports,
+     kSetsDevice},
+    {"cert", "send a certificate", {{"FILE", "the file"}}, send_certificate, kSetsDevice},
+    {"key", "send the certificate's key", {{"FILE", "the file"}}, send_key, kSetsDevice},
+    {"enable", "switch the web service on, with HTTPS where it has a port", {}, enable, kSetsDevice},
+    {"disable", "switch it off", {}, disable, kSetsDevice},
 };
 }  // namespace
 

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <charconv>
 
+#include "base/printable.h"
+
 namespace quill::cli {
 namespace {
 
@@ -30,21 +32,10 @@ size_t distance(std::string_view a, std::string_view b) {
 // be wrong.
 size_t tolerance(std::string_view word) { return std::min<size_t>(2, word.size() / 3); }
 
-// Bytes of the character that the text begins with (RFC 3629); 0 where it is a control character or none.
-size_t character(std::string_view text) {
-    const auto byte = [text](size_t i) { return static_cast<unsigned char>(text[i]); };
-    const unsigned lead = byte(0);
-    if (lead < 0x80) return lead >= 0x20 && lead != 0x7f ? 1 : 0;
-    const size_t length = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
-    if (lead < 0xc2 || lead > 0xf4 || text.size() < length) return 0;
-    uint32_t code = lead & (0x7fu >> length);
-    for (size_t i = 1; i < length; ++i) {
-        if ((byte(i) & 0xc0u) != 0x80) return 0;
-        code = code << 6 | (byte(i) & 0x3fu);
-    }
-    constexpr uint32_t kLowest[] = {0, 0, 0xa0, 0x800, 0x10000};  // below 0xa0 are more control characters
-    const bool surrogate = code >= 0xd800 && code <= 0xdfff;
-    return code >= kLowest[length] && code <= 0x10ffff && !surrogate ? length : 0;
+// As JSON writes a character by its number: in UTF-16.
+std::string json_escape(uint32_t code) {
+    if (code < 0x10000) return fmt::format("\\u{:04x}", code);
+    return fmt::format("\\u{:04x}\\u{:04x}", 0xd800 + ((code - 0x10000) >> 10), 0xdc00 + (code & 0x3ff));
 }
 
 }  // namespace
@@ -94,13 +85,29 @@ std::string either(const std::vector<std::string>& words) {
 std::string printable(std::string_view text) {
     std::string result;
     while (!text.empty()) {
-        const size_t length = character(text);
-        if (length == 0) {
-            result += fmt::format("\\x{:02x}", static_cast<unsigned char>(text[0]));
+        const auto [length, code] = first_character(text);
+        const size_t taken = std::max<size_t>(length, 1);
+        if (length != 0 && shown_as_itself(code)) {
+            result += text.substr(0, taken);
         } else {
-            result += text.substr(0, length);
+            for (const char byte : text.substr(0, taken))
+                result += fmt::format("\\x{:02x}", static_cast<unsigned char>(byte));
         }
-        text.remove_prefix(std::max<size_t>(length, 1));
+        text.remove_prefix(taken);
+    }
+    return result;
+}
+
+std::string printable_json(std::string_view document) {
+    std::string result;
+    while (!document.empty()) {
+        const auto [length, code] = first_character(document);
+        const size_t taken = std::max<size_t>(length, 1);
+        if (length == 0 || shown_as_itself(code))
+            result += document.substr(0, taken);
+        else
+            result += json_escape(code);
+        document.remove_prefix(taken);
     }
     return result;
 }

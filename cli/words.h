@@ -22,8 +22,14 @@ std::optional<uint32_t> number(std::string_view text, uint32_t low, uint32_t hig
 // "show, set or defaults"
 std::string either(const std::vector<std::string>& words);
 
-// The text with its control characters, and whatever is not UTF-8, spelled out as \xNN, so that it can
-// neither break a line of output nor speak to the terminal.
+// Both hide what could break a line of output, control the terminal, or change how the text around it looks:
+// control characters, and characters without a shape of their own, such as those for the direction of the
+// text, of no width, tags and separators of lines.
+//
+// The text with the bytes of such characters, and whatever is not UTF-8, as \xNN.
 std::string printable(std::string_view text);
+
+// A JSON document, in UTF-8, with such characters in its strings as \uXXXX: it has the same value.
+std::string printable_json(std::string_view document);
 
 }  // namespace quill::cli

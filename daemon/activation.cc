@@ -10,6 +10,7 @@
 #include <memory>
 #include <vector>
 
+#include "base/context_name.h"
 #include "daemon/web_server.h"
 #include "platform/hook.h"
 #include "platform/service.h"
@@ -95,6 +96,12 @@ void activate_banner() {
         syslog(LOG_ERR, "banner: %s cannot be written: %m", ready.c_str());
 }
 
+bool applies_to_device() { return sysmgrcmn_vdc_id_get() == kDefaultContext; }
+
+void log_stored_only(const char* settings) {
+    syslog(LOG_NOTICE, "%s stored; only context 1 applies it to the system", settings);
+}
+
 }  // namespace
 
 void activate_later(Setting setting) {
@@ -102,12 +109,14 @@ void activate_later(Setting setting) {
 }
 
 void activate_changes(uint32_t store) {
-    if (web_server_changed) activate_web_server(store);
-    if (banner_changed) activate_banner();
+    const bool applies = applies_to_device();
+    if (web_server_changed) applies ? activate_web_server(store) : log_stored_only("web server:");
+    if (banner_changed) applies ? activate_banner() : log_stored_only("banner:");
     web_server_changed = banner_changed = false;
 }
 
 void activate_all(uint32_t store) {
+    if (!applies_to_device()) return;
     web_server_changed = banner_changed = true;
     activate_changes(store);
 }

@@ -13,7 +13,7 @@ constexpr int32_t kMostRoles = 64;
 uint32_t handle = 0;
 uint32_t announcements = 0;
 
-// The roles in use alone: what stands behind them is nobody's business.
+// Copies only the roles in use; what is behind them in the record is not sent.
 security_role_set role_set_of(const security_user_roles& roles) {
     security_role_set set{};
     set.count = static_cast<uint32_t>(std::clamp(roles.num_roles, 0, kMostRoles));

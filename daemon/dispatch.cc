@@ -1,14 +1,14 @@
 #include "daemon/dispatch.h"
 
-#include <syslog.h>
-
-#include <cerrno>
+#include <algorithm>
 #include <cstring>
-#include <memory>
-#include <string>
+#include <exception>
+#include <vector>
 
-#include "platform/service.h"
-#include "quillplatform/pss.h"
+#include "base/last_reads.h"
+#include "daemon/accounts.h"
+#include "daemon/change_log.h"
+#include "daemon/list_race.h"
 #include "quillsecurity.h"
 
 namespace quill {
@@ -29,61 +29,113 @@ uint32_t find_route(std::span<const Route> routes, const Request& request, const
 }
 
 bool permitted(const Route& route, const Peer& peer, uint32_t operation) {
-    const Access needed = reads(operation) ? route.read : route.write;
+    const Access needed = reads(operation) ? route.rights.read : route.rights.write;
     if (!peer.known || needed == Access::kNobody) return false;
     return needed == Access::kEveryone || peer.administrator;
 }
 
-uint32_t check_record(const Route& route, const unsigned char* record) {
-    for (const TextField& text : route.texts)
-        if (memchr(record + text.offset, '\0', text.size) == nullptr) return SECURITY_ERR_REQUEST_TEXT;
-    for (const CountField& field : route.counts) {
-        int32_t count;
-        memcpy(&count, record + field.offset, sizeof count);
-        if (count < 0 || count > field.largest) return SECURITY_ERR_REQUEST_COUNT;
+uint32_t check_field(const Field& field, const unsigned char* record) {
+    if (field.kind == Field::Kind::kText) {
+        const bool ends = memchr(record + field.offset, '\0', field.limit) != nullptr;
+        return ends ? SECURITY_OK : SECURITY_ERR_REQUEST_TEXT;
+    }
+    int32_t count;
+    memcpy(&count, record + field.offset, sizeof count);
+    const bool in_range = count >= 0 && static_cast<size_t>(count) <= field.limit;
+    return in_range ? SECURITY_OK : SECURITY_ERR_REQUEST_COUNT;
+}
+
+uint32_t check_record(const Route& route, uint32_t operation, const unsigned char* record) {
+    const bool keys_alone = reads(operation) || operation == DEL_REQ;
+    for (const Field& field : route.fields) {
+        if (keys_alone && field.use != Field::Use::kKey) continue;
+        const uint32_t status = check_field(field, record);
+        if (status != SECURITY_OK) return status;
     }
     return SECURITY_OK;
 }
 
-// Every change of a user's, done or refused, with who asked for it.
-void log_change(const Route& route, const Peer& peer, const Request& request, const std::string& user,
-                uint32_t status) {
-    syslog(LOG_NOTICE, "%s of '%s' %s by uid %u, pid %d for '%s' in session %u: %s", route.audited,
-           user.c_str(), request.operation == DEL_REQ ? "deleted" : "set", peer.uid, peer.pid,
-           log_safe(request.user_name).c_str(), request.session, syserr2str(status));
+// What the store has where the request is about to change it, read with the route's own handler.
+class Stored {
+ public:
+    void read(const Route& route, uint32_t store, const Request& request) {
+        record_.assign(request.record, request.record + request.length);
+        status_ = route.handle(store, GET_REQ, record_.data());
+    }
+    uint32_t status() const { return status_; }
+    // Null where there is none, or it was not read.
+    const void* record() const { return status_ == SECURITY_OK ? record_.data() : nullptr; }
+
+ private:
+    uint32_t status_ = SECURITY_ERR_NOT_FOUND;
+    std::vector<unsigned char> record_;  // aligned for any type
+};
+
+uint32_t read(const Route& route, uint32_t store, const Peer& peer, ConnectionState& state,
+              const Request& request) {
+    const uint32_t status = route.handle(store, request.operation, request.record);
+    if (status == SECURITY_OK && reads_to_change(request.type, request.operation))
+        note_read_list(peer, state, request);
+    return status;
 }
 
-// The request in host order, checked: what the handler sees.
-Answer handle(const Route& route, uint32_t store, const Peer& peer, Request& request) {
-    const auto type = static_cast<int32_t>(request.type);
-    security_conf_cmi_byteorder_convert(type, request.record);
-    const uint32_t refused = check_record(route, request.record);
-    if (refused != SECURITY_OK) return {refused, 0, false};
+// Whether the list that was read in order to change it is still what is stored.
+uint32_t check_list(const ConnectionState& state, const Request& request, const Stored& stored) {
+    if (stored.status() != SECURITY_OK) return stored.status();
+    return check_race(state, request, *static_cast<const NameList*>(stored.record()));
+}
 
-    const bool logged =
-        route.audited != nullptr && (request.operation == SET_REQ || request.operation == DEL_REQ);
-    std::string user;
-    if (logged) user = log_safe(reinterpret_cast<const char*>(request.record + route.texts[0].offset));
-    uint32_t status =
-        SECURITY_ERR_TRANSPORT | ENOMEM;  // what the log has where the handler does not come back
-    const auto write_log = [&](void*) {
-        if (logged) log_change(route, peer, request, user, status);
-    };
-    const std::unique_ptr<void, decltype(write_log)> at_the_end(&status, write_log);
-    status = route.handle(store, request.operation, request.record);
-    security_conf_cmi_byteorder_convert(type, request.record);
-    const bool goes_back = status == SECURITY_OK || route.explains_failures;
-    return {status, goes_back ? request.length : 0, !reads(request.operation)};
+uint32_t change(const Route& route, uint32_t store, const Peer& peer, ConnectionState& state,
+                const Request& request) {
+    // A repair may change what is stored, and would overwrite what is stored now.
+    const bool repaired = (route.flags & kOfAccounts) == 0 || repair_accounts(store);
+    const bool replaces_list = request.operation == SET_REQ && carries_list(request.type);
+    const bool compares = replaces_list && was_read(state, request);
+    ChangeLine line(peer, request);
+    uint32_t status = repaired ? SECURITY_OK : SECURITY_ERR_ACCOUNT_REPAIR;
+    try {
+        Stored stored;
+        if (compares || line.shows_old_value(request)) stored.read(route, store, request);
+        line.describe(request, stored.record());
+        if (status == SECURITY_OK && compares) status = check_list(state, request, stored);
+        if (status == SECURITY_OK) status = route.handle(store, request.operation, request.record);
+    } catch (const std::exception& failure) {
+        line.write_failure(failure.what());
+        throw;
+    }
+    line.write(status);
+    if (status == SECURITY_OK && replaces_list) note_stored_list(state, request);
+    return status;
+}
+
+// The record is in host order where there is a route.
+Answer refuse(const Route* route, const Peer& peer, const Request& request, uint32_t status) {
+    ChangeLine line(peer, request);
+    if (route != nullptr) line.describe(request);
+    line.write(status);
+    return {status, 0, false};
 }
 
 }  // namespace
 
-Answer dispatch(std::span<const Route> routes, uint32_t store, const Peer& peer, Request& request) {
+Answer dispatch(std::span<const Route> routes, uint32_t store, const Peer& peer, ConnectionState& state,
+                Request& request) {
     const Route* route = nullptr;
-    const uint32_t status = find_route(routes, request, route);
-    if (status != SECURITY_OK) return {status, 0, false};
-    if (!permitted(*route, peer, request.operation)) return {SECURITY_ERR_NOT_PERMITTED, 0, false};
-    return handle(*route, store, peer, request);
+    uint32_t status = find_route(routes, request, route);
+    if (status != SECURITY_OK) return refuse(nullptr, peer, request, status);
+
+    const auto type = static_cast<int32_t>(request.type);
+    security_conf_cmi_byteorder_convert(type, request.record);  // to host order
+    status = permitted(*route, peer, request.operation)
+                 ? check_record(*route, request.operation, request.record)
+                 : SECURITY_ERR_NOT_PERMITTED;
+    if (status != SECURITY_OK) return refuse(route, peer, request, status);
+
+    status = reads(request.operation) ? read(*route, store, peer, state, request)
+                                      : change(*route, store, peer, state, request);
+    security_conf_cmi_byteorder_convert(type, request.record);
+    const bool goes_back = status == SECURITY_OK || (route->flags & kExplains) != 0;
+    return {status, goes_back ? request.length : 0, !reads(request.operation)};
 }
 
 }  // namespace quill

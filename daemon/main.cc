@@ -8,16 +8,21 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <new>
 #include <string>
 
+#include "base/context_name.h"
+#include "daemon/account_files.h"
 #include "daemon/accounts.h"
 #include "daemon/activation.h"
 #include "daemon/announce.h"
 #include "daemon/dispatch.h"
+#include "daemon/homes.h"
 #include "daemon/self_test.h"
 #include "platform/mts/broadcast.h"
 #include "platform/service.h"
@@ -29,23 +34,27 @@ namespace {
 
 constexpr char kStore[] = "security";
 constexpr char kAdministrators[] = "quilladmin";
+constexpr std::chrono::milliseconds kHomeTimeAtStart{1000};
 
 struct Options {
     bool foreground = false;
-    const char* administrators = kAdministrators;
+    const char* administrators = nullptr;  // none given
 };
 
 constexpr char kUsage[] =
     "usage: quillsecurityd [--foreground] [--admin-group GROUP]\n"
     "Serves the security configuration to the clients of this machine.\n"
     "  --foreground         stay in the foreground and log to standard error as well\n"
-    "  --admin-group GROUP  members may change the configuration, as root may (default: quilladmin)\n"
+    "  --admin-group GROUP  members may change the configuration, as root may (default: quilladmin, in\n"
+    "                       context N quilladmin-vdcN)\n"
     "  --version            print the version\n"
     "SIGTERM stops it; SIGUSR1 writes its trace history to quillsecurityd.traces in the runtime directory.\n"
     "From the environment come the absolute paths QUILL_STATE_DIR (/var/lib/quillsecurity), "
     "QUILL_RUNTIME_DIR\n"
-    "(/run/quillsecurity) and QUILL_PLATFORM_CONF (/etc/quillsecurity/platform.conf), and QUILL_TRACE\n"
-    "(history; off, debug).\n";
+    "(/run/quillsecurity) and QUILL_PLATFORM_CONF (/etc/quillsecurity/platform.conf), QUILL_TRACE\n"
+    "(history; off, debug), and SYSMGR_VDC_ID, the virtual device context that it serves (platform.conf, "
+    "else 1).\n"
+    "In context N, other than 1, it uses the folder vdc_N in each of the two directories.\n";
 
 // Exits itself where the command line asks for nothing else or is wrong.
 Options parse(int count, char** arguments) {
@@ -81,11 +90,20 @@ Options parse(int count, char** arguments) {
     return options;
 }
 
-// The group's number, or 0 (root alone) where there is none of that name.
-gid_t group_number(const char* name) {
-    const group* found = getgrnam(name);
+// The number of the administrators' group, or 0 (root alone) where there is none of that name. An account of
+// the same name, which the administrators of context 1 can make, brings a group of its own: that one does not
+// make its user an administrator of another context.
+gid_t administrators_of(int32_t context, const char* given) {
+    std::string name = kAdministrators;
+    if (context != kDefaultContext) name += "-vdc" + std::to_string(context);
+    const AccountNames account = find_account(name.c_str());
+    const bool private_group =
+        given == nullptr && context != kDefaultContext && (!account.known || account.passwd);
+    if (given != nullptr) name = given;
+    const group* found = private_group ? nullptr : getgrnam(name.c_str());
     if (found != nullptr) return found->gr_gid;
-    syslog(LOG_NOTICE, "there is no group %s; only root may change the configuration", name);
+    syslog(LOG_NOTICE, "there is no group %s%s; only root may change the configuration", name.c_str(),
+           private_group ? " but that of an account" : "");
     return 0;
 }
 
@@ -161,8 +179,22 @@ bool paths_are_absolute() {
     return absolute;
 }
 
+// Returns the context that this daemon serves, or 0 for an invalid $SYSMGR_VDC_ID: the platform ignores such a
+// value, and would use another context.
+int32_t find_context() {
+    const char* text = getenv("SYSMGR_VDC_ID");
+    const int32_t context = sysmgrcmn_vdc_id_get();
+    if (context < kDefaultContext) throw std::bad_alloc();  // over the platform's configuration
+    if (text == nullptr || *text == '\0' || std::to_string(context) == text) return context;
+    syslog(LOG_ERR, "SYSMGR_VDC_ID is '%s'; give a number of 1 to %d, or none", log_safe(text).c_str(),
+           SYSMGRCMN_VDC_ID_MAX);
+    return 0;
+}
+
 int serve(const Options& options, Background& background) {
     if (!paths_are_absolute()) return 1;
+    const int32_t context = find_context();
+    if (context == 0) return 1;
     std::string reason;
     if (!take_runtime_directory(reason)) {
         syslog(LOG_ERR, "%s", reason.c_str());
@@ -172,22 +204,26 @@ int serve(const Options& options, Background& background) {
     if (!open_store(store)) return 1;
 
     repair_accounts(store);  // what it cannot do now is tried again before the next change
+    remove_old_homes(kHomeTimeAtStart);
 
-    const gid_t administrators = group_number(options.administrators);
-    Server server({.administrators = administrators,
-                   .answer = [store](const Peer& peer,
-                                     Request& request) { return dispatch(routes(), store, peer, request); },
-                   .settle =
-                       [store] {
-                           activate_changes(store);
-                           return pss2_settle() == PSS_OK;
-                       },
-                   .dump = dump_traces});
+    const gid_t administrators = administrators_of(context, options.administrators);
+    Server server(
+        {.administrators = administrators,
+         .answer = [store](const Peer& peer, ConnectionState& state,
+                           Request& request) { return dispatch(routes(), store, peer, state, request); },
+         .settle =
+             [store] {
+                 activate_changes(store);
+                 const bool homes_left = remove_old_homes(std::chrono::milliseconds(0));
+                 return pss2_settle() == PSS_OK && !homes_left;
+             },
+         .dump = dump_traces,
+         .context = static_cast<uint32_t>(context)});
     if (!server.listen()) {
         syslog(LOG_ERR, "cannot listen for requests: %m");
         return 1;
     }
-    Broadcast broadcast(server.loop(), administrators);
+    Broadcast broadcast(server.loop(), administrators, static_cast<uint32_t>(context));
     if (!broadcast.listen()) {
         syslog(LOG_ERR, "cannot take listeners for announcements: %m");
         return 1;
@@ -196,15 +232,15 @@ int serve(const Options& options, Background& background) {
     serve_self_tests(broadcast);
     self_test_at_start(store);
     notify_manager("READY=1");
-    syslog(LOG_INFO, "ready");
+    syslog(LOG_INFO, "ready, in context %d", context);
     background.ready();
     activate_all(store);  // the hooks' messages are for the log now
-    server.run();
+    const bool served = server.run();
     notify_manager("STOPPING=1");
     const uint32_t status = pss2_close(store);
     if (status != PSS_OK) syslog(LOG_ERR, "the store was not settled: %s (%#x)", syserr2str(status), status);
     syslog(LOG_INFO, "stopped");
-    return 0;
+    return served ? 0 : 1;
 }
 
 }  // namespace
@@ -212,6 +248,7 @@ int serve(const Options& options, Background& background) {
 
 int main(int count, char** arguments) {
     using namespace quill;
+    Server::hold_signals();
     open_standard_files();
     outlive_failed_writes();
     const Options options = parse(count, arguments);
@@ -222,6 +259,7 @@ int main(int count, char** arguments) {
     }
     // Until it is ready, a daemon on its way to the background tells the terminal what is wrong.
     openlog("quillsecurityd", log_options(), LOG_DAEMON);
+    atexit(closelog);  // which sends what the reader of the log had no room for
     protect_memory();
     allow_many_clients();
     if (chdir("/") != 0) perror("quillsecurityd: /");

@@ -4,13 +4,17 @@
 
 #include <cstring>
 
-#include "common/coded_secret.h"
+#include "base/coded_secret.h"
+#include "base/context_name.h"
+#include "base/text_field.h"
+#include "daemon/account_records.h"
 #include "daemon/accounts.h"
 #include "daemon/activation.h"
 #include "daemon/key_pairs.h"
 #include "daemon/self_test.h"
 #include "daemon/user_lists.h"
 #include "daemon/web_server.h"
+#include "quillplatform/sysmgr.h"
 #include "quillsecurity.h"
 
 namespace quill {
@@ -22,11 +26,24 @@ uint32_t by(uint32_t store, uint32_t operation, void* record) {
     return handler(store, operation, static_cast<Record*>(record));
 }
 
-// Nobody's key would never be found again: walks start behind the empty name.
+// A user's key. A qualified name, as a walk over the accounts returns it, stands for the plain one; the record
+// goes back with the name that was asked for.
 template <class Record, uint32_t (*handler)(uint32_t, uint32_t, Record*)>
 uint32_t users_key(uint32_t store, uint32_t operation, void* record) {
-    if (operation == SET_REQ && *static_cast<Record*>(record)->user_name == '\0') return SECURITY_ERR_NO_USER;
-    return by<Record, handler>(store, operation, record);
+    auto& key = *static_cast<Record*>(record);
+    // Refuse an empty name: GETNEXT starts after it and could never list it.
+    if (operation == SET_REQ && *key.user_name == '\0') return SECURITY_ERR_NO_USER;
+    // A user of another context; in context 1 no plain name ends like that.
+    if (operation == SET_REQ && context_of(key.user_name) != kDefaultContext &&
+        context_of(key.user_name) != sysmgrcmn_vdc_id_get())
+        return SECURITY_ERR_NO_USER;
+    if (operation == GETNEXT_REQ) return handler(store, operation, &key);
+    char asked[sizeof key.user_name];
+    copy_field(asked, key.user_name);
+    make_plain(key.user_name);
+    const uint32_t status = handler(store, operation, &key);
+    copy_field(key.user_name, asked);
+    return status;
 }
 
 uint32_t enable_info(uint32_t store, uint32_t operation, void* record) {
@@ -82,91 +99,73 @@ uint32_t priv_info(uint32_t store, uint32_t operation, void* record) {
     return security_priv_info_config(store, operation, &info);
 }
 
+#define KEY(record, field) \
+    { Field::Kind::kText, Field::Use::kKey, offsetof(record, field), sizeof(record::field) }
 #define TEXT(record, field) \
-    { offsetof(record, field), sizeof(record::field) }
+    { Field::Kind::kText, Field::Use::kValue, offsetof(record, field), sizeof(record::field) }
 #define COUNT(record, field, largest) \
-    { offsetof(record, field), largest }
+    { Field::Kind::kCount, Field::Use::kValue, offsetof(record, field), largest }
 
-constexpr TextField kUserTexts[] = {TEXT(security_user, user_name), TEXT(security_user, password)};
-constexpr TextField kPrivInfoTexts[] = {TEXT(security_priv_info, secret), TEXT(security_priv_info, salt)};
-constexpr CountField kPrivInfoCounts[] = {COUNT(security_priv_info, secret_len, 1023),
-                                          COUNT(security_priv_info, salt_len, 63)};
-constexpr TextField kKeyLineTexts[] = {TEXT(ssh_key_rec, user_name), TEXT(ssh_key_rec, key_text)};
-constexpr TextField kKeyFileTexts[] = {TEXT(ssh_key_new_rec, user_name), TEXT(ssh_key_new_rec, key_text)};
-constexpr TextField kKeyTransferTexts[] = {
-    TEXT(ssh_key_cmd_rec, user_name), TEXT(ssh_key_cmd_rec, first_text), TEXT(ssh_key_cmd_rec, second_text)};
+constexpr Field kUser[] = {KEY(security_user, user_name), TEXT(security_user, password)};
+// A length may be that of the whole field; the text ends in it all the same.
+constexpr Field kPrivInfo[] = {TEXT(security_priv_info, secret), TEXT(security_priv_info, salt),
+                               COUNT(security_priv_info, secret_len, sizeof security_priv_info::secret),
+                               COUNT(security_priv_info, salt_len, sizeof security_priv_info::salt)};
+constexpr Field kAccount[] = {KEY(security_user_manage, user_name), TEXT(security_user_manage, password),
+                              TEXT(security_user_manage, role), TEXT(security_user_manage, expiry),
+                              COUNT(security_user_manage, num_roles, 64)};
+constexpr Field kPassword[] = {KEY(security_passwd, user_name), TEXT(security_passwd, password)};
+// Which of the names count is known only to the handler, which checks them.
+constexpr Field kRoles[] = {KEY(security_user_roles, user_name), COUNT(security_user_roles, num_roles, 64)};
+constexpr Field kLocales[] = {KEY(security_user_locales, user_name),
+                              COUNT(security_user_locales, num_locales, 64)};
+constexpr Field kKeyLine[] = {KEY(ssh_key_rec, user_name), TEXT(ssh_key_rec, key_text)};
+constexpr Field kKeyFile[] = {KEY(ssh_key_new_rec, user_name), TEXT(ssh_key_new_rec, key_text)};
+constexpr Field kKeyTransfer[] = {KEY(ssh_key_cmd_rec, user_name), TEXT(ssh_key_cmd_rec, first_text),
+                                  TEXT(ssh_key_cmd_rec, second_text)};
 // The other commands carry no text but the name; what clients leave in those fields is no concern.
-constexpr TextField kKeyCommandTexts[] = {TEXT(ssh_key_cmd_rec, user_name)};
+constexpr Field kKeyCommand[] = {KEY(ssh_key_cmd_rec, user_name)};
+constexpr Field kCertificate[] = {TEXT(nginx_cert_rec, text)};
 
-constexpr TextField kAccountTexts[] = {TEXT(security_user_manage, user_name),
-                                       TEXT(security_user_manage, password), TEXT(security_user_manage, role),
-                                       TEXT(security_user_manage, expiry)};
-constexpr CountField kAccountCounts[] = {COUNT(security_user_manage, num_roles, 64)};
-constexpr TextField kPasswordTexts[] = {TEXT(security_passwd, user_name), TEXT(security_passwd, password)};
-constexpr TextField kRoleTexts[] = {TEXT(security_user_roles, user_name)};
-constexpr CountField kRoleCounts[] = {COUNT(security_user_roles, num_roles, 64)};
-constexpr TextField kLocaleTexts[] = {TEXT(security_user_locales, user_name)};
-constexpr CountField kLocaleCounts[] = {COUNT(security_user_locales, num_locales, 64)};
-
-constexpr TextField kCertTexts[] = {TEXT(nginx_cert_rec, text)};
-
+#undef KEY
 #undef TEXT
 #undef COUNT
 
-// Every change is a line of the log that names the user, in the first text.
-constexpr Route audited(const char* what, Route route) {
-    route.audited = what;
-    return route;
-}
+constexpr Rights kPublic{Access::kEveryone, Access::kAdministrators};
+constexpr Rights kPrivate{Access::kAdministrators, Access::kAdministrators};
+constexpr Rights kLookUp{Access::kEveryone, Access::kNobody};
 
-// The record goes back with a failure too.
-constexpr Route explained(Route route) {
-    route.explains_failures = true;
-    return route;
+constexpr auto kKeyLineOfUser = users_key<ssh_key_rec, security_user_ssh_key_config>;
+constexpr auto kKeyFileOfUser = users_key<ssh_key_new_rec, security_user_ssh_key_new_config>;
+
+template <class Record>
+constexpr Route row(uint32_t type, decltype(Route::handle) handle, Rights rights,
+                    std::span<const Field> fields = {}, uint32_t flags = 0) {
+    return {type, sizeof(Record), handle, rights, fields, flags};
 }
 
 constexpr Route kRoutes[] = {
-    {SECURITY_ENABLE_INFO_REQUEST, sizeof(security_enable_info), enable_info, Access::kEveryone,
-     Access::kAdministrators},
-    audited("user record", explained({SECURITY_USER_REQUEST, sizeof(security_user), user_record,
-                                      Access::kAdministrators, Access::kAdministrators, kUserTexts})),
-    {SECURITY_PRIV_INFO_REQUEST, sizeof(security_priv_info), priv_info, Access::kAdministrators,
-     Access::kAdministrators, kPrivInfoTexts, kPrivInfoCounts},
-    audited("account",
-            explained({SECURITY_USER_MANAGE_REQUEST, sizeof(security_user_manage), manage_account,
-                       Access::kAdministrators, Access::kAdministrators, kAccountTexts, kAccountCounts})),
-    audited("password", explained({SECURITY_PASSWD_REQUEST, sizeof(security_passwd), change_password,
-                                   Access::kAdministrators, Access::kAdministrators, kPasswordTexts})),
-    audited("roles", {SECURITY_ROLE_ASSIGN_REQUEST, sizeof(security_user_roles), role_list, Access::kEveryone,
-                      Access::kAdministrators, kRoleTexts, kRoleCounts}),
-    audited("roles", {SECURITY_ROLES_REQUEST, sizeof(security_user_roles), role_list, Access::kEveryone,
-                      Access::kAdministrators, kRoleTexts, kRoleCounts}),
-    audited("locales", {SECURITY_LOCALE_ASSIGN_REQUEST, sizeof(security_user_locales), locale_list,
-                        Access::kEveryone, Access::kAdministrators, kLocaleTexts, kLocaleCounts}),
+    row<security_enable_info>(SECURITY_ENABLE_INFO_REQUEST, enable_info, kPublic),
+    row<security_user>(SECURITY_USER_REQUEST, user_record, kPrivate, kUser, kExplains),
+    row<security_priv_info>(SECURITY_PRIV_INFO_REQUEST, priv_info, kPrivate, kPrivInfo),
+    row<security_user_manage>(SECURITY_USER_MANAGE_REQUEST, manage_account, kPrivate, kAccount, kExplains),
+    row<security_passwd>(SECURITY_PASSWD_REQUEST, change_password, kPrivate, kPassword, kExplains),
+    row<security_user_roles>(SECURITY_ROLE_ASSIGN_REQUEST, role_list, kPublic, kRoles, kOfAccounts),
+    row<security_user_roles>(SECURITY_ROLES_REQUEST, role_list, kPublic, kRoles, kOfAccounts),
+    row<security_user_locales>(SECURITY_LOCALE_ASSIGN_REQUEST, locale_list, kPublic, kLocales, kOfAccounts),
     // A public key is no secret. Its two formats are told apart by their length; a key file is what changes
     // one, a look-up only asks.
-    audited("SSH key", {SECURITY_SSHKEY_FILE_REQUEST, sizeof(ssh_key_rec),
-                        users_key<ssh_key_rec, security_user_ssh_key_config>, Access::kAdministrators,
-                        Access::kAdministrators, kKeyLineTexts}),
-    audited("SSH key", {SECURITY_SSHKEY_FILE_REQUEST, sizeof(ssh_key_new_rec),
-                        users_key<ssh_key_new_rec, security_user_ssh_key_new_config>, Access::kAdministrators,
-                        Access::kAdministrators, kKeyFileTexts}),
-    {SECURITY_USER_LOOKUP_REQUEST, sizeof(ssh_key_rec), by<ssh_key_rec, security_user_ssh_key_config>,
-     Access::kEveryone, Access::kNobody, kKeyLineTexts},
-    {SECURITY_USER_LOOKUP_REQUEST, sizeof(ssh_key_new_rec),
-     by<ssh_key_new_rec, security_user_ssh_key_new_config>, Access::kEveryone, Access::kNobody,
-     kKeyFileTexts},
-    audited("key pair", {SECURITY_SSHKEY_REQUEST, sizeof(ssh_key_cmd_rec), command_key_pair,
-                         Access::kAdministrators, Access::kAdministrators, kKeyCommandTexts}),
-    audited("key pair", {SECURITY_SSHKEY_TRANSFER_REQUEST, sizeof(ssh_key_cmd_rec), transfer_key_pair,
-                         Access::kAdministrators, Access::kAdministrators, kKeyTransferTexts}),
-    {SECURITY_BANNER_REQUEST, sizeof(char), banner, Access::kEveryone, Access::kAdministrators},
-    {SECURITY_NGINX_PORT_REQUEST, sizeof(nginx_port_rec), web_ports, Access::kEveryone,
-     Access::kAdministrators},
-    {SECURITY_NGINX_CERT_REQUEST, sizeof(nginx_cert_rec), web_pair, Access::kAdministrators,
-     Access::kAdministrators, kCertTexts},
-    {SECURITY_RESULT_REQUEST, sizeof(security_self_test_results), self_test_results, Access::kEveryone,
-     Access::kAdministrators},
+    row<ssh_key_rec>(SECURITY_SSHKEY_FILE_REQUEST, kKeyLineOfUser, kPrivate, kKeyLine),
+    row<ssh_key_new_rec>(SECURITY_SSHKEY_FILE_REQUEST, kKeyFileOfUser, kPrivate, kKeyFile),
+    row<ssh_key_rec>(SECURITY_USER_LOOKUP_REQUEST, kKeyLineOfUser, kLookUp, kKeyLine),
+    row<ssh_key_new_rec>(SECURITY_USER_LOOKUP_REQUEST, kKeyFileOfUser, kLookUp, kKeyFile),
+    row<ssh_key_cmd_rec>(SECURITY_SSHKEY_REQUEST, command_key_pair, kPrivate, kKeyCommand),
+    row<ssh_key_cmd_rec>(SECURITY_SSHKEY_TRANSFER_REQUEST, transfer_key_pair, kPrivate, kKeyTransfer),
+    row<char>(SECURITY_BANNER_REQUEST, banner, kPublic),
+    row<nginx_port_rec>(SECURITY_NGINX_PORT_REQUEST, web_ports, kPublic),
+    row<nginx_cert_rec>(SECURITY_NGINX_CERT_REQUEST, web_pair, kPrivate, kCertificate),
+    row<security_orphans>(SECURITY_ORPHANS_REQUEST, drop_orphans, kPrivate),
+    row<security_self_test_results>(SECURITY_RESULT_REQUEST, self_test_results, kPublic),
 };
 
 }  // namespace

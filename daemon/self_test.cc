@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "common/block.h"
-#include "common/byte_order.h"
+#include "base/block.h"
+#include "base/byte_order.h"
 #include "daemon/known_answers.h"
 #include "platform/mts/broadcast.h"
 #include "quillplatform.h"

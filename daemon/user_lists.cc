@@ -1,13 +1,13 @@
 #include "daemon/user_lists.h"
 
-#include <pwd.h>
-#include <shadow.h>
-
 #include <algorithm>
 #include <cstring>
 
-#include "common/name_list.h"
-#include "common/text_field.h"
+#include "base/context_name.h"
+#include "base/name_list.h"
+#include "base/text_field.h"
+#include "daemon/account_files.h"
+#include "daemon/account_records.h"
 #include "daemon/accounts.h"
 #include "daemon/announce.h"
 #include "quillplatform/shell.h"
@@ -33,45 +33,47 @@ uint32_t stored_locales(uint32_t store, uint32_t operation, void* record) {
     return security_user_locales_config(store, operation, static_cast<security_user_locales*>(record));
 }
 
-constexpr size_t kSuffix = 4;  // "#NN#"
-
 constexpr Kind kRoles{stored_roles, vshd_perm_group_role_name_verify, SECURITY_ERR_UNKNOWN_ROLE,
                       SECURITY_ERR_ROLE_NOT_HELD, true};
 constexpr Kind kLocales{stored_locales, vshd_perm_locale_name_verify, SECURITY_ERR_UNKNOWN_LOCALE,
                         SECURITY_ERR_LOCALE_NOT_HELD, false};
 
-uint32_t read(const Kind& kind, uint32_t store, NameList& list) {
+// SECURITY_ERR_NOT_FOUND where none is stored.
+uint32_t find(const Kind& kind, uint32_t store, NameList& list) {
     NameList found{};
     copy_field(found.user_name, list.user_name);
     const uint32_t status = kind.stored(store, GET_REQ, &found);
-    if (status != SECURITY_OK && status != SECURITY_ERR_NOT_FOUND) return status;
-    if (status == SECURITY_ERR_NOT_FOUND) found.count = 0;
+    if (status != SECURITY_OK) return status;
     found.count = std::clamp(found.count, 0, kMostNames);
     list = found;
     return SECURITY_OK;
 }
 
-// A walk over all users asks by stored names. One of this context is the plain name's, and the accounts of
-// other contexts have no lists here.
+uint32_t read(const Kind& kind, uint32_t store, NameList& list) {
+    const uint32_t status = find(kind, store, list);
+    if (status != SECURITY_ERR_NOT_FOUND) return status;
+    list.count = 0;
+    memset(list.names, 0, sizeof list.names);
+    return SECURITY_OK;
+}
+
+// Anybody may ask, for any name: an account is looked for only where no list is stored, and in memory. A walk
+// over all users asks by stored names; the accounts of other contexts have no lists here.
 uint32_t read_of_any(const Kind& kind, uint32_t store, NameList& list) {
-    const bool here = vdc_getpwnam(list.user_name) != nullptr;
-    if (!here && getpwnam(list.user_name) == nullptr && getspnam(list.user_name) == nullptr)
-        return SECURITY_ERR_NOT_FOUND;
-    if (here) return read(kind, store, list);
-    const size_t length = strlen(list.user_name);
-    const bool own = length > kSuffix && list.user_name[length - 1] == '#' &&
-                     security_get_vdc_from_username(list.user_name) == sysmgrcmn_vdc_id_get();
-    if (!own) {
-        list.count = 0;
-        memset(list.names, 0, sizeof list.names);
-        return SECURITY_OK;
-    }
-    NameList plain = list;
-    memset(plain.user_name + length - kSuffix, 0, kSuffix);
-    const uint32_t status = read(kind, store, plain);
-    copy_field(plain.user_name, list.user_name);
-    list = plain;
-    return status;
+    NameList found = list;
+    make_plain(found.user_name);
+    const uint32_t status = find(kind, store, found);
+    copy_field(found.user_name, list.user_name);
+    if (status == SECURITY_OK) list = found;
+    if (status != SECURITY_ERR_NOT_FOUND) return status;
+
+    const AccountNames here = find_account(security_get_system_username(list.user_name));
+    const AccountNames anywhere = find_account(list.user_name);
+    if (!here.known || !anywhere.known) return SECURITY_ERR_FILE_READ;
+    if (!here.passwd && !anywhere.passwd && !anywhere.shadow) return SECURITY_ERR_NOT_FOUND;
+    list.count = 0;
+    memset(list.names, 0, sizeof list.names);
+    return SECURITY_OK;
 }
 
 // The handler leaves the count as the store has it.
@@ -101,12 +103,10 @@ uint32_t take_out(const Kind& kind, uint32_t store, NameList& list) {
     NameList held = list;
     const uint32_t status = read(kind, store, held);
     if (status != SECURITY_OK) return status;
-    auto* const end = held.names + held.count;
-    auto* const found = std::find_if(held.names, end, [&list](const char(&name)[65]) {
-        return strncmp(name, list.names[0], sizeof name) == 0;
-    });
-    if (found == end) return kind.not_held;
-    memmove(found, found + 1, static_cast<size_t>(end - found - 1) * sizeof *found);
+    const int32_t found = find_name(names_in_use(held.count, held.names), list.names[0]);
+    if (found < 0) return kind.not_held;
+    memmove(held.names + found, held.names + found + 1,
+            static_cast<size_t>(held.count - found - 1) * sizeof(NameSlot));
     --held.count;
     return write(kind, store, held);
 }
@@ -115,9 +115,11 @@ uint32_t serve(const Kind& kind, uint32_t store, uint32_t operation, NameList& l
     if (operation == GETNEXT_REQ)
         return kind.walked ? kind.stored(store, operation, &list) : SECURITY_ERR_NOT_SUPPORTED;
     if (operation == GET_REQ) return read_of_any(kind, store, list);
-    // A repair would write the list of before over this change, or take the account away.
-    if (!repair_accounts(store)) return SECURITY_ERR_ACCOUNT_REPAIR;
-    if (vdc_getpwnam(list.user_name) == nullptr) return SECURITY_ERR_NOT_FOUND;
+    const char* stored = security_get_system_username(list.user_name);
+    if (context_of(stored) != sysmgrcmn_vdc_id_get()) return SECURITY_ERR_NOT_FOUND;  // of another context
+    const AccountNames account = find_account(stored);
+    if (!account.known) return SECURITY_ERR_FILE_READ;
+    if (!account.passwd) return SECURITY_ERR_NOT_FOUND;
     switch (operation) {
     case SET_REQ:
         return replace(kind, store, list);

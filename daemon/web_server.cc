@@ -8,15 +8,14 @@
 #include <openssl/pem.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
-#include <syslog.h>
 
 #include <cstring>
 #include <memory>
 
-#include "common/block.h"
-#include "common/byte_order.h"
-#include "common/text_field.h"
-#include "common/wiped.h"
+#include "base/block.h"
+#include "base/byte_order.h"
+#include "base/text_field.h"
+#include "base/wiped.h"
 #include "daemon/activation.h"
 #include "quillplatform.h"
 
@@ -99,11 +98,6 @@ uint32_t check_pair(const char* certificate_text, const char* key_text) {
     return belong_together(certificate, key) ? SECURITY_OK : SECURITY_ERR_WEB_MISMATCH;
 }
 
-uint32_t refused(const char* what, uint32_t status) {
-    syslog(LOG_WARNING, "web server: %s refused, the old one stays: %s", what, syserr2str(status));
-    return status;
-}
-
 uint32_t get(uint32_t store, Text& text) { return security_nginx_ssh_key_config(store, GET_REQ, &text); }
 
 uint32_t put(uint32_t store, uint32_t item, const char* text) {
@@ -134,8 +128,8 @@ uint32_t read_note(uint32_t store, Incoming& incoming) {
     return SECURITY_OK;
 }
 
-// The records are what a complete note says, or nothing is done with them until they are. What is left of the
-// note is a certificate that waits.
+// Completes an interrupted change: stores what a complete entry says, and refuses to go on until that succeeds.
+// What remains of the entry then is a certificate that waits for its key.
 uint32_t settle(uint32_t store, Incoming& incoming) {
     uint32_t status = read_note(store, incoming);
     if (status != SECURITY_OK || incoming.complete == 0) return status;
@@ -156,16 +150,14 @@ uint32_t store_all(uint32_t store, Incoming& incoming) {
 uint32_t set_certificate(uint32_t store, const nginx_cert_rec& record, Incoming& incoming) {
     const Certificate certificate = read_certificate(record.text);
     uint32_t status = check_certificate(certificate);
-    if (status != SECURITY_OK) return refused("a certificate is", status);
+    if (status != SECURITY_OK) return status;
     Text key(SECURITY_WEB_KEY);
     status = get(store, key);
     if (status != SECURITY_OK && status != SECURITY_PSS_NO_KEY) return status;
     const PrivateKey stored = status == SECURITY_OK ? read_key(key.text) : nullptr;
     set_text(incoming.certificate, record.text);  // instead of another one that waited
     if (stored == nullptr || belong_together(certificate, stored)) return store_all(store, incoming);
-    status = write_note(store, incoming);
-    if (status == SECURITY_OK) syslog(LOG_NOTICE, "web server: a certificate waits for its key");
-    return status;
+    return write_note(store, incoming);
 }
 
 // Whether the key fits the certificate that is stored; when that ends is another question.
@@ -180,10 +172,10 @@ uint32_t check_key(uint32_t store, const PrivateKey& key) {
 
 uint32_t set_key(uint32_t store, const nginx_cert_rec& record, Incoming& incoming) {
     const PrivateKey key = read_key(record.text);
-    if (key == nullptr) return refused("a key is", SECURITY_ERR_WEB_KEY);
+    if (key == nullptr) return SECURITY_ERR_WEB_KEY;
     const bool awaited = *incoming.certificate != '\0';
     const uint32_t status = awaited ? check_pair(incoming.certificate, record.text) : check_key(store, key);
-    if (status != SECURITY_OK) return refused("a key is", status);
+    if (status != SECURITY_OK) return status;
     set_text(incoming.key, record.text);
     return store_all(store, incoming);
 }
@@ -236,7 +228,7 @@ uint32_t get_settings(uint32_t store, uint32_t& http, uint32_t& https, uint32_t&
 }
 
 uint32_t set_settings(uint32_t store, uint32_t http, uint32_t https, uint32_t on) {
-    if (!fit(http, https) || on > 1) return refused("settings are", SECURITY_ERR_WEB_SETTINGS);
+    if (!fit(http, https) || on > 1) return SECURITY_ERR_WEB_SETTINGS;
     uint32_t status = set_port(store, SECURITY_SERVICE_PLOTY_HTTP_PORT, http);
     if (status == SECURITY_OK) status = set_port(store, SECURITY_SERVICE_PLOTY_HTTPS_PORT, https);
     if (status == SECURITY_OK) status = enable_info_config(store, SET_REQ, SECURITY_SERVICE_PLOTY, &on);
@@ -277,7 +269,7 @@ uint32_t read_web_server(uint32_t store, WebServer& web) {
 uint32_t web_switch(uint32_t store, uint32_t operation, security_enable_info& info) {
     if (operation != SET_REQ)
         return enable_info_config(store, operation, SECURITY_SERVICE_PLOTY, &info.value);
-    if (info.value > 1) return refused("a switch is", SECURITY_ERR_WEB_SETTINGS);
+    if (info.value > 1) return SECURITY_ERR_WEB_SETTINGS;
     return used_when_stored(enable_info_config(store, operation, SECURITY_SERVICE_PLOTY, &info.value));
 }
 
@@ -297,7 +289,7 @@ uint32_t web_port(uint32_t store, uint32_t operation, security_enable_info& info
     const uint32_t status =
         get_port(store, http ? SECURITY_SERVICE_PLOTY_HTTPS_PORT : SECURITY_SERVICE_PLOTY_HTTP_PORT, other);
     if (status != SECURITY_OK) return status;
-    if (!fit(info.value, other)) return refused("a port is", SECURITY_ERR_WEB_SETTINGS);
+    if (!fit(info.value, other)) return SECURITY_ERR_WEB_SETTINGS;
     return used_when_stored(set_port(store, item, info.value));
 }
 

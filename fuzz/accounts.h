@@ -1,8 +1,8 @@
-// The account files of a system that is not there, as getpwnam(3) and its kin read them. Included by a
-// harness alone, which then is those functions of the C library. All accounts are of this daemon's kind.
+// A fake user database behind getpwnam(3), getspnam(3) and similar functions. To be included by harnesses
+// only: it defines these functions. The home directories of all accounts are those of accounts that the
+// daemon manages.
 #pragma once
 
-#include <grp.h>
 #include <pwd.h>
 #include <shadow.h>
 
@@ -19,11 +19,10 @@ struct FakeAccounts {
     std::map<std::string, FakeAccount> by_name;
     bool unreadable = false;  // every look-up fails
 
-    // What was handed out last, and where enumerations are.
+    // What the functions returned last, and the positions of enumerations.
     std::string name, home, password;
     passwd user{};
     spwd shadow{};
-    group team{};
     std::string next_user, next_shadow;
 };
 
@@ -71,9 +70,6 @@ extern "C" {
 passwd* getpwnam(const char* name) { return as_passwd(find_account(name)); }
 passwd* getpwuid(uid_t) { return as_passwd(accounts().by_name.begin()); }
 spwd* getspnam(const char* name) { return as_shadow(find_account(name)); }
-group* getgrnam(const char* name) {
-    return find_account(name) == accounts().by_name.end() ? nullptr : &accounts().team;
-}
 void setpwent() { accounts().next_user.clear(); }
 void setspent() { accounts().next_shadow.clear(); }
 void endpwent() {}

@@ -1,4 +1,4 @@
-// Banner files: any bytes are read or refused within the sizes that the readers promise.
+// Banner files of any content are read or refused, within the documented sizes.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -8,7 +8,7 @@
 
 namespace {
 
-// Not cleared between inputs, which would take longer than reading most of them.
+// Not cleared between inputs, which would take longer than reading most of them does.
 char output[SECURITY_BANNER_TEXT_SIZE];
 
 int32_t read(int32_t (*reader)(char*, FILE*), const uint8_t* data, size_t size) {
@@ -21,7 +21,7 @@ int32_t read(int32_t (*reader)(char*, FILE*), const uint8_t* data, size_t size) 
 
 }  // namespace
 
-// The file.
+// Input: the file.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (const auto reader : {security_read_banner_motd_msg, security_read_banner_motd_msg_with_delimiter}) {
         const int32_t count = read(reader, data, size);

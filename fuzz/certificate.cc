@@ -1,4 +1,4 @@
-// Files of certificates and keys: any bytes become a text that ends in its field, or are refused.
+// Certificate and key files of any content become a text that is terminated within its field, or are refused.
 #include <dlfcn.h>
 
 #include <cstdio>
@@ -17,7 +17,7 @@ size_t content_size;
 
 }  // namespace
 
-// One file is the input, and all others are the system's.
+// The input is the content of one file.
 extern "C" FILE* fopen(const char* path, const char* mode) {
     static const auto kReal =
         reinterpret_cast<FILE* (*)(const char*, const char*)>(dlsym(RTLD_NEXT, "fopen"));
@@ -26,7 +26,7 @@ extern "C" FILE* fopen(const char* path, const char* mode) {
                              : fmemopen(const_cast<uint8_t*>(content), content_size, mode);
 }
 
-// The file.
+// Input: the file.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     world().history = false;
     content = data;

@@ -1,5 +1,5 @@
-// The client's world, in which there are no files, no terminal and no programs to start, and a daemon answers
-// anything. Included by a harness alone, which then is those functions of the C library and of the platform.
+// The environment of the client: no files, no terminal, no programs to start, and a daemon with arbitrary
+// replies. To be included by harnesses only: it defines these functions of the C library and of the platform.
 #pragma once
 
 #include <fcntl.h>
@@ -21,15 +21,15 @@
 #include "quillsecurity.h"
 #include "tests/fakes/world.h"
 
-inline constexpr char kTyped[] = "S3cr3t!";  // begins whatever is given on standard input
+inline constexpr char kTyped[] = "S3cr3t!";  // the beginning of standard input
 inline constexpr int kMostRequests = 40;
 
 inline bool running;
-inline std::string standard_input, said, complained;
-inline Input* answers;
+inline std::string standard_input, printed_output, printed_errors;
+inline Input* replies;
 inline int requests;
 
-// Success more often than the others.
+// Statuses of replies; success is more frequent than others.
 inline constexpr uint32_t kStatuses[] = {SECURITY_OK,
                                          SECURITY_OK,
                                          SECURITY_OK,
@@ -87,25 +87,26 @@ ssize_t read(int descriptor, void* to, size_t length) {
 ssize_t write(int descriptor, const void* bytes, size_t length) {
     if (!running) return static_cast<ssize_t>(syscall(SYS_write, descriptor, bytes, length));
     require(descriptor == STDOUT_FILENO || descriptor == STDERR_FILENO);
-    (descriptor == STDOUT_FILENO ? said : complained).append(static_cast<const char*>(bytes), length);
+    (descriptor == STDOUT_FILENO ? printed_output : printed_errors)
+        .append(static_cast<const char*>(bytes), length);
     return static_cast<ssize_t>(length);
 }
 }
 
-// The request's record comes back, patched, whole or not.
+// Replies with the request's record, modified and possibly truncated.
 int32_t security_cmi(int32_t, uint32_t, void* request, void** reply, uint32_t* length, uint32_t) {
-    uint32_t status = kStatuses[answers->byte() % std::size(kStatuses)];
+    uint32_t status = kStatuses[replies->byte() % std::size(kStatuses)];
     if (++requests > kMostRequests) status = SECURITY_ERR_END_OF_TABLE;
     errno = ECONNREFUSED;
     const uint32_t size = *length;
     *length = 0;
     if (reply == nullptr || static_cast<int32_t>(status) < 0) return static_cast<int32_t>(status);
-    const uint8_t kind = answers->byte();
+    const uint8_t kind = replies->byte();
     if (kind == 255) return static_cast<int32_t>(status);
     *length = kind == 254 ? size / 2 : size;
     *reply = malloc(*length);
     memcpy(*reply, request, *length);
-    answers->patch({static_cast<uint8_t*>(*reply), *length});
+    replies->patch({static_cast<uint8_t*>(*reply), *length});
     return static_cast<int32_t>(status);
 }
 
@@ -114,17 +115,17 @@ int32_t security_cmi2(int32_t type, uint32_t operation, void* request, void**, u
     return security_cmi(type, operation, request, nullptr, length, connection);
 }
 
-// The announcements: a few of any bytes, then the daemon ends.
+// Notifications: a few with arbitrary bytes, then the daemon exits.
 int32_t quill_mts_listen(uint32_t, uint32_t, uint32_t*) {
     errno = EACCES;
-    return answers->byte() % 4 == 3 ? -1 : 0;
+    return replies->byte() % 4 == 3 ? -1 : 0;
 }
 void* quill_mts_receive(uint32_t, int32_t) {
     errno = ECONNRESET;
-    if (answers->ended()) return nullptr;
-    return new FakeMessage{SECURITY_MTS_USER_CHANGE, std::string(answers->bytes(answers->byte()))};
+    if (replies->ended()) return nullptr;
+    return new FakeMessage{SECURITY_MTS_USER_CHANGE, std::string(replies->bytes(replies->byte()))};
 }
-uint32_t quill_mts_lost(const void*) { return answers->byte(); }
+uint32_t quill_mts_lost(const void*) { return replies->byte(); }
 void quill_mts_free(void* message) { delete static_cast<FakeMessage*>(message); }
 void quill_mts_close(uint32_t) {}
 
@@ -137,7 +138,7 @@ inline bool is_plain(const std::string& text) {
     });
 }
 
-// One document, or one a line.
+// One document, or one for each line.
 inline bool is_json(const std::string& text) {
     if (nlohmann::json::accept(text)) return true;
     for (size_t start = 0, end; start < text.size(); start = end + 1) {
@@ -147,12 +148,13 @@ inline bool is_json(const std::string& text) {
     return !text.empty();
 }
 
-// Whether the secret stands in the input, from where the words and the daemon's answers come.
+// Whether the secret is in the input, from which arguments and replies are taken.
 inline bool is_known(const uint8_t* data, size_t size) {
     return std::string_view(reinterpret_cast<const char*>(data), size).find(kTyped) != std::string_view::npos;
 }
 
-// Says `run`, which answers an exit code, what stands on standard input and how the daemon answers.
+// Calls `run`, which returns an exit code, with standard input and the daemon's replies as given, and checks
+// its output.
 template <class Run>
 void check_run(std::string_view given, Input& from_daemon, bool json, bool secret_is_known, Run run) {
     static const int kQuiet = setlogmask(LOG_MASK(LOG_EMERG));
@@ -165,14 +167,16 @@ void check_run(std::string_view given, Input& from_daemon, bool json, bool secre
     accounts().by_name = {{"amy", {"*", 20000}}, {"bob", {}}, {"amy#02#", {}}};
     security_cmi_timeout = 60;
     standard_input = kTyped + std::string(given);
-    answers = &from_daemon;
+    replies = &from_daemon;
     requests = 0;
-    said.clear();
-    complained.clear();
+    printed_output.clear();
+    printed_errors.clear();
     running = true;
     const int exit = run();
     running = false;
-    require(exit >= 0 && exit <= 10 && (exit == 0 || !said.empty() || !complained.empty()));
-    require(is_plain(complained) && (json ? is_json(said) && complained.empty() : is_plain(said)));
-    require(secret_is_known || (said.find(kTyped) == said.npos && complained.find(kTyped) == said.npos));
+    require(exit >= 0 && exit <= 10 && (exit == 0 || !printed_output.empty() || !printed_errors.empty()));
+    require(is_plain(printed_errors) &&
+            (json ? is_json(printed_output) && printed_errors.empty() : is_plain(printed_output)));
+    require(secret_is_known || (printed_output.find(kTyped) == printed_output.npos &&
+                                printed_errors.find(kTyped) == printed_output.npos));
 }

@@ -1,4 +1,4 @@
-// Every verb of the client with arguments of any kind, as the tables of the nouns allow them.
+// Every verb of the client with arbitrary arguments, as far as the tables of the nouns allow them.
 #include <string>
 
 #include "cli/command.h"
@@ -12,7 +12,7 @@ using namespace quill::cli;
 constexpr const Noun* kNouns[] = {&kUser,   &kRole,   &kLocale, &kKey, &kPassword, &kService, &kSecret,
                                   &kRecord, &kBanner, &kWeb,    &kVdc, &kWatch,    &kSelfTest};
 
-// A text up to the end of its line or a NUL, as an argument of a program is.
+// Takes a text up to a newline or NUL.
 std::string text(Input& input) {
     std::string taken;
     for (char c; !input.ended() && (c = static_cast<char>(input.byte())) != '\n' && c != '\0';) taken += c;
@@ -38,7 +38,7 @@ int run(const Verb& verb, const Arguments& arguments, Form form) {
 
 }  // namespace
 
-// The noun, the verb, the form, the arguments, what stands on standard input, and how the daemon answers.
+// Input: noun, verb, output format, arguments, standard input, the daemon's replies.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Input input(data, size);
     const Noun& noun = *kNouns[input.byte() % std::size(kNouns)];

@@ -1,5 +1,5 @@
-// Command lines of any words, as the whole program takes them. Reading a line takes libFuzzer's sanitizers
-// milliseconds; what the verbs do with their arguments is for the harness `command`.
+// Arbitrary command lines of the client. Parsing one takes milliseconds with sanitizers, so the harness
+// `command` tests the verbs without parsing.
 #include <string>
 #include <vector>
 
@@ -20,7 +20,7 @@ Words words_of(std::string_view line) {
     return words;
 }
 
-// What stands before the next form feed, which is taken as well.
+// Takes the text before the next form feed, and the form feed.
 std::string_view section(std::string_view& rest) {
     const std::string_view taken = rest.substr(0, rest.find('\f'));
     rest.remove_prefix(std::min(taken.size() + 1, rest.size()));
@@ -29,11 +29,11 @@ std::string_view section(std::string_view& rest) {
 
 }  // namespace
 
-// Words, each in a line, a form feed, what stands on standard input, a form feed, and how the daemon answers.
+// Input: words, one on each line, a form feed, standard input, a form feed, the daemon's replies.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string_view rest(reinterpret_cast<const char*>(data), size);
     const Words words = words_of(section(rest));
-    if (!words.empty() && words[0] == "__complete") return 0;  // goes to stdio's standard output
+    if (!words.empty() && words[0] == "__complete") return 0;  // writes to the real standard output
     const std::string_view given = section(rest);
     Input from_daemon(data + size - rest.size(), rest.size());
 

@@ -1,5 +1,5 @@
-// Files in memory under names that the system never sees: every path below /tmp/, as the library opens, reads
-// and removes them. Included by a harness alone, which then is those functions of the C library.
+// Files in memory in place of those in /tmp, for the functions with which the library opens, reads and
+// removes files. To be included by harnesses only: it defines these functions of the C library.
 #pragma once
 
 #include <fcntl.h>
@@ -27,7 +27,7 @@ inline std::map<std::string, Content>& files() {
     return instance;
 }
 
-// By descriptor, counted from kFirstDescriptor: numbers that the system does not give.
+// Open files; descriptors count from kFirstDescriptor, which the kernel does not use.
 constexpr int kFirstDescriptor = 1 << 20;
 inline std::vector<Content>& opened() {
     static std::vector<Content> instance;
@@ -44,7 +44,7 @@ inline std::list<Stream>& streams() {
     return instance;
 }
 
-// The check of a certificate leaves its file open, and with it the buffer that it was given.
+// The check of a certificate leaves its file open, so the stream and its buffer are released here.
 inline void close_all() {
     while (!streams().empty()) {
         FILE* file = streams().back().file;
@@ -93,7 +93,7 @@ extern "C" ssize_t write(int descriptor, const void* bytes, size_t length) {
     return static_cast<ssize_t>(length);
 }
 
-// The library asks for nothing but the kind of its files.
+// The library only uses the type of the file.
 extern "C" int fstat(int descriptor, struct stat* facts) noexcept {
     *facts = {};
     facts->st_mode = S_IFREG;

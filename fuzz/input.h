@@ -1,4 +1,4 @@
-// An input as a row of numbers and texts, which are 0 and empty where it has ended.
+// Takes numbers and texts from an input. At its end, numbers are 0 and texts are empty.
 #pragma once
 
 #include <algorithm>
@@ -40,17 +40,17 @@ class Input {
         return low | static_cast<uint32_t>(half()) << 16;
     }
 
-    // Everything that is left.
+    // Takes all that is left.
     std::string_view rest() { return bytes(rest_.size()); }
 
-    // A few patches over a record: so the last byte of a long one takes no more input than its first. A patch
-    // is a place, whose upper bit says to repeat one byte, a length, and the bytes.
+    // Overwrites up to seven ranges of a record, so that a short input can change any byte of a long record.
+    // A range is an offset, a length, and the bytes, or one byte to repeat if the offset's upper bit is set.
     void patch(std::span<uint8_t> record) {
         for (unsigned left = byte() % 8; left > 0 && !ended() && !record.empty(); --left) {
-            const uint16_t place = half();
-            const size_t at = (place & 0x7fff) % record.size();
-            const size_t length = std::min<size_t>(byte() * (place & 0x8000 ? 32u : 1u), record.size() - at);
-            if ((place & 0x8000) != 0) {
+            const uint16_t offset = half();
+            const size_t at = (offset & 0x7fff) % record.size();
+            const size_t length = std::min<size_t>(byte() * (offset & 0x8000 ? 32u : 1u), record.size() - at);
+            if ((offset & 0x8000) != 0) {
                 memset(record.data() + at, byte(), length);
             } else {
                 const std::string_view text = bytes(length);

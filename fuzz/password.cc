@@ -1,5 +1,6 @@
-// Passwords and user names of any bytes: what passes keeps the rules, and the functions that turn texts about
-// keep them whole. Cracklib, which wants its dictionary, is left out: it likes everything or nothing.
+// Passwords and user names of any bytes: those that are accepted follow the rules, and the functions that
+// reverse, sort and lower texts neither lose nor add bytes. Cracklib is replaced by a stub that accepts or
+// refuses all passwords.
 #include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -16,7 +17,7 @@ namespace {
 
 const char* objection;
 
-// A block of exactly the text's length.
+// A block of exactly the text's size, so that sanitizers see accesses beyond it.
 std::unique_ptr<char, decltype(&free)> block(const std::string& text) { return {strdup(text.c_str()), free}; }
 
 bool repeats(const std::string& password) {
@@ -43,16 +44,16 @@ void check(const std::string& name, const std::string& password) {
     if (judged != nullptr) require(strcmp(cmi_common_user_err_str, judged) == 0);
 }
 
-void turn(const std::string& text) {
-    const auto turned = block(text);
-    reverse_fun(turned.get());
-    require(std::equal(text.rbegin(), text.rend(), turned.get()));
-    reverse_fun(turned.get());
-    require(turned.get() == text);
-    change_to_lower(turned.get());
-    const std::string lower = turned.get();
-    require(lower.size() == text.size() && lower == change_to_lower(turned.get()));
-    const char* sorted = bin_sort_fun(turned.get());
+void check_conversions(const std::string& text) {
+    const auto converted = block(text);
+    reverse_fun(converted.get());
+    require(std::equal(text.rbegin(), text.rend(), converted.get()));
+    reverse_fun(converted.get());
+    require(converted.get() == text);
+    change_to_lower(converted.get());
+    const std::string lower = converted.get();
+    require(lower.size() == text.size() && lower == change_to_lower(converted.get()));
+    const char* sorted = bin_sort_fun(converted.get());
     require(std::is_permutation(lower.begin(), lower.end(), sorted, sorted + strlen(sorted)));
     const auto before = [](char a, char b) {
         return static_cast<signed char>(a) < static_cast<signed char>(b);
@@ -64,17 +65,17 @@ void turn(const std::string& text) {
 
 extern "C" const char* FascistCheck(const char*, const char*) { return objection; }
 
-// The dictionary is there: its files are full of something.
+// The dictionary's files exist, with arbitrary content.
 extern "C" int open(const char* path, int flags, ...) {
     va_list arguments;
     va_start(arguments, flags);
     const int mode = (flags & O_CREAT) != 0 ? va_arg(arguments, int) : 0;
     va_end(arguments);
-    const bool part = strncmp(path, "/tovo/", 6) == 0;
-    return static_cast<int>(syscall(SYS_openat, AT_FDCWD, part ? "/dev/zero" : path, flags, mode));
+    const bool dictionary = strncmp(path, "/tovo/", 6) == 0;
+    return static_cast<int>(syscall(SYS_openat, AT_FDCWD, dictionary ? "/dev/zero" : path, flags, mode));
 }
 
-// Whether cracklib objects, the length of the name, the name, the password.
+// Input: whether cracklib refuses, the length of the name, the name, the password.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     world().history = false;
     world().requests.clear();
@@ -83,6 +84,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string name(std::string(input.bytes(input.half() % 512)).c_str());
     const std::string password(std::string(input.rest()).c_str());
     check(name, password);
-    turn(password);
+    check_conversions(password);
     return 0;
 }

@@ -1,17 +1,18 @@
-// The handlers of all records but the keys of users, any requests in a row on one store that may be damaged
-// or fail: every key is of its table's kind, every value as long as its kind, and texts of replies end.
+// The handlers of all records except users' keys, with sequences of arbitrary requests to a store that may be
+// damaged or fail: keys and values have the formats and sizes of their tables, and texts of replies are
+// terminated.
 #include <string>
 
-#include "common/byte_order.h"
-#include "common/store_access.h"
-#include "common/text_field.h"
+#include "base/byte_order.h"
+#include "base/text_field.h"
 #include "fuzz/input.h"
+#include "library/common/store_access.h"
 #include "quillsecurity.h"
 #include "tests/fakes/world.h"
 
 namespace {
 
-bool damaged;  // the store holds what no handler wrote
+bool damaged;  // the store has records that no handler wrote
 
 bool reads(uint32_t operation) { return operation == GET_REQ || operation == GETNEXT_REQ; }
 
@@ -32,10 +33,10 @@ void banner(Input& input, uint32_t operation) {
 
 void user(Input& input, uint32_t operation) {
     auto record = input.record<security_user>();
-    const bool ends = !quill::touches_record(operation) || quill::terminated(record.user_name);
+    const bool ends = !quill::is_record_operation(operation) || quill::terminated(record.user_name);
     const uint32_t status = security_user_config(kHandle, operation, &record);
     require(ends || status == SECURITY_ERR_REQUEST_TEXT);
-    // A damaged store may hold a password in clear, which nobody decodes.
+    // A damaged store may have an unencoded password, which is not decoded.
     if (status == SECURITY_OK && reads(operation))
         require(quill::terminated(record.user_name) && (damaged || quill::terminated(record.password)));
 }
@@ -46,7 +47,7 @@ void level(Input& input, uint32_t operation) {
     const uint32_t status = security_priv_info_config(kHandle, operation, &record);
     if (operation != SET_REQ || !clear || status != SECURITY_OK) return;
     require(record.encryption_type == SECURITY_ENCRYPTION_HASH);
-    // Behind the hash stands what the caller had there, with a terminator or without.
+    // The rest of the field keeps the caller's bytes, so the hash need not be terminated.
     const size_t length = strnlen(record.secret, sizeof record.secret);
     require(record.secret_len > 0 && static_cast<size_t>(record.secret_len) <= length);
 }
@@ -72,7 +73,7 @@ constexpr void (*kHandlers[])(Input&, uint32_t) = {service, port,  banner,  user
                                                    level,   roles, locales, web_text};
 constexpr uint32_t kTables[] = {1, 5, 7, 20, 22, 27, 28, 30, 31, 32, 33};
 
-// What no handler wrote: any value, under a key of any table and length.
+// Stores an arbitrary value under a key of any table and length.
 void damage(Input& input) {
     std::string key = be32(kTables[input.byte() % std::size(kTables)]);
     key += input.bytes(input.byte() % 4);
@@ -117,8 +118,8 @@ constexpr const char* kCalls[] = {"pss2_fetch",         "pss2_store",  "pss2_del
 
 }  // namespace
 
-// Which call of the store fails (none where the byte is too large), after how many; then requests: handler,
-// operation, record. A handler beyond the last damages the store.
+// Input: the store's function that fails (none if out of range), after how many calls; then requests:
+// handler, operation, record. A handler number beyond the last damages the store.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     world() = World();
     world().history = false;

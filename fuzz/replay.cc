@@ -1,4 +1,4 @@
-// Gives a harness each file of its corpus, and each of them again cut after every byte.
+// Runs a harness on each file of its corpus, and on each prefix of it.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -15,7 +15,7 @@ void replay(const std::filesystem::path& path) {
     std::ifstream file(path, std::ios::binary);
     const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
     for (size_t size = 0; size <= bytes.size(); ++size) {
-        // As long as it claims to be and no longer, so that the sanitizer sees a byte too many.
+        // A copy of exactly this size, so that the sanitizer sees reads beyond it.
         const std::vector<uint8_t> input(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(size));
         LLVMFuzzerTestOneInput(input.data(), input.size());
     }

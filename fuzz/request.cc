@@ -11,12 +11,14 @@
 #include <string>
 #include <vector>
 
+#include "daemon/account_files.h"
+#include "daemon/account_tools.h"
 #include "daemon/activation.h"
 #include "daemon/announce.h"
 #include "daemon/dispatch.h"
+#include "daemon/homes.h"
 #include "daemon/routes.h"
 #include "daemon/self_test.h"
-#include "daemon/tool.h"
 #include "fuzz/accounts.h"
 #include "fuzz/input.h"
 #include "platform/channel/frame.h"
@@ -45,22 +47,15 @@ bool fails_now() {
     return fails;
 }
 
-void do_tool(const std::string& program, const std::vector<std::string>& words, std::string_view input) {
-    auto& users = accounts().by_name;
-    if (program == "useradd") {
-        users.emplace(words.back(), FakeAccount());
-    } else if (program == "userdel") {
-        users.erase(words.back());
-    } else if (program == "usermod") {
-        require(words[1] == "--expiredate" && users.contains(words.back()));
-        users[words.back()].expiry = words[2].empty() ? -1 : std::stol(words[2]);
-    } else if (program == "chpasswd") {
-        const size_t colon = input.find(':');
-        require(colon != input.npos && input.ends_with('\n') && input.find('\n') == input.size() - 1);
-        const auto found = users.find(std::string(input.substr(0, colon)));
-        require(found != users.end());
-        found->second.password = input.substr(colon + 1, input.size() - colon - 2);
-    }
+// A program that works on the account of this name, or on a place for it.
+template <class Work>
+quill::ProgramResult tool(Work work) {
+    const bool fails = fails_now();
+    if (!fails || killed) work(accounts().by_name);
+    quill::ProgramResult result;
+    result.code = !fails ? 0 : killed ? 137 : 1;
+    result.errors = fails ? "tool: failed\n" : "";
+    return result;
 }
 
 struct Service {
@@ -73,21 +68,65 @@ std::vector<Service> services;
 
 namespace quill {
 
-ToolResult run_tool(std::initializer_list<const char*> words, std::string_view input, int) {
-    const std::vector<std::string> all(words.begin(), words.end());
-    const std::string program = all[0].substr(all[0].rfind('/') + 1);
-    const bool fails = fails_now();
-    if (!fails || killed) do_tool(program, all, input);
-    if (fails) return {killed ? 137 : 1, program + ": failed\n"};
-    return {0, ""};
+AccountRemains remains_of(const char* stored) {
+    AccountRemains remains;
+    remains.known = !accounts().unreadable;
+    remains.passwd = remains.shadow = remains.group = remains.ours =
+        remains.known && accounts().by_name.contains(stored);
+    return remains;
 }
+FileText::~FileText() = default;
+bool read_shadow(const char* stored, FileText& text, ShadowEntry& entry) {
+    const auto found = ::find_account(stored);
+    if (found == accounts().by_name.end()) return false;
+    text.bytes = found->second.password;
+    entry = {text.bytes, 0, static_cast<int32_t>(found->second.expiry)};
+    return true;
+}
+AccountNames find_account(const char* stored) {
+    const bool found = !accounts().unreadable && accounts().by_name.contains(stored);
+    return {!accounts().unreadable, found, found};
+}
+bool remove_lines(AccountFile, const char*, Deadline) { return !fails_now(); }
+
+AccountLock::AccountLock() : held_(true) {}
+AccountLock::~AccountLock() = default;
+void allow_time_to_undo() {}
+bool says_locked(const ProgramResult&) { return false; }
+ProgramResult make_account(const char* stored, const std::string&) {
+    return tool([&](auto& users) { users.emplace(stored, FakeAccount()); });
+}
+ProgramResult delete_account(const char* stored) {
+    return tool([&](auto& users) { users.erase(stored); });
+}
+ProgramResult delete_group(const char*) {
+    return tool([](auto&) {});
+}
+ProgramResult set_expiry(const char* stored, const std::string& expiry) {
+    return tool([&](auto& users) { users.at(stored).expiry = expiry.empty() ? -1 : std::stol(expiry); });
+}
+ProgramResult set_last_change(const char*, int32_t) {
+    return tool([](auto&) {});
+}
+ProgramResult set_stored_password(const char* stored, const char* password) {
+    require(strpbrk(password, ":\n") == nullptr);
+    return tool([&](auto& users) { users.at(stored).password = password; });
+}
+ProgramResult set_clear_password(const char* stored, const char* password) {
+    require(strpbrk(password, "\r\n") == nullptr);
+    return tool([&](auto& users) { users.at(stored).password = password; });
+}
+
+bool set_home_aside(const char*) { return true; }
+void remove_mail(const char*) {}
+bool remove_old_homes(std::chrono::milliseconds) { return false; }
 
 std::string find_hook(const std::string&) { return ""; }
 bool start_hook(const std::string&, const std::string&, std::chrono::seconds) { abort(); }
 bool write_file(const std::string&, const std::string&, unsigned) { abort(); }
 
 struct Broadcast::Ring {};
-Broadcast::Broadcast(event_base*, gid_t) {}
+Broadcast::Broadcast(event_base*, gid_t, uint32_t) {}
 Broadcast::~Broadcast() = default;
 uint32_t Broadcast::handle() const { return 5; }
 void Broadcast::serve(uint32_t sap, std::function<void(const void*)> service) {
@@ -131,7 +170,7 @@ uint32_t refusal_of(const quill::Request& request) {
 }
 
 bool may(const Route& route, const Peer& peer, uint32_t operation) {
-    const quill::Access needed = reads(operation) ? route.read : route.write;
+    const quill::Access needed = reads(operation) ? route.rights.read : route.rights.write;
     return peer.known && needed != quill::Access::kNobody &&
            (needed == quill::Access::kEveryone || peer.administrator);
 }
@@ -145,7 +184,7 @@ void check(const Peer& peer, const quill::Request& request, const Answer& answer
         require(answer.status == (route != nullptr ? SECURITY_ERR_NOT_PERMITTED : refusal_of(request)));
         return;
     }
-    require(answer.length == 0 || answer.status == SECURITY_OK || route->explains_failures);
+    require(answer.length == 0 || answer.status == SECURITY_OK || (route->flags & quill::kExplains) != 0);
     require(answer.changed || !was_written() || reads(request.operation));
     // Nobody has a list or a password but who has an account.
     constexpr uint32_t kOfAccounts[] = {SECURITY_PASSWD_REQUEST, SECURITY_ROLE_ASSIGN_REQUEST,
@@ -161,7 +200,7 @@ void check(const Peer& peer, const quill::Request& request, const Answer& answer
 }
 
 // As the loop takes a message apart.
-void receive(const Peer& peer, const std::string& message) {
+void receive(const Peer& peer, quill::ConnectionState& state, const std::string& message) {
     RequestHead head{};
     memcpy(static_cast<void*>(&head), message.data(), std::min(sizeof head, message.size()));
     if (!quill::well_formed(head, message.size()) ||
@@ -174,7 +213,7 @@ void receive(const Peer& peer, const std::string& message) {
     quill::Request request{head.request_type, head.operation, head.session,
                            head.user_name,    record.get(),   head.length};
     world().calls.clear();
-    check(peer, request, quill::dispatch(quill::routes(), kHandle, peer, request));
+    check(peer, request, quill::dispatch(quill::routes(), kHandle, peer, state, request));
 }
 
 // A message of the given bytes, or a head that fits a route and a patched record.
@@ -211,7 +250,7 @@ constexpr const char* kCalls[] = {"pss2_fetch",    "pss2_store",         "pss2_d
 void set_up() {
     setlogmask(LOG_MASK(LOG_EMERG));
     setenv("QUILL_RUNTIME_DIR", "/dev/null/none", 1);
-    static quill::Broadcast broadcast(nullptr, 0);
+    static quill::Broadcast broadcast(nullptr, 0, 1);
     quill::announce_on(broadcast.handle());
     quill::serve_self_tests(broadcast);
 }
@@ -240,12 +279,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static_cast<void>(kReady);
     Input input(data, size);
     start_over(input);
+    quill::ConnectionState states[std::size(kPeers)];
     for (int messages = 0; !input.ended() && messages < 16; ++messages) {
         const uint8_t kind = input.byte();
         if ((kind & 0xc0) == 0xc0)
             transport(input);
         else
-            receive(kPeers[kind % std::size(kPeers)], message(input, (kind & 0x80) != 0));
+            receive(kPeers[kind % std::size(kPeers)], states[kind % std::size(kPeers)],
+                    message(input, (kind & 0x80) != 0));
     }
     quill::activate_changes(kHandle);
     return 0;

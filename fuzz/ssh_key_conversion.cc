@@ -1,4 +1,5 @@
-// Stored texts of any content as lines: certificates and signing lines, in records of exactly their size.
+// Conversion of stored keys of any content to OpenSSH lines: certificates and signing lines, in blocks of the
+// records' exact size.
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -8,7 +9,7 @@
 #include "quillsecurity.h"
 #include "tests/fakes/world.h"
 
-// The format (2 or 3), then the text, which fills its field without a terminator where it is that long.
+// Input: the format (2 or 3), and the text, which is not terminated if it is as long as its field.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     world().history = false;
     if (size == 0) return 0;

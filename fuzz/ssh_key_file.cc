@@ -1,5 +1,5 @@
-// Key files of any content: whatever ssh-keygen would say of them, no byte outside a record is touched, and
-// nothing of a file with a private key reaches one.
+// Key files of any content, with any output of ssh-keygen: no byte outside a record is accessed, and no
+// private key gets into one.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -7,8 +7,8 @@
 #include <string>
 
 #include "fuzz/files.h"
+#include "library/sshkey/key_text.h"
 #include "quillsecurity.h"
-#include "sshkey/key_text.h"
 #include "tests/fakes/world.h"
 
 namespace {
@@ -37,7 +37,7 @@ void check_text(const char* text, size_t size, const char* user_name) {
 
 }  // namespace
 
-// The library's own is left out of the link.
+// Replaces the library's function.
 int32_t security_conf_system(const char* command, const char* out_path, const char*) {
     const unsigned which = strstr(command, " -i ") != nullptr ? printed_by_import : printed_by_listing;
     const char* text = kPrinted[which % std::size(kPrinted)];
@@ -46,8 +46,8 @@ int32_t security_conf_system(const char* command, const char* out_path, const ch
     return times_out ? -1 : 0;
 }
 
-// What ssh-keygen prints when it imports and when it lists, then the file; behind a form feed, what somebody
-// makes of the file while ssh-keygen runs.
+// Input: the output of ssh-keygen when it imports and when it lists, the file, and after a form feed its
+// content after somebody changes it while ssh-keygen runs.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     world().history = false;
     if (size < 2) return 0;

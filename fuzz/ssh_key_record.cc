@@ -1,24 +1,24 @@
-// Both handlers of a user's key, any requests in a row: never two keys of a user, and each value of its
-// length.
+// Both handlers of users' keys, with sequences of arbitrary requests: a user never has two keys, and values
+// have the size of their table.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
-#include "common/store_access.h"
+#include "library/common/store_access.h"
 #include "quillsecurity.h"
 #include "tests/fakes/world.h"
 
 namespace {
 
-// The operation, then the length and the character of the name: 127 and less fit.
+// Takes operation, length and character of the name. A name of 128 bytes does not fit.
 template <class Record>
 void request(uint32_t (*config)(uint32_t, uint32_t, Record*), const uint8_t* bytes) {
     Record record{};
     memset(record.user_name, 'a' + bytes[2] % 3, std::min<size_t>(bytes[1] % 4 == 3 ? 128 : bytes[1], 128));
     memset(record.key_text, bytes[2], sizeof record - sizeof record.user_name);
     const uint32_t operation = bytes[0] / 2 % 6;
-    const bool touches = quill::touches_record(operation);
+    const bool touches = quill::is_record_operation(operation);
     const bool ends = !touches || memchr(record.user_name, '\0', sizeof record.user_name) != nullptr;
     const uint32_t status = config(kHandle, operation, &record);
     if (ends == (status == SECURITY_ERR_REQUEST_TEXT)) abort();

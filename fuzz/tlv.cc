@@ -1,19 +1,16 @@
-// TLV messages under both field tables, and TLV arrays: whatever is read comes back when it is written and
-// read again, and all ways of looking at a message agree on whether it can be read.
+// TLV messages, with both field tables, and TLV arrays: writing what was read and reading it again yields the
+// same, and all functions agree on whether a message is valid.
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 
+#include "fuzz/input.h"
 #include "quillplatform/tlv.h"
 #include "quillsecurity.h"
 
 namespace {
 
-void require(bool holds) {
-    if (!holds) abort();
-}
-
-// Every byte of what is handed out must be there.
+// Reads every byte, so that the sanitizer sees any outside the message.
 uint32_t sum(const void* value, uint32_t length) {
     uint32_t total = 0;
     for (uint32_t i = 0; i < length; ++i) total += static_cast<const uint8_t*>(value)[i];
@@ -36,7 +33,7 @@ void use(const void* table, const uint8_t* data, uint32_t size) {
     if (tlvu_field_itr_init(table, data, size, &itr) == 0)
         while (tlvu_field_itr_get_next(&itr, &id, &value, &length) == 0) total = total + sum(value, length);
 
-    // What stands behind a terminator is not carried; the second time round there is nothing there.
+    // Bytes after a terminator are not in a message, so the structures compared are the second and the third.
     void* blocks[4] = {first};
     for (int i = 0; readable && i < 2; ++i) {
         free(blocks[3]);

@@ -1,5 +1,5 @@
-// URIs of files, split by the platform and used by the library for a user's key file: no text leaves its
-// buffer, none is lost on the way, and nothing is opened but below the device that was named.
+// URIs of files, parsed by the platform, and by the library for a user's key file: no buffer overflows, no
+// part is lost, and only files on the given device are opened.
 #include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -9,7 +9,7 @@
 #include <memory>
 #include <string>
 
-#include "common/text_field.h"
+#include "base/text_field.h"
 #include "fuzz/input.h"
 #include "quillplatform/shell.h"
 #include "quillsecurity.h"
@@ -22,7 +22,7 @@ constexpr size_t kPart = 256;
 bool in_library;
 std::string opened, removed;
 
-// Both parts, in blocks of exactly the size that they may take.
+// Parses into blocks of exactly the size of the parts' buffers.
 void split(const std::string& uri) {
     const std::unique_ptr<char[]> device(new char[kPart]), path(new char[kPart]);
     if (vsh_xml_parse_uri(uri.c_str(), device.get(), path.get()) != 0) {
@@ -40,7 +40,7 @@ bool below_device(const std::string& path, const std::string& context) {
     return path.starts_with("/bootflash" + context + "/") || path.starts_with("/volatile" + context + "/");
 }
 
-// A key file of a user who exists, as the client sends it.
+// A request of the client for the key file of an existing user.
 void use(const std::string& uri, const std::string& context) {
     common_user_record record{};
     quill::set_text(record.name, "amy");
@@ -65,7 +65,7 @@ void set_context(const std::string& context) {
 
 }  // namespace
 
-// There are no files here.
+// No file exists.
 extern "C" int open(const char* path, int flags, ...) {
     va_list arguments;
     va_start(arguments, flags);
@@ -83,7 +83,7 @@ extern "C" int unlink(const char* path) noexcept {
     return -1;
 }
 
-// Whether it is in another context, then the URI.
+// Input: whether the context is another than the default, the URI.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     world() = World();
     world().history = false;

@@ -3,7 +3,8 @@ PS1='[quill sandbox] \w\$ '
 socket=/run/quillsecurity/quillsecurityd.sock
 
 if [ ! -S "$socket" ]; then
-    quillsecurityd --foreground 2>>/var/log/quillsecurityd.log &
+    # In a session of its own: Ctrl-C at the prompt is not for the daemon.
+    setsid quillsecurityd --foreground 2>>/var/log/quillsecurityd.log </dev/null &
     disown
     for _ in {1..100}; do
         if [ -S "$socket" ]; then break; fi

@@ -9,24 +9,24 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/context_name.h"
 #include "quillplatform/sysmgr.h"
 #include "quillsecurity/status.h"
 
 namespace {
 
-constexpr int32_t kDefaultContext = 1;
 constexpr size_t kLongestName = 131;
 
 }  // namespace
 
 platform_shadow_entry* mygetspnam(uint32_t, const char* name) {
+    using namespace quill;
     static platform_shadow_entry entry;
     const int32_t context = sysmgrcmn_vdc_id_get();
     char stored[kLongestName + 1];
-    const bool qualified = context == kDefaultContext || strchr(name, '#') != nullptr;
-    const int length = qualified ? snprintf(stored, sizeof stored, "%s", name)
-                                 : snprintf(stored, sizeof stored, "%s#%02d#", name, context);
-    if (length < 0 || static_cast<size_t>(length) >= sizeof stored) return nullptr;  // nobody's
+    const bool qualified = strchr(name, kContextMark) != nullptr;
+    if (make_stored_name(stored, name, qualified ? kDefaultContext : context) >= sizeof stored)
+        return nullptr;  // no account has so long a name
 
     errno = 0;
     const spwd* found = getspnam(stored);
@@ -35,8 +35,8 @@ platform_shadow_entry* mygetspnam(uint32_t, const char* name) {
         entry = {SECURITY_OK, found->sp_pwdp, static_cast<int32_t>(days)};
         return &entry;
     }
-    // Only these say that reading went wrong; other values are left over from looking for the file's line. A
-    // file that is closed to the caller may not show in errno at all.
+    // Only these values mean that the file could not be read; others may be left over from a search that
+    // found nothing. If the caller may not read the file, errno need not say so.
     int error = errno;
     if (euidaccess("/etc/shadow", R_OK) != 0 && errno == EACCES) error = EACCES;
     if (error != EACCES && error != EIO && error != EMFILE && error != ENFILE && error != ENOMEM)

@@ -1,8 +1,14 @@
-// A keeper stands between the daemon and a hook: a process that waits its turn, runs the hook, bounds its
-// time and reports how it ended, so that the daemon's loop waits for nothing but the making of the keeper.
+// A supervisor stands between the daemon and a hook: a process that waits for its turn, runs the hook, bounds
+// its time and reports how it ended, so that the daemon's loop waits for nothing but the fork of the
+// supervisor.
+//
+// A pipe connects the two while the supervisor waits: its end there is closed when the turn has come, which
+// tells the daemon that the next start needs a supervisor of its own, and the daemon's end is closed with the
+// daemon, which tells the supervisor to give up.
 #include "platform/hook.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -14,7 +20,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <map>
 
+#include "base/descriptor.h"
 #include "platform/service.h"
 
 namespace quill {
@@ -23,11 +31,12 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr char kOwnHooks[] = "/etc/quillsecurity/hooks/";
-constexpr char kHooksFromProgram[] = "/../libexec/quillsecurity/";
+constexpr char kHooksFromProgram[] = "/" QUILL_HOOKS_FROM_PROGRAM "/";
 constexpr size_t kLongestReport = 500;
 constexpr int kNotStarted = 127;
 constexpr useconds_t kStepMicroseconds = 10000;
 constexpr int kReadsAStep = 16;
+constexpr int kTurnMilliseconds = 20;
 
 std::string program_folder() {
     char path[4096];
@@ -50,7 +59,8 @@ std::string program_folder() {
     _exit(kNotStarted);
 }
 
-// Takes some of it, whoever writes without an end; what is too long for a line of the log is dropped.
+// Reads a bounded amount at a time, because a hook may write without end. What exceeds a line of the log is
+// dropped.
 void take_output(int output, std::string& report) {
     char bytes[4096];
     ssize_t count;
@@ -93,24 +103,51 @@ void run_hook(const std::string& path, const std::string& argument, std::chrono:
            report.empty() ? "" : "; ", report.c_str());
 }
 
-// Ends with 0, or with the errno for which there is no keeper.
-[[noreturn]] void keep(const std::string& path, const std::string& argument, std::chrono::seconds limit) {
+// Waits until no other hook runs. False when the daemon has ended before; `waiting` is the pipe to it.
+bool take_turn(int waiting) {
+    const std::string turn = runtime_directory() + "/hooks.lock";
+    const int lock = open(turn.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    while (lock < 0 || flock(lock, LOCK_EX | LOCK_NB) != 0) {
+        if (lock < 0 || (errno != EWOULDBLOCK && errno != EINTR)) {
+            syslog(LOG_WARNING, "hook lock %s: %m", turn.c_str());
+            return true;
+        }
+        pollfd daemon{waiting, 0, 0};
+        if (poll(&daemon, 1, kTurnMilliseconds) > 0) return false;
+    }
+    return true;  // the lock is held as long as this process lives
+}
+
+// Ends with 0, or with the errno for which there is no supervisor.
+[[noreturn]] void supervise(const std::string& path, const std::string& argument, std::chrono::seconds limit,
+                            int waiting) noexcept {
     setsid();
-    const pid_t keeper = fork();  // nobody's child that the daemon would have to wait for
-    if (keeper != 0) _exit(keeper < 0 ? errno : 0);
+    closelog();  // its descriptor goes with the others
+    // The daemon waits for this, so that it is the last to hold its clients' connections (channel/closer.h).
+    if (dup3(waiting, STDERR_FILENO + 1, O_CLOEXEC) < 0 && waiting != STDERR_FILENO + 1) _exit(errno);
+    close_range(STDERR_FILENO + 2, ~0u, 0);
+    const pid_t supervisor = fork();  // an orphan, which the daemon need not wait for
+    if (supervisor != 0) _exit(supervisor < 0 ? errno : 0);
     prctl(PR_SET_NAME, "quill-hook");
     umask(022);
-    closelog();  // its descriptor goes with the others
-    close_range(STDERR_FILENO + 1, ~0u, 0);
     openlog("quillsecurityd", log_options(), LOG_DAEMON);
     const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
     for (const int standard : {STDIN_FILENO, STDOUT_FILENO})
         if (null >= 0) dup2(null, standard);
-    const std::string turn = runtime_directory() + "/hooks.lock";
-    const int lock = open(turn.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (lock < 0 || flock(lock, LOCK_EX) != 0) syslog(LOG_WARNING, "hook lock %s: %m", turn.c_str());
+    if (!take_turn(STDERR_FILENO + 1)) _exit(0);
+    close(STDERR_FILENO + 1);
     run_hook(path, argument, limit);
+    closelog();
     _exit(0);
+}
+
+// The daemon's ends of the pipes to supervisors, by the names of the hooks' programs.
+std::map<std::string, Descriptor> supervisors;
+
+// Whether the supervisor at the other end still waits.
+bool waits(const Descriptor& supervisor) {
+    pollfd ended{supervisor.get(), 0, 0};
+    return supervisor && poll(&ended, 1, 0) == 0;
 }
 
 }  // namespace
@@ -122,8 +159,14 @@ std::string find_hook(const std::string& name) {
 }
 
 bool start_hook(const std::string& path, const std::string& argument, std::chrono::seconds limit) {
+    Descriptor& supervisor = supervisors[path];
+    if (waits(supervisor)) return true;
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) return false;
+    supervisor.reset(ends[0]);
+    Descriptor waiting(ends[1]);
     const pid_t child = fork_without_handlers();
-    if (child == 0) keep(path, argument, limit);
+    if (child == 0) supervise(path, argument, limit, waiting.get());
     if (child < 0) return false;
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {

@@ -1,4 +1,4 @@
-// Which roles and locales there are: those built in, and what the configuration lists.
+// The roles and locales of the system: those built in, and those that the configuration lists.
 #include <algorithm>
 #include <cstring>
 #include <string>
@@ -14,14 +14,14 @@ constexpr std::string_view kBuiltIn[] = {"network-admin", "network-operator", "v
 constexpr std::string_view kPrivilege = "priv-";
 constexpr int32_t kHighestPrivilege = 15;
 
-// priv-0 to priv-15, spelled without leading zeros.
+// priv-0 to priv-15, without leading zeros.
 bool is_privilege(const char* role) {
     if (strncmp(role, kPrivilege.data(), kPrivilege.size()) != 0) return false;
     const auto level = parse_number(role + kPrivilege.size(), 0, kHighestPrivilege);
     return level && std::to_string(*level) == role + kPrivilege.size();
 }
 
-int32_t found(bool is) { return is ? 0 : -1; }
+int32_t found_if(bool known) { return known ? 0 : -1; }
 
 }  // namespace
 }  // namespace quill
@@ -29,10 +29,10 @@ int32_t found(bool is) { return is ? 0 : -1; }
 int32_t vshd_perm_group_role_name_verify(uint32_t, const char* role) {
     using namespace quill;
     if (role == nullptr) return -1;
-    return found(std::ranges::find(kBuiltIn, role) != std::end(kBuiltIn) || is_privilege(role) ||
-                 config().roles.contains(role));
+    return found_if(std::ranges::find(kBuiltIn, role) != std::end(kBuiltIn) || is_privilege(role) ||
+                    config().roles.contains(role));
 }
 
 int32_t vshd_perm_locale_name_verify(uint32_t, const char* locale) {
-    return quill::found(locale != nullptr && quill::config().locales.contains(locale));
+    return quill::found_if(locale != nullptr && quill::config().locales.contains(locale));
 }

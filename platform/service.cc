@@ -41,10 +41,8 @@ bool lock_file(const std::string& path) {
     }
 }
 
-}  // namespace
-
-bool take_runtime_directory(std::string& reason) {
-    const std::string folder = runtime_directory();
+// Makes the folder or finds it as it must be.
+bool claim_runtime_directory(const std::string& folder, std::string& reason) {
     // Made without regard to the mask, which may keep the clients out.
     const bool made = mkdir(folder.c_str(), 0755) == 0;
     if (made ? chmod(folder.c_str(), 0755) != 0 : errno != EEXIST) {
@@ -56,14 +54,20 @@ bool take_runtime_directory(std::string& reason) {
         reason = because("runtime directory " + folder);
         return false;
     }
-    if (facts.st_uid != geteuid() || (facts.st_mode & 022) != 0) {
-        reason =
-            "runtime directory " + folder + " must belong to the daemon's user and be writable for it alone";
-        return false;
-    }
+    if (facts.st_uid == geteuid() && (facts.st_mode & 022) == 0) return true;
+    reason = "runtime directory " + folder + " must belong to the daemon's user and be writable for it alone";
+    return false;
+}
+
+}  // namespace
+
+bool take_runtime_directory(std::string& reason) {
+    const std::string shared = shared_runtime_directory(), folder = runtime_directory();
+    if (!claim_runtime_directory(shared, reason)) return false;
+    if (folder != shared && !claim_runtime_directory(folder, reason)) return false;
     const std::string lock = folder + "/quillsecurityd.lock";
     if (lock_file(lock)) return true;
-    reason = errno == EWOULDBLOCK ? "another quillsecurityd is running already; stop it first"
+    reason = errno == EWOULDBLOCK ? "another quillsecurityd of this context is running already; stop it first"
                                   : because("lock " + lock);
     return false;
 }
@@ -73,22 +77,6 @@ std::string log_safe(std::string_view text) {
     std::ranges::replace_if(
         safe, [](unsigned char c) { return c < ' ' || c >= 127 || c == '\''; }, '.');
     return safe;
-}
-
-pid_t fork_without_handlers() {
-    sigset_t all, before, none;
-    sigfillset(&all);
-    sigprocmask(SIG_SETMASK, &all, &before);
-    const pid_t child = fork();
-    if (child != 0) {
-        sigprocmask(SIG_SETMASK, &before, nullptr);
-        return child;
-    }
-    for (const int number : {SIGTERM, SIGINT, SIGUSR1, SIGALRM, SIGPIPE, SIGXFSZ, SIGCHLD})
-        signal(number, SIG_DFL);
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    return child;
 }
 
 void notify_manager(const char* state) {
@@ -123,6 +111,11 @@ bool Background::enter() {
     if (child < 0) return false;
     if (child != 0) {
         close(ends[1]);
+        // The daemon holds signals back until it is ready; whoever waits for it may give up before.
+        sigset_t ending;
+        sigemptyset(&ending);
+        for (const int number : {SIGTERM, SIGINT}) sigaddset(&ending, number);
+        sigprocmask(SIG_UNBLOCK, &ending, nullptr);
         char byte;
         ssize_t got;
         do {

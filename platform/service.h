@@ -7,22 +7,19 @@
 #include <string>
 #include <string_view>
 
+#include "base/process.h"
+#include "platform/folders.h"
+
 namespace quill {
 
-// $QUILL_RUNTIME_DIR, else /run/quillsecurity.
-std::string runtime_directory();
-
-// Makes the runtime folder where it is missing and takes its lock, which lasts until the process ends. False
-// with a sentence in `reason`; one daemon at a time.
+// Makes the runtime folder of this context, and the one that holds it, where they are missing, and takes its
+// lock, which lasts until the process ends: one daemon at a time for each context. False with a sentence in
+// `reason`: a folder that cannot be made or is not the daemon's user's alone, or a lock that is held.
 bool take_runtime_directory(std::string& reason);
 
 // A text of somebody else's for a line of the log: what could end its quotes, its line or speak to a terminal
 // is a '.'.
 std::string log_safe(std::string_view text);
-
-// As fork(2), but the child has none of the daemon's handlers: they speak to its loop through descriptors
-// that the child shares. All signals reach it.
-pid_t fork_without_handlers();
 
 // Tells the service manager, where there is one, "READY=1" or the like (sd_notify(3)).
 void notify_manager(const char* state);

@@ -5,10 +5,11 @@
 namespace quill {
 namespace {
 
-constexpr size_t kPart = 256;
+constexpr size_t kPartSize = 256;
 
+// Returns false if the part does not fit its buffer of kPartSize bytes.
 bool copy_part(char* part, const char* from, size_t length) {
-    if (length >= kPart) return false;
+    if (length >= kPartSize) return false;
     memcpy(part, from, length);
     part[length] = '\0';
     return true;

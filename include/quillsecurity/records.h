@@ -1,8 +1,8 @@
-/* The records that cross between a client and the daemon, and the codes that go with them.
+/* The records of requests between clients and the daemon, their request types and codes.
  *
- * Every record is sent as raw bytes. Of its words only those that security_conf_cmi_byteorder_convert()
- * lists for the request type travel big-endian; all others cross in host order. Sizes and offsets are the
- * same on every target and are pinned below each record. Text fields are NUL-terminated inside their field.
+ * A record is sent as raw bytes. Words that security_conf_cmi_byteorder_convert() lists for the request type
+ * are sent big-endian, all others in host order. Sizes and offsets are the same on every target and are
+ * asserted below each record. Texts are NUL-terminated within their field.
  */
 #ifndef QUILLSECURITY_RECORDS_H
 #define QUILLSECURITY_RECORDS_H
@@ -11,10 +11,10 @@
 #include <stddef.h>
 #include <stdint.h>
 
-/* What a request asks for. Handlers say what they do with any other code; most touch nothing and answer 0. */
+/* The operation of a request. Most handlers do nothing and return 0 for any other code. */
 enum security_operation {
     GET_REQ = 1,     /* read the record whose key is given */
-    GETNEXT_REQ = 2, /* read the first record whose key follows the one given; an empty name or 0 starts */
+    GETNEXT_REQ = 2, /* read the first record after the given key; start with an empty name or 0 */
     SET_REQ = 3,     /* create or replace the record */
     DEL_REQ = 4      /* delete the record */
 };
@@ -27,23 +27,26 @@ enum security_request_type {
     SECURITY_USER_REQUEST = 165,             /* security_user */
     SECURITY_SSHKEY_FILE_REQUEST = 170,      /* ssh_key_rec or ssh_key_new_rec */
     SECURITY_BANNER_REQUEST = 171,           /* the banner's delimiter, one byte */
-    SECURITY_RESULT_REQUEST = 2215,          /* post of a self-test result */
+    SECURITY_RESULT_REQUEST = 2215,          /* security_self_test_results: results of the self-tests */
     SECURITY_ROLES_REQUEST = 5155,           /* role list of a user, to read it */
     SECURITY_USER_LOOKUP_REQUEST = 5156,     /* user look-up */
     SECURITY_SSHKEY_REQUEST = 5157,          /* ssh_key_cmd_rec */
-    SECURITY_SSHKEY_TRANSFER_REQUEST = 5158, /* ssh_key_cmd_rec, import and export; never converted */
+    SECURITY_SSHKEY_TRANSFER_REQUEST = 5158, /* ssh_key_cmd_rec, import and export; never byte-swapped */
     SECURITY_PRIV_INFO_REQUEST = 5159,       /* security_priv_info */
     SECURITY_LOCALE_ASSIGN_REQUEST = 5161,   /* locale list of a user */
     SECURITY_NGINX_PORT_REQUEST = 283649,    /* nginx_port_rec, one-way */
-    SECURITY_NGINX_CERT_REQUEST = 283650     /* nginx_cert_rec, one-way */
+    SECURITY_NGINX_CERT_REQUEST = 283650,    /* nginx_cert_rec, one-way */
+
+    /* From 0x51000000 on: requests that only the programs of this system use. */
+    SECURITY_ORPHANS_REQUEST = 0x51000001 /* security_orphans: delete records of users without an account */
 };
 
 /* How a secret is encoded. */
 enum security_encryption {
-    SECURITY_ENCRYPTION_CLEAR = 0,    /* as it is */
+    SECURITY_ENCRYPTION_CLEAR = 0,    /* clear text */
     SECURITY_ENCRYPTION_HASH = 1,     /* salted hash string; one-way */
     SECURITY_ENCRYPTION_CIPHER = 7,   /* reversible cipher */
-    SECURITY_ENCRYPTION_TO_HASH = 100 /* clear text that the handler of a privilege level hashes */
+    SECURITY_ENCRYPTION_TO_HASH = 100 /* clear text, to be hashed by the handler of privilege levels */
 };
 
 /* The password of a user and how it is encoded. */
@@ -71,9 +74,9 @@ typedef struct security_priv_info {
     int32_t priv_lvl;        /* the key; never stored in the value */
     int32_t encryption_type; /* enum security_encryption */
     char secret[1024];
-    int32_t secret_len;    /* meaningful bytes of secret */
+    int32_t secret_len;    /* bytes of the secret, without a terminator */
     uint32_t shadow_style; /* nonzero: secret holds a salted hash string */
-    char salt[64];         /* empty where the salt is part of the hash string */
+    char salt[64];         /* empty if the salt is part of the hash string */
     int32_t salt_len;
 } security_priv_info;
 static_assert(sizeof(security_priv_info) == 1108, "layout");
@@ -84,7 +87,7 @@ static_assert(offsetof(security_priv_info, shadow_style) == 1036, "layout");
 static_assert(offsetof(security_priv_info, salt) == 1040, "layout");
 static_assert(offsetof(security_priv_info, salt_len) == 1104, "layout");
 
-/* The roles of a user; entries past the count carry no meaning. */
+/* The roles of a user. Names past the count are ignored. */
 typedef struct security_user_roles {
     char user_name[128];
     int32_t num_roles; /* 0 to 64 */
@@ -104,20 +107,20 @@ static_assert(sizeof(security_user_locales) == 4292, "layout");
 static_assert(offsetof(security_user_locales, num_locales) == 128, "layout");
 static_assert(offsetof(security_user_locales, locales) == 132, "layout");
 
-/* An account to create, change or delete. The reply says in words why that failed. */
+/* An account to create, change or delete. The reply of a failed request has the text of the failure. */
 typedef struct security_user_manage {
     char unused[8];
     char user_name[128];
-    char password[128]; /* in stored form, shadow(5); empty: it stays as it is, a new account has none */
+    char password[128]; /* as in shadow(5); empty: unchanged, or none for a new account */
     char unused_too[4];
-    char role[64];      /* the first of the roles again, cut */
-    int32_t num_roles;  /* 0 to 64: what the account is given to start with */
-    char roles[64][65]; /* entries past the count carry no meaning */
+    char role[64];      /* the first of the roles, cut */
+    int32_t num_roles;  /* 0 to 64: roles of a new account */
+    char roles[64][65]; /* names past the count are ignored */
     char unused_more[4228];
     char expiry[40];     /* "%d-%d-%d" of year, month and day, or empty */
-    int32_t return_code; /* of a reply: the exit status of what failed */
-    char output[4096];   /* of a reply */
-    char error[4096];    /* of a reply: what the failing tool printed, beginning with its name */
+    int32_t return_code; /* reply: exit status of the program that failed */
+    char output[4096];   /* reply */
+    char error[4096];    /* reply: error output of the program that failed, beginning with its name */
 } security_user_manage;
 static_assert(sizeof(security_user_manage) == 16960, "layout");
 static_assert(offsetof(security_user_manage, user_name) == 8, "layout");
@@ -129,17 +132,23 @@ static_assert(offsetof(security_user_manage, expiry) == 8724, "layout");
 static_assert(offsetof(security_user_manage, return_code) == 8764, "layout");
 static_assert(offsetof(security_user_manage, error) == 12864, "layout");
 
-/* A new password for an account, in clear. The reply says in words why it was refused. */
+/* A new password for an account, as clear text. The reply of a failed request has the text of the failure. */
 typedef struct security_passwd {
     char user_name[128];
     char password[128];
     char unused[4];
-    char output[4096]; /* of a reply */
-    char error[4096];  /* of a reply, beginning with "passwd:" */
+    char output[4096]; /* reply */
+    char error[4096];  /* reply: beginning with "passwd:" */
 } security_passwd;
 static_assert(sizeof(security_passwd) == 8452, "layout");
 static_assert(offsetof(security_passwd, output) == 260, "layout");
 static_assert(offsetof(security_passwd, error) == 4356, "layout");
+
+/* Request to delete, with DEL_REQ, the records of users who have no account in the daemon's context. */
+typedef struct security_orphans {
+    uint32_t dropped; /* reply: number of records deleted, in host order */
+} security_orphans;
+static_assert(sizeof(security_orphans) == 4, "layout");
 
 /* The SSH key of a user as one line of OpenSSH text. */
 typedef struct ssh_key_rec {
@@ -149,23 +158,23 @@ typedef struct ssh_key_rec {
 static_assert(sizeof(ssh_key_rec) == 2328, "layout");
 static_assert(offsetof(ssh_key_rec, key_text) == 128, "layout");
 
-/* The SSH key of a user as it was read from a file of another format. */
+/* The SSH key of a user as the text of a key file in another format. */
 typedef struct ssh_key_new_rec {
     char user_name[128];
     char key_text[8192];
-    uint8_t key_format;
+    uint8_t key_format; /* enum security_sshkey_format */
 } ssh_key_new_rec;
 static_assert(sizeof(ssh_key_new_rec) == 8321, "layout");
 static_assert(offsetof(ssh_key_new_rec, key_text) == 128, "layout");
 static_assert(offsetof(ssh_key_new_rec, key_format) == 8320, "layout");
 
-/* A command about a user's own key pair. */
+/* A command about a user's own key pair, see cmi_user_sshkey_config(). */
 typedef struct ssh_key_cmd_rec {
-    uint32_t kind;
-    uint32_t value;
+    uint32_t kind;  /* enum security_key_pair_command */
+    uint32_t value; /* size of the key in bits */
     char user_name[128];
-    char first_text[128];
-    char second_text[256];
+    char first_text[128];  /* import and export: passphrase */
+    char second_text[256]; /* import and export: path of the file */
     char rest[5200];
 } ssh_key_cmd_rec;
 static_assert(sizeof(ssh_key_cmd_rec) == 5720, "layout");
@@ -175,20 +184,20 @@ static_assert(offsetof(ssh_key_cmd_rec, first_text) == 136, "layout");
 static_assert(offsetof(ssh_key_cmd_rec, second_text) == 264, "layout");
 static_assert(offsetof(ssh_key_cmd_rec, rest) == 520, "layout");
 
-/* Which of the web server's texts is which: as the daemon of this system has it. */
+/* Items of an nginx_cert_rec, as the daemon of this system uses them. */
 enum security_web_item { SECURITY_WEB_CERTIFICATE = 0, SECURITY_WEB_KEY = 1 };
 
-/* The web server's certificate or its key, as PEM text. */
+/* The certificate or the key of the web server, as PEM text. */
 typedef struct nginx_cert_rec {
     uint32_t item; /* 0 selects one of the two, anything else the other: enum security_web_item */
     char text[2100];
-    uint32_t enable; /* 1: use what is stored; item and text do not count then */
+    uint32_t enable; /* 1: use the stored certificate and key; item and text are then ignored */
 } nginx_cert_rec;
 static_assert(sizeof(nginx_cert_rec) == 2108, "layout");
 static_assert(offsetof(nginx_cert_rec, text) == 4, "layout");
 static_assert(offsetof(nginx_cert_rec, enable) == 2104, "layout");
 
-/* The web server's ports and its switch, all big-endian: see cmi_security_nginx_configure(). */
+/* The ports of the web server and its switch, all big-endian: see cmi_security_nginx_configure(). */
 typedef struct nginx_port_rec {
     uint32_t word[3];
 } nginx_port_rec;

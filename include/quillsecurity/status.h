@@ -1,14 +1,13 @@
-/* Statuses: what every operation of the library answers.
+/* Statuses: the results of the library's functions.
  *
- * A status is an unsigned 32-bit word, 0 for success. The upper half names the family:
- *   0x4048xxxx  the persistent store; passed on as it is unless a row below says otherwise
+ * A status is an unsigned 32-bit word, 0 for success. The upper half is the origin:
+ *   0x4048xxxx  the persistent store; returned unchanged unless a function says otherwise
  *   0x404axxxx  the library and the daemon
  *   0x804axxxx  the request could not be delivered: SECURITY_ERR_TRANSPORT with the low 12 bits of errno
- * A request that the channel itself could not deliver may also come back as the channel's own negative
- * result (0xffffffff), with the reason in errno; each client function says which of the two it gives.
+ * Some client functions return the channel's own negative result (0xffffffff), with the reason in errno, for
+ * a request that could not be delivered. Each function says which of the two it returns.
  *
- * The list is kept once, as rows of name, value and text; the constants below and the texts of
- * syserr2str() are made from it.
+ * The constants below and the texts of syserr2str() are generated from this list of name, value and text.
  */
 #ifndef QUILLSECURITY_STATUS_H
 #define QUILLSECURITY_STATUS_H
@@ -46,7 +45,7 @@
     X(SECURITY_ERR_TOO_MANY_LOCALES, 0x404a004a, "the user already holds 64 locales")                       \
     X(SECURITY_ERR_UNKNOWN_LOCALE, 0x404a004b, "there is no locale of this name")                           \
     X(SECURITY_ERR_LOCALE_NOT_HELD, 0x404a004c, "the user does not hold this locale")                       \
-    /* What the daemon answers to a request that no handler gets to see. */                                 \
+    /* Statuses of requests that the daemon refuses before a handler is called. */                          \
     X(SECURITY_ERR_REQUEST_FRAME, 0x404a0101, "the request is not one of this system")                      \
     X(SECURITY_ERR_REQUEST_TYPE, 0x404a0102, "the daemon does not serve requests of this type")             \
     X(SECURITY_ERR_REQUEST_SIZE, 0x404a0103, "the record's length is not that of its request type")         \
@@ -54,15 +53,19 @@
     X(SECURITY_ERR_REQUEST_COUNT, 0x404a0105, "a count of the request is out of range")                     \
     X(SECURITY_ERR_NOT_PERMITTED, 0x404a0106, "the caller is not permitted to do this")                     \
     X(SECURITY_ERR_BUSY, 0x404a0107, "the daemon has too many clients")                                     \
-    /* About accounts, in which a failing request leaves everything as it was. */                           \
+    X(SECURITY_ERR_CHANGED, 0x404a0108, "the list was changed by another since it was read")                \
+    X(SECURITY_ERR_CONTEXT, 0x404a0109, "the daemon serves another virtual device context")                 \
+    /* Statuses of accounts. A request that fails changes nothing. */                                       \
     X(SECURITY_ERR_USER_NAME, 0x404a0110, "this name is none of an ordinary user")                          \
     X(SECURITY_ERR_PASSWORD_TEXT, 0x404a0111, "the password holds characters that cannot be stored")        \
     X(SECURITY_ERR_ACCOUNT_TOOL, 0x404a0112, "the system's program for accounts failed")                    \
     X(SECURITY_ERR_ACCOUNT_REPAIR, 0x404a0113, "an interrupted change of an account is not repaired")       \
+    X(SECURITY_ERR_OTHER_HOME, 0x404a0114, "the account has another home than the daemon gives")            \
+    X(SECURITY_ERR_ACCOUNTS_IN_USE, 0x404a0115, "another program is changing the account files")            \
     X(SECURITY_ERR_NOT_SUPPORTED, 0x404a0120, "this is not supported")                                      \
     X(SECURITY_ERR_KEY_PAIR, 0x404a0121, "making, reading or writing the key pair failed")                  \
     X(SECURITY_ERR_KEY_PAIR_EXISTS, 0x404a0122, "the user has a key pair of this type already")             \
-    /* What it answers about the web server, whose old settings stay then. */                               \
+    /* Statuses of the web server, which then keeps its old settings. */                                    \
     X(SECURITY_ERR_WEB_CERTIFICATE, 0x404a0130, "the text is not a certificate in PEM form")                \
     X(SECURITY_ERR_WEB_KEY, 0x404a0131, "the text is not a key in PEM form without a passphrase")           \
     X(SECURITY_ERR_WEB_MISMATCH, 0x404a0132, "the key does not belong to the certificate")                  \
@@ -81,7 +84,7 @@ enum security_status { SECURITY_STATUS_LIST(SECURITY_STATUS_ROW) };
 #endif
 #undef SECURITY_STATUS_ROW
 
-/* Built with `SECURITY_ERR_TRANSPORT | (errno & 0xfff)`; a macro because it exceeds a C int. */
+/* Combined with errno: `SECURITY_ERR_TRANSPORT | (errno & 0xfff)`. A macro, since it does not fit an int. */
 #define SECURITY_ERR_TRANSPORT 0x804a0000u
 
 #endif

@@ -2,7 +2,10 @@
 //
 // One connection a process, made when it is first needed and again when it turns out to be gone. A message is
 // sent again only when it certainly never reached the daemon; a request that was delivered and not answered
-// is reported, since it may have been done.
+// is reported, since it may have been done. A user's list that was read on a connection that is gone since,
+// in order to change it, is not stored on another: the daemon, which compares the two, knows nothing of the
+// read there, and the change of somebody else in between would be lost. That is errno ESTALE, until the list
+// is read again.
 #include <sched.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -16,10 +19,14 @@
 #include <cstring>
 #include <mutex>
 #include <new>
+#include <string_view>
 #include <utility>
 
+#include "base/context_name.h"
+#include "base/last_reads.h"
 #include "platform/channel/frame.h"
 #include "quillplatform/shell.h"
+#include "quillplatform/sysmgr.h"
 #include "quillsecurity/status.h"
 
 uint32_t security_cmi_timeout = 60;
@@ -51,8 +58,8 @@ class Deadline {
     Clock::time_point at_;
 };
 
-// Whether the reply is looked for before it is slept for: waking up costs more than most requests, but a
-// processor that looks does nothing else. Worth it where the last reply came soon and this process may use
+// Whether to poll for the reply before blocking: waking up costs more than most requests, but polling occupies a
+// processor. Worth it where the last reply came soon and this process may use
 // more than one processor, so that the daemon has another, most likely.
 class ShortLook {
  public:
@@ -84,14 +91,21 @@ class Connection {
     // The socket, connected; -1 with errno set.
     int get(const Deadline& deadline);
     int socket() const { return socket_; }
+    uint64_t number() const { return number_; }  // how many connections were made, with this one
     void drop();
     // Bounds the socket's calls by the time that is left, whenever that differs from the last bound.
     bool bound(std::chrono::milliseconds time);
     bool inherited() const { return socket_ >= 0 && owner_ != getpid(); }
+    // Each context has a daemon of its own: a connection to another one's is given up.
+    void enter(uint32_t context) {
+        if (std::exchange(context_, context) != context) drop();
+    }
 
  private:
     int socket_ = -1;
+    uint64_t number_ = 0;
     pid_t owner_ = 0;
+    uint32_t context_ = 0;
     std::chrono::milliseconds bound_{};
 };
 
@@ -101,6 +115,9 @@ ShortLook look;
 Frame<RequestHead> request;
 Frame<ReplyHead> answer;
 size_t answered;  // bytes of it that were received
+
+// By the number of the connection. Never destroyed: other threads may make requests while the process exits.
+LastReads<uint64_t>& list_reads = *new LastReads<uint64_t>;
 
 void Connection::drop() {
     const int kept_errno = errno;
@@ -134,6 +151,7 @@ int Connection::get(const Deadline& deadline) {
     while (bound(deadline.left())) {
         if (connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
             look.count_processors();
+            ++number_;
             return socket_;
         }
         if (errno == EINTR && !deadline.passed()) continue;
@@ -152,11 +170,36 @@ bool reply_waits(int socket) {
     return recv(socket, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT) > 0;
 }
 
+// The user in the first field of the record that is sent, by the plain name.
+std::string listed_user() {
+    const auto* field = reinterpret_cast<const char*>(request.record);
+    std::string user(
+        field, strnlen(field, std::min<size_t>(request.head.length, sizeof security_user_roles::user_name)));
+    const bool qualified = request.head.context != static_cast<uint32_t>(kDefaultContext) &&
+                           has_context_suffix(user.c_str()) &&
+                           static_cast<uint32_t>(context_of(user.c_str())) == request.head.context;
+    if (qualified) user.resize(user.size() - kContextSuffix);
+    return user;
+}
+
+// Whether the request stores a list that was read on an earlier connection, or it is not known that it was
+// not.
+bool is_stale() {
+    const uint32_t type = request.head.request_type;
+    if (request.head.operation != SET_REQ || !carries_list(type)) return false;
+    const uint64_t* read_on = list_reads.find(type, listed_user());
+    return read_on != nullptr ? *read_on != connection.number() : list_reads.forgot();
+}
+
 // Sends the request, on a new connection where the old one has lost its daemon. False with errno set.
 bool send_request(const Deadline& deadline) {
     for (bool fresh = false;;) {
         const int socket = connection.get(deadline);
         if (socket < 0 || !connection.bound(deadline.left())) return false;
+        if (is_stale()) {
+            errno = ESTALE;
+            return false;
+        }
         if (send(socket, &request, sizeof request.head + request.head.length, MSG_NOSIGNAL) >= 0) return true;
         if (errno == EINTR && !deadline.passed()) continue;
         if (errno == EAGAIN || errno == EINTR) errno = ETIMEDOUT;
@@ -207,11 +250,13 @@ bool receive_reply(const Deadline& deadline) {
     return false;
 }
 
-void write_request(int32_t request_type, uint32_t operation, const void* record, uint32_t length) {
+void write_request(uint32_t context, int32_t request_type, uint32_t operation, const void* record,
+                   uint32_t length) {
     RequestHead& head = request.head;
     head.request_type = static_cast<uint32_t>(request_type);
     head.operation = operation;
     head.session = security_cmi_session_id;
+    head.context = context;
     head.length = length;
     const char* user_name = security_cmi_username != nullptr ? security_cmi_username : "";
     const size_t name_length = strnlen(user_name, sizeof head.user_name - 1);
@@ -225,11 +270,16 @@ int32_t exchange(int32_t request_type, uint32_t operation, const void* record, u
         errno = EMSGSIZE;
         return -1;
     }
-    write_request(request_type, operation, record, length);
+    const int32_t context = sysmgrcmn_vdc_id_get();
+    if (context < 1) throw std::bad_alloc();  // over the platform's configuration
+    connection.enter(static_cast<uint32_t>(context));
+    write_request(static_cast<uint32_t>(context), request_type, operation, record, length);
     const Deadline deadline;
     if (!send_request(deadline) || !receive_reply(deadline)) return -1;
     const uint32_t status = answer.head.status;
     if (status == SECURITY_ERR_BUSY) connection.drop();  // the daemon does so, but perhaps not yet
+    if (status == SECURITY_OK && reads_to_change(request.head.request_type, request.head.operation))
+        list_reads.remember(request.head.request_type, listed_user(), connection.number());
     if (status <= INT32_MAX) return static_cast<int32_t>(status);
     errno = EPROTO;  // no status of a daemon: it would pass for a failure of the channel
     return -1;

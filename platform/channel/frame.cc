@@ -4,17 +4,11 @@
 #include <sys/un.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
-#include "platform/service.h"
+#include "platform/folders.h"
 
 namespace quill {
-
-std::string runtime_directory() {
-    const char* path = getenv("QUILL_RUNTIME_DIR");
-    return path != nullptr && *path != '\0' ? path : "/run/quillsecurity";
-}
 
 bool socket_address(sockaddr_un& address, const char* name) {
     const std::string path = runtime_directory() + "/" + name;

@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "common/byte_order.h"
+#include "base/byte_order.h"
 #include "quillplatform/shell.h"
 
 struct sockaddr_un;
@@ -27,7 +27,7 @@ class Be32 {
 };
 
 constexpr uint32_t kFrameMagic = 0x51534543;  // "QSEC"
-constexpr uint32_t kFrameVersion = 1;
+constexpr uint32_t kFrameVersion = 2;
 
 struct RequestHead {
     Be32 magic{kFrameMagic};
@@ -35,10 +35,11 @@ struct RequestHead {
     Be32 request_type;
     Be32 operation;
     Be32 session;
+    Be32 context;         // the virtual device context that the client runs in
     Be32 length;          // bytes of the record that follows
     char user_name[128];  // whom the client says it acts for; NUL-terminated
 };
-static_assert(sizeof(RequestHead) == 152);
+static_assert(sizeof(RequestHead) == 156);
 
 struct ReplyHead {
     Be32 magic{kFrameMagic};
@@ -62,7 +63,7 @@ bool well_formed(const Head& head, size_t received) {
            head.length == received - sizeof(Head);
 }
 
-// The sockets of the daemon in the runtime folder.
+// The sockets of a context's daemon in its runtime folder, platform/folders.h.
 constexpr char kRequestSocket[] = "quillsecurityd.sock";
 constexpr char kAnnouncementSocket[] = "quillsecurityd.mts";
 

@@ -1,6 +1,5 @@
 #include "platform/channel/server.h"
 
-#include <event2/event.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -13,12 +12,12 @@
 #include <csignal>
 #include <cstddef>
 #include <cstring>
-#include <ctime>
 #include <list>
 #include <new>
-#include <vector>
 
+#include "platform/channel/closer.h"
 #include "platform/channel/frame.h"
+#include "platform/log.h"
 #include "platform/service.h"
 #include "quillplatform/pss.h"
 #include "quillsecurity/status.h"
@@ -29,61 +28,29 @@ namespace {
 constexpr int kBacklog = 128;
 constexpr size_t kMaxClients = 900;
 constexpr size_t kKeptForAdministrators = 100;
-constexpr ptrdiff_t kMaxOfOneUser = 100;
+constexpr size_t kKeptForRoot = 20;
+constexpr size_t kMaxOfOneUser = 100;
 constexpr size_t kOwnFiles = 64;  // descriptors that the daemon may need beside its clients'
 constexpr timeval kSettleDelay{0, 500000};
 constexpr timeval kAcceptPause{0, 100000};
+constexpr timeval kLogPause{0, 100000};
+constexpr timeval kFirstRequestTime{10, 0};
 
-struct EventFree {
-    void operator()(event* event) const { event_free(event); }
-};
-using Event = std::unique_ptr<event, EventFree>;
-
-bool in_group(int socket, gid_t group) {
-    std::vector<gid_t> groups(32);
-    auto size = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
-    if (getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &size) != 0) {
-        if (errno != ERANGE) return false;
-        groups.resize(size / sizeof(gid_t));  // the kernel has said how many there are
-        if (getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &size) != 0) return false;
-    }
-    groups.resize(size / sizeof(gid_t));
-    return std::find(groups.begin(), groups.end(), group) != groups.end();
-}
-
-bool is_refusal(uint32_t status) {
-    return status >= SECURITY_ERR_REQUEST_FRAME && status <= SECURITY_ERR_NOT_PERMITTED;
-}
-
-// How many clients may be served beside those of administrators.
-size_t count_places() {
+Places::Limits limits() {
     rlimit files{};
     getrlimit(RLIMIT_NOFILE, &files);
     const rlim_t taken = kOwnFiles + kKeptForAdministrators;
-    if (files.rlim_cur <= taken) return 0;
-    return static_cast<size_t>(std::min<rlim_t>(files.rlim_cur - taken, kMaxClients));
+    const rlim_t left = files.rlim_cur <= taken ? 0 : files.rlim_cur - taken;
+    return {static_cast<size_t>(std::min<rlim_t>(left, kMaxClients)) + kKeptForAdministrators,
+            kKeptForAdministrators, kKeptForRoot, kMaxOfOneUser};
 }
 
-// What clients cause is logged so many lines a second at the most: whoever sends rubbish must not fill the
-// log.
-class ClientLog {
- public:
-    // Whether one more line may be written now.
-    bool has_room() {
-        const time_t now = time(nullptr);
-        if (now != second_) {
-            if (lines_ > kLines) syslog(LOG_WARNING, "%u more refusals", lines_ - kLines);
-            second_ = now;
-            lines_ = 0;
-        }
-        return ++lines_ <= kLines;
-    }
-
- private:
-    static constexpr uint32_t kLines = 20;
-    time_t second_ = 0;
-    uint32_t lines_ = 0;
-};
+sigset_t own_signals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int number : {SIGTERM, SIGINT, SIGUSR1}) sigaddset(&signals, number);
+    return signals;
+}
 
 // What a client says of itself, as it may stand in a line of the log.
 std::string user_name(const RequestHead& head) {
@@ -96,19 +63,9 @@ bool same_file(const struct stat& one, const struct stat& other) {
 
 }  // namespace
 
-Peer identify(int socket, gid_t administrators) {
-    ucred credentials{};
-    socklen_t size = sizeof credentials;
-    if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0 || size != sizeof credentials)
-        return {};
-    const bool member =
-        administrators != 0 && (credentials.gid == administrators || in_group(socket, administrators));
-    return {true, credentials.uid == 0 || member, credentials.uid, credentials.pid};
-}
-
-// What is received, and sent back from around the same record.
+// The buffer of a request; the reply is sent from it too, with the same record.
 struct Message {
-    alignas(16) char unused[8]{};  // so that the record stands where any type may
+    alignas(16) char unused[4]{};  // so that the record stands where any type may
     RequestHead head{};
     unsigned char record[SECURITY_CMI_MAX_RECORD]{};
 };
@@ -119,13 +76,16 @@ struct Server::Loop {
         Loop& loop;
         int socket = -1;
         Peer peer{};
+        ConnectionState state{};
+        Places::Place place{};
+        bool has_spoken = false;
         Event readable{};
         std::list<Client>::iterator self{};
 
         explicit Client(Loop& owner) : loop(owner) {}
         ~Client() {
             readable.reset();
-            if (socket >= 0) close(socket);
+            if (socket >= 0) loop.closer.close(socket);
         }
         Client(const Client&) = delete;
         Client& operator=(const Client&) = delete;
@@ -136,10 +96,10 @@ struct Server::Loop {
     int listener = -1;
     std::string path;
     struct stat bound {};  // the file that listen() made there
-    Event acceptable, resume, settle, terminate, interrupt, dump;
+    Event acceptable, resume, settle, log_work, terminate, interrupt, dump;
+    Closer closer{base.get()};
+    Places places{limits()};
     std::list<Client> clients;
-    const size_t places = count_places();
-    ClientLog log;
     Message message;
 
     explicit Loop(Settings given) : settings(std::move(given)) {}
@@ -148,11 +108,12 @@ struct Server::Loop {
     Loop& operator=(const Loop&) = delete;
 
     void watch_signals();
+    void watch_log();
     bool admit_client();
     void accept_client();
-    bool has_room_for(const Peer& peer) const;
+    static void on_client(evutil_socket_t socket, short what, void* client);
     bool serve(Client& client);
-    Answer answer(const Peer& peer, size_t size);
+    Answer answer(Client& client, size_t size);
     void log_refusal(const Peer& peer, size_t size, uint32_t status);
     bool reply(int socket, const Answer& answer);
     void settle_soon();
@@ -163,28 +124,24 @@ struct Server::Loop {
         try {
             return call();
         } catch (const std::exception& failure) {
-            if (log.has_room()) syslog(LOG_ERR, "serving failed: %s", failure.what());
+            if (client_log().has_room(0, true)) syslog(LOG_ERR, "serving failed: %s", failure.what());
             explicit_bzero(&message, sizeof message);
             return false;
         }
     }
 
-    static void add(const Event& event) {
-        if (event_add(event.get(), nullptr) != 0) throw std::bad_alloc();
-    }
-
     Event make(evutil_socket_t descriptor, short what, event_callback_fn callback, void* argument) {
-        Event made(event_new(base.get(), descriptor, what, callback, argument));
-        if (made == nullptr) throw std::bad_alloc();
-        return made;
+        return make_event(base.get(), descriptor, what, callback, argument);
     }
 };
 
 Server::Loop::~Loop() {
     clients.clear();
-    for (Event* held : {&acceptable, &resume, &settle, &terminate, &interrupt, &dump}) held->reset();
+    on_log_work({});
+    for (Event* held : {&acceptable, &resume, &settle, &log_work, &terminate, &interrupt, &dump})
+        held->reset();
     if (listener < 0) return;
-    close(listener);
+    closer.close(listener);
     // Its successor may have taken the name over.
     struct stat named;
     if (lstat(path.c_str(), &named) == 0 && same_file(named, bound)) unlink(path.c_str());
@@ -206,48 +163,58 @@ void Server::Loop::watch_signals() {
             });
         },
         this);
-    for (const Event* signal : {&terminate, &interrupt, &dump}) add(*signal);
+    for (const Event* signal : {&terminate, &interrupt, &dump}) add_event(*signal);
+    const sigset_t held = own_signals();
+    sigprocmask(SIG_UNBLOCK, &held, nullptr);
 }
 
-// The last places are kept for those who may repair things, and nobody else has all of the others.
-bool Server::Loop::has_room_for(const Peer& peer) const {
-    if (peer.administrator) return clients.size() < places + kKeptForAdministrators;
-    const auto same_user = [&](const Client& c) { return !c.peer.administrator && c.peer.uid == peer.uid; };
-    return clients.size() < places && std::ranges::count_if(clients, same_user) < kMaxOfOneUser;
+void Server::Loop::watch_log() {
+    log_work = make(
+        -1, 0,
+        [](evutil_socket_t, short, void* argument) {
+            if (!tend_log()) event_add(static_cast<Loop*>(argument)->log_work.get(), &kLogPause);
+        },
+        this);
+    on_log_work([this] {
+        if (event_pending(log_work.get(), EV_TIMEOUT, nullptr) == 0) event_add(log_work.get(), &kLogPause);
+    });
 }
 
 // False where nobody can be let in just now.
 bool Server::Loop::admit_client() {
+    if (closer.is_full()) return false;
     std::list<Client> arrived;
     Client& client = arrived.emplace_front(*this);
     client.self = arrived.begin();
     client.socket = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (client.socket < 0) {
         if (errno != EMFILE && errno != ENFILE && errno != ENOBUFS && errno != ENOMEM) return true;
-        if (log.has_room()) syslog(LOG_ERR, "a client cannot be accepted: %m");
+        if (client_log().has_room(0, true)) syslog(LOG_ERR, "a client cannot be accepted: %m");
         return false;
     }
     client.peer = identify(client.socket, settings.administrators);
-    if (!client.peer.known && log.has_room())
+    const auto& [known, administrator, uid, pid] = client.peer;
+    if (!known && client_log().has_room(uid))
         syslog(LOG_ERR, "a client's credentials cannot be had: %m; its requests are refused");
-    if (!has_room_for(client.peer)) {
-        if (log.has_room())
-            syslog(LOG_WARNING, "too many clients; one of uid %u, pid %d is turned away", client.peer.uid,
-                   client.peer.pid);
+    client.place = places.take(client.peer);
+    if (!client.place) {
+        if (client_log().has_room(uid))
+            syslog(LOG_WARNING, "too many clients; one of uid %u, pid %d is turned away", uid, pid);
         reply(client.socket, {SECURITY_ERR_BUSY, 0, false});
         return true;
     }
-    client.readable = make(
-        client.socket, EV_READ | EV_PERSIST,
-        [](evutil_socket_t, short, void* argument) {
-            auto& readable = *static_cast<Client*>(argument);
-            Loop& loop = readable.loop;
-            if (!loop.guarded([&] { return loop.serve(readable); })) loop.clients.erase(readable.self);
-        },
-        &client);
-    add(client.readable);
+    client.readable = make(client.socket, EV_READ | EV_PERSIST, on_client, &client);
+    event_base_update_cache_time(base.get());  // a request may have taken long
+    add_event(client.readable, &kFirstRequestTime);
     clients.splice(clients.begin(), arrived);
     return true;
+}
+
+void Server::Loop::on_client(evutil_socket_t, short what, void* argument) {
+    auto& client = *static_cast<Client*>(argument);
+    Loop& loop = client.loop;
+    const bool readable = (what & EV_READ) != 0;  // else its time for the first request is up
+    if (!readable || !loop.guarded([&] { return loop.serve(client); })) loop.clients.erase(client.self);
 }
 
 void Server::Loop::accept_client() {
@@ -256,13 +223,16 @@ void Server::Loop::accept_client() {
     if (event_add(resume.get(), &kAcceptPause) == 0) event_del(acceptable.get());
 }
 
-Answer Server::Loop::answer(const Peer& peer, size_t size) {
+Answer Server::Loop::answer(Client& client, size_t size) {
     RequestHead& head = message.head;
-    if (!well_formed(head, size) || memchr(head.user_name, '\0', sizeof head.user_name) == nullptr)
+    if (!well_formed(head, size)) return {SECURITY_ERR_REQUEST_FRAME, 0, false};
+    // Checked before anything else: the names in a request of another context are those of other users.
+    if (head.context != settings.context) return {SECURITY_ERR_CONTEXT, 0, false};
+    if (memchr(head.user_name, '\0', sizeof head.user_name) == nullptr)
         return {SECURITY_ERR_REQUEST_FRAME, 0, false};
     Request request{head.request_type, head.operation, head.session,
                     head.user_name,    message.record, head.length};
-    return settings.answer(peer, request);
+    return settings.answer(client.peer, client.state, request);
 }
 
 void Server::Loop::log_refusal(const Peer& peer, size_t size, uint32_t status) {
@@ -292,14 +262,23 @@ void Server::Loop::settle_soon() {
 // One request of a client; false when the client is done.
 bool Server::Loop::serve(Client& client) {
     constexpr size_t kRoom = sizeof message.head + sizeof message.record;
-    const ssize_t received = recv(client.socket, &message.head, kRoom, MSG_DONTWAIT | MSG_TRUNC);
+    const ssize_t received = closer.receive(client.socket, &message.head, kRoom);
+    if (received < 0 && errno == EBADMSG) {
+        if (client_log().has_room(client.peer.uid))
+            syslog(LOG_WARNING, "uid %u, pid %d passes files, which nobody takes", client.peer.uid,
+                   client.peer.pid);
+        return false;
+    }
     if (received < 0) return errno == EAGAIN || errno == EINTR;
     if (received == 0) return false;  // or a message of no bytes, which looks the same
+    if (!client.has_spoken && event_remove_timer(client.readable.get()) != 0) return false;
+    client.has_spoken = true;
 
     const auto size = static_cast<size_t>(received);  // more than there is room for where it was cut
-    const Answer given =
-        size <= kRoom ? answer(client.peer, size) : Answer{SECURITY_ERR_REQUEST_FRAME, 0, false};
-    if (is_refusal(given.status) && log.has_room()) log_refusal(client.peer, size, given.status);
+    const Answer given = size <= kRoom ? answer(client, size) : Answer{SECURITY_ERR_REQUEST_FRAME, 0, false};
+    // What the answering function refused, it has logged.
+    const bool ours = given.status == SECURITY_ERR_REQUEST_FRAME || given.status == SECURITY_ERR_CONTEXT;
+    if (ours && client_log().has_room(client.peer.uid)) log_refusal(client.peer, size, given.status);
     const bool sent = reply(client.socket, given);
     // Records carry secrets.
     explicit_bzero(&message.head, std::min(kRoom, std::max(size, sizeof message.head + given.length)));
@@ -321,6 +300,7 @@ bool Server::listen() {
     if (unlink(address.sun_path) != 0 && errno != ENOENT) return false;
     loop.listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (loop.listener < 0) return false;
+    loop.closer.protect(loop.listener);
     // Everybody may ask; what each may do is decided by who they are.
     if (bind(loop.listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
         lstat(address.sun_path, &loop.bound) != 0 || chmod(address.sun_path, 0666) != 0 ||
@@ -345,13 +325,24 @@ bool Server::listen() {
             if (!settling.guarded(settling.settings.settle)) settling.settle_soon();
         },
         &loop);
-    Loop::add(loop.acceptable);
+    add_event(loop.acceptable);
+    loop.watch_log();
     loop.watch_signals();
     return true;
 }
 
 event_base* Server::loop() const { return loop_->base.get(); }
 
-void Server::run() { event_base_dispatch(loop_->base.get()); }
+bool Server::run() {
+    const bool served = event_base_dispatch(loop_->base.get()) >= 0;
+    if (!served) syslog(LOG_CRIT, "the event loop failed: %m");
+    hold_signals();
+    return served;
+}
+
+void Server::hold_signals() {
+    const sigset_t held = own_signals();
+    sigprocmask(SIG_BLOCK, &held, nullptr);
+}
 
 }  // namespace quill

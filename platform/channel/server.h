@@ -1,31 +1,32 @@
 // The daemon's end of the request channel: one loop over all clients, one request at a time.
 //
 // The loop knows frames and peers; what a request means is the business of the function that answers it. A
-// client that sends nothing, reads nothing or dies costs the others nothing: no call of the loop waits.
+// client that sends nothing, reads nothing or dies costs the others nothing: the loop never waits for a client,
+// not even for files that a client passes (platform/channel/closer.h). It does wait for requests that run other
+// programs, such as those about accounts.
+//
+// Up to 1000 clients are connected at a time, fewer where the limit of open files is low. Of these places 100
+// are for administrators, 20 of them for root, and no other uid has more than 100. Whoever finds no place is
+// told SECURITY_ERR_BUSY and hung up on. A client that sends nothing within 10 seconds loses its place; after
+// its first request it may be silent for as long as it likes.
 #pragma once
 
 #include <sys/types.h>
 
+#include <any>
 #include <cstdint>
 #include <functional>
 #include <memory>
 
+#include "platform/channel/peer.h"
 #include "quillplatform/shell.h"
 
 struct event_base;
 
 namespace quill {
 
-// Who is at the other end, by the kernel's word when the connection was made (unix(7), SO_PEERCRED).
-struct Peer {
-    bool known = false;          // false: the kernel would not say; nothing is permitted
-    bool administrator = false;  // root, or a member of the administrators' group
-    uid_t uid = 0;
-    pid_t pid = 0;
-};
-
-// Of a connected socket; `administrators` is a group, 0 for none.
-Peer identify(int socket, gid_t administrators);
+// What the answering function keeps about a connection: empty when the connection is made, gone with it.
+using ConnectionState = std::any;
 
 struct Request {
     uint32_t type;
@@ -46,9 +47,11 @@ class Server {
  public:
     struct Settings {
         gid_t administrators = 0;  // group; 0 for root alone
-        std::function<Answer(const Peer&, Request&)> answer;
+        // Logs what it refuses; it never returns SECURITY_ERR_REQUEST_FRAME, which the server logs.
+        std::function<Answer(const Peer&, ConnectionState&, Request&)> answer;
         std::function<bool()> settle;  // soon after a change; false to be called again
         std::function<void()> dump;    // on SIGUSR1
+        uint32_t context = 1;          // requests of any other one are refused: SECURITY_ERR_CONTEXT
     };
 
     explicit Server(Settings settings);
@@ -63,8 +66,11 @@ class Server {
     // What else is to be served beside the clients joins this loop.
     event_base* loop() const;
 
-    // Serves until SIGTERM or SIGINT.
-    void run();
+    // Serves until SIGTERM or SIGINT, and holds signals back again then.
+    bool run();
+
+    // Holds back SIGTERM, SIGINT and SIGUSR1, for the beginning of a process; they arrive after listen().
+    static void hold_signals();
 
  private:
     struct Loop;

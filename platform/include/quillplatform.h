@@ -1,8 +1,9 @@
-/* All that libquillsecurity imports from the platform, and what the reference platform adds for programs.
+/* All functions that libquillsecurity imports from the platform, and those that the reference platform adds
+ * for programs.
  *
- * A platform library defines the functions of these headers once. libquillplatform is the reference that
- * runs on any Linux box; a program may bring its own, or define single functions itself: its definitions
- * take precedence.
+ * A platform library defines the functions of these headers. libquillplatform is the reference
+ * implementation, for any Linux system, and is called "the reference" in these headers. A program may link
+ * another platform library or define single functions itself; its definitions take precedence.
  */
 #ifndef QUILLPLATFORM_H
 #define QUILLPLATFORM_H

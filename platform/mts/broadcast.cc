@@ -1,6 +1,5 @@
 #include "platform/mts/broadcast.h"
 
-#include <event2/event.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -18,14 +17,18 @@
 #include <string>
 #include <utility>
 
-#include "platform/channel/server.h"
+#include "platform/channel/closer.h"
+#include "platform/channel/peer.h"
+#include "platform/log.h"
 #include "platform/mts/message.h"
 
 namespace quill {
 namespace {
 
 constexpr size_t kKept = 8192;
-constexpr size_t kMaxListeners = 64;
+constexpr size_t kKeptBytes = 4UL * 1024 * 1024;
+constexpr Places::Limits kListeners{.all = 64, .for_administrators = 64, .for_root = 16, .for_one_user = 16};
+constexpr timeval kSubscriptionTime{10, 0};
 constexpr int kBacklog = 32;
 constexpr timeval kPause{0, 100000};  // before what failed for want of something is tried again
 
@@ -34,14 +37,12 @@ constexpr timeval kPause{0, 100000};  // before what failed for want of somethin
 constexpr int kSocketBuffer = 64 * 1024;
 static_assert(static_cast<size_t>(kSocketBuffer) > (MTS_MAX_PAYLOAD + 4096) / 2);
 
-struct EventFree {
-    void operator()(event* event) const { event_free(event); }
-};
-using Event = std::unique_ptr<event, EventFree>;
-
 struct Sent {
     uint32_t sap;
     MtsMessage message;
+
+    // What it takes in memory, with what the heap adds.
+    size_t bytes() const { return sizeof(Sent) + message.size() + 32; }
 };
 
 }  // namespace
@@ -50,6 +51,8 @@ struct Broadcast::Ring {
     struct Listener {
         Ring& ring;
         int socket = -1;
+        Peer peer{};
+        Places::Place place{};
         Event readable{}, writable{}, later{};
         bool subscribed = false;
         uint32_t sap = MTS_SAP_ALL;
@@ -63,7 +66,7 @@ struct Broadcast::Ring {
             readable.reset();
             writable.reset();
             later.reset();
-            if (socket >= 0) close(socket);
+            if (socket >= 0) ring.closer.close(socket);
         }
         Listener(const Listener&) = delete;
         Listener& operator=(const Listener&) = delete;
@@ -86,24 +89,28 @@ struct Broadcast::Ring {
 
     event_base* base;
     gid_t administrators;
+    uint32_t context;
     uint32_t handle = 0;
     int listener = -1;
     std::string path;
     Event acceptable, resume;
+    Closer closer;
+    Places places{kListeners};
     std::deque<Sent> kept;
+    size_t kept_bytes = 0;
     uint64_t first = 0;  // number of the oldest message that is kept; they are counted from 0
     std::list<Listener> listeners;
     std::map<uint32_t, std::function<void(const void*)>> services;
-    time_t logged_at = 0;
 
-    Ring(event_base* loop, gid_t group) : base(loop), administrators(group) {}
+    Ring(event_base* loop, gid_t group, uint32_t own_context)
+        : base(loop), administrators(group), context(own_context), closer(loop) {}
     ~Ring() {
         listeners.clear();
         acceptable.reset();
         resume.reset();
         quill_mts_close(handle);
         if (listener < 0) return;
-        close(listener);
+        closer.close(listener);
         unlink(path.c_str());
     }
     Ring(const Ring&) = delete;
@@ -111,25 +118,14 @@ struct Broadcast::Ring {
 
     bool admit_listener();
     void accept_listener();
-    int refusal(int socket);
+    int refusal(Listener& listener);
     void carry(uint32_t to_sap, const MtsMessage& message);
     void drop_oldest();
+    void pop_oldest();
     void forget();
 
     Event make(evutil_socket_t descriptor, short what, event_callback_fn callback, void* argument) const {
-        Event made(event_new(base, descriptor, what, callback, argument));
-        if (made == nullptr) throw std::bad_alloc();
-        return made;
-    }
-
-    static void add(const Event& event, const timeval* after = nullptr) {
-        if (event_add(event.get(), after) != 0) throw std::bad_alloc();
-    }
-
-    // Whether a line may go to the log: one a second, since whoever is refused must not fill it.
-    bool may_log() {
-        const time_t now = time(nullptr);
-        return std::exchange(logged_at, now) != now;
+        return make_event(base, descriptor, what, callback, argument);
     }
 
     // Nothing may be thrown through libevent, which is C.
@@ -138,7 +134,8 @@ struct Broadcast::Ring {
         try {
             return call();
         } catch (const std::exception& failure) {
-            if (may_log()) syslog(LOG_ERR, "serving a listener failed: %s", failure.what());
+            if (client_log().has_room(0, true))
+                syslog(LOG_ERR, "serving a listener failed: %s", failure.what());
             return false;
         }
     }
@@ -153,18 +150,24 @@ bool Broadcast::Ring::Listener::welcome(int error) {
 // The one thing a listener says. Anything after it, the end of the connection as well, is its end.
 bool Broadcast::Ring::Listener::subscribe() {
     MtsSubscription frame;
-    const ssize_t received = recv(socket, &frame, sizeof frame, MSG_DONTWAIT | MSG_TRUNC);
+    const ssize_t received = ring.closer.receive(socket, &frame, sizeof frame);
     if (received < 0) return errno == EAGAIN || errno == EINTR;
     if (subscribed || received != sizeof frame || !ours(frame)) return false;
+    if (frame.context != ring.context) {
+        if (client_log().has_room(peer.uid))
+            syslog(LOG_WARNING, "a listener of uid %u, pid %d is turned away: it runs in context %u",
+                   peer.uid, peer.pid, static_cast<uint32_t>(frame.context));
+        return welcome(EXDEV);
+    }
     sap = frame.sap;
     opcode = frame.opcode;
     next = ring.first + ring.kept.size();
     subscribed = true;
-    return welcome(0);
+    return event_remove_timer(readable.get()) == 0 && welcome(0);
 }
 
 bool Broadcast::Ring::Listener::send(const Sent& sent) {
-    MtsHead head;
+    MtsHeader head;
     head.opcode = sent.message.opcode;
     head.lost = lost;
     head.length = sent.message.size();
@@ -185,7 +188,7 @@ bool Broadcast::Ring::Listener::pump() {
         if (!send(sent)) {
             const bool scarce = errno == ENOBUFS || errno == ENOMEM;
             if (errno != EAGAIN && !scarce) return false;
-            add(scarce ? later : writable, scarce ? &kPause : nullptr);
+            add_event(scarce ? later : writable, scarce ? &kPause : nullptr);
             return true;
         }
         lost = 0;
@@ -200,11 +203,12 @@ void Broadcast::Ring::Listener::go_on(evutil_socket_t, short, void* argument) {
     ring.forget();
 }
 
-// 0, or the errno with which a listener is turned away.
-int Broadcast::Ring::refusal(int socket) {
-    const Peer peer = identify(socket, administrators);
-    if (peer.administrator && listeners.size() < kMaxListeners) return 0;
-    if (may_log())
+// Returns 0, or the errno with which a listener is turned away.
+int Broadcast::Ring::refusal(Listener& arrived) {
+    const Peer& peer = arrived.peer = identify(arrived.socket, administrators);
+    if (peer.administrator) arrived.place = places.take(peer);
+    if (arrived.place) return 0;
+    if (client_log().has_room(peer.uid))
         syslog(LOG_WARNING, "a listener of uid %u, pid %d is turned away: %s", peer.uid, peer.pid,
                peer.administrator ? "there are too many" : "not an administrator");
     return peer.administrator ? EUSERS : EACCES;
@@ -212,6 +216,7 @@ int Broadcast::Ring::refusal(int socket) {
 
 // False where nobody can be let in just now.
 bool Broadcast::Ring::admit_listener() {
+    if (closer.is_full()) return false;
     std::list<Listener> arrived;
     Listener& added = arrived.emplace_front(*this);
     added.self = arrived.begin();
@@ -219,19 +224,22 @@ bool Broadcast::Ring::admit_listener() {
     if (socket < 0) return errno != EMFILE && errno != ENFILE && errno != ENOBUFS && errno != ENOMEM;
     added.socket = socket;
     setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &kSocketBuffer, sizeof kSocketBuffer);
-    if (!added.welcome(refusal(socket))) return true;
+    if (!added.welcome(refusal(added))) return true;
     added.readable = make(
         socket, EV_READ | EV_PERSIST,
-        [](evutil_socket_t, short, void* argument) {
+        [](evutil_socket_t, short what, void* argument) {
             auto& spoken = *static_cast<Listener*>(argument);
             Ring& ring = spoken.ring;
-            if (!ring.guarded([&] { return spoken.subscribe(); })) ring.listeners.erase(spoken.self);
+            const bool readable = (what & EV_READ) != 0;  // else its time to subscribe is up
+            if (!readable || !ring.guarded([&] { return spoken.subscribe(); }))
+                ring.listeners.erase(spoken.self);
             ring.forget();
         },
         &added);
     added.writable = make(socket, EV_WRITE, Listener::go_on, &added);
     added.later = make(-1, 0, Listener::go_on, &added);
-    add(added.readable);
+    event_base_update_cache_time(base);  // a request may have taken long
+    add_event(added.readable, &kSubscriptionTime);
     listeners.splice(listeners.begin(), arrived);
     return true;
 }
@@ -248,6 +256,11 @@ void Broadcast::Ring::drop_oldest() {
         if (behind.wants(kept.front())) ++behind.lost;
         behind.next = first + 1;
     }
+    pop_oldest();
+}
+
+void Broadcast::Ring::pop_oldest() {
+    kept_bytes -= kept.front().bytes();
     kept.pop_front();
     ++first;
 }
@@ -257,12 +270,13 @@ void Broadcast::Ring::forget() {
     uint64_t needed = first + kept.size();
     for (const Listener& each : listeners)
         if (each.subscribed) needed = std::min(needed, each.next);
-    for (; first < needed; ++first) kept.pop_front();
+    while (first < needed) pop_oldest();
 }
 
 void Broadcast::Ring::carry(uint32_t to_sap, const MtsMessage& message) {
     kept.push_back({to_sap, message});
-    if (kept.size() > kKept) drop_oldest();
+    kept_bytes += kept.back().bytes();
+    while (kept.size() > kKept || kept_bytes > kKeptBytes) drop_oldest();
     for (auto at = listeners.begin(); at != listeners.end();) {
         Listener& each = *at++;
         if (each.subscribed && !each.waits() && !guarded([&] { return each.pump(); }))
@@ -274,8 +288,8 @@ void Broadcast::Ring::carry(uint32_t to_sap, const MtsMessage& message) {
     if (service != services.end()) service->second(&message);
 }
 
-Broadcast::Broadcast(event_base* base, gid_t administrators)
-    : ring_(std::make_unique<Ring>(base, administrators)) {
+Broadcast::Broadcast(event_base* base, gid_t administrators, uint32_t own_context)
+    : ring_(std::make_unique<Ring>(base, administrators, own_context)) {
     ring_->handle = quill_mts_attach(
         [](void* context, uint32_t sap, uint32_t opcode, const void* payload, uint32_t length) -> int32_t {
             try {
@@ -299,6 +313,7 @@ bool Broadcast::listen() {
     if (unlink(address.sun_path) != 0 && errno != ENOENT) return false;
     ring.listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (ring.listener < 0) return false;
+    ring.closer.protect(ring.listener);
     // Everybody may knock; who is let in is decided by who they are.
     if (bind(ring.listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
         chmod(address.sun_path, 0666) != 0 || ::listen(ring.listener, kBacklog) != 0)

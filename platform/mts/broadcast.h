@@ -3,7 +3,10 @@
 // The newest messages are kept once, in a ring; a listener is a place in it. Whoever cannot take a message
 // just now keeps its place and goes on from there when its socket has room, and is moved forward when the
 // ring drops what it still waits for. So a listener that sleeps costs the others nothing, and the daemon no
-// more memory than the ring.
+// more memory than the ring: 8192 messages and 4 MiB at most.
+//
+// There are 64 places for listeners, 16 of them for root alone, and no other uid has more than 16. A listener
+// that does not subscribe within 10 seconds loses its place.
 #pragma once
 
 #include <sys/types.h>
@@ -18,8 +21,8 @@ namespace quill {
 
 class Broadcast {
  public:
-    // Root and the members of the group, unless it is 0, may listen.
-    Broadcast(event_base* base, gid_t administrators);
+    // Root and the members of the group, unless it is 0, may listen, from `context` alone.
+    Broadcast(event_base* base, gid_t administrators, uint32_t context);
     ~Broadcast();
     Broadcast(const Broadcast&) = delete;
     Broadcast& operator=(const Broadcast&) = delete;

@@ -1,9 +1,11 @@
-// The message transport inside: a message as it is handed to whoever receives it, and the frames between the
-// fan-out and its listeners.
+// Internals of the message transport: a received message, and the protocol between the fan-out and its
+// listeners.
 //
-// The fan-out speaks first: a welcome with 0, or with the errno of a refusal, after which it hangs up. The
-// listener says what it wants to hear, once, gets another welcome when that holds, and is silent from then
-// on. What follows is messages. Words of frames are big-endian by type.
+// The fan-out sends first: an MtsWelcome with 0, or with the errno of a refusal, after which it closes the
+// connection. The listener sends one MtsSubscription with its virtual device context, and gets a second
+// MtsWelcome once the subscription is in effect, or with EXDEV from the fan-out of another context. From then
+// on the listener sends nothing, and the fan-out sends messages: an MtsHeader and the payload. Integers are
+// big-endian.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +20,7 @@ namespace quill {
 class MtsMessage {
  public:
     MtsMessage(uint32_t message_opcode, uint32_t lost_before, uint32_t size)
-        : opcode(message_opcode), lost(lost_before), payload_(size + kTail) {}
+        : opcode(message_opcode), lost(lost_before), payload_(size + kPadding) {}
     MtsMessage(uint32_t message_opcode, const void* payload, uint32_t size)
         : MtsMessage(message_opcode, 0u, size) {
         if (size != 0) memcpy(payload_.data(), payload, size);
@@ -29,11 +31,11 @@ class MtsMessage {
 
     unsigned char* payload() { return payload_.data(); }
     const unsigned char* payload() const { return payload_.data(); }
-    uint32_t size() const { return static_cast<uint32_t>(payload_.size()) - kTail; }
+    uint32_t size() const { return static_cast<uint32_t>(payload_.size()) - kPadding; }
 
  private:
-    // Zero, so that a reader of the first word behind the payload finds none.
-    static constexpr uint32_t kTail = 4;
+    // Zero bytes after the payload, as quillplatform/mts.h promises.
+    static constexpr uint32_t kPadding = 4;
     std::vector<unsigned char> payload_;
 };
 
@@ -48,20 +50,21 @@ struct MtsWelcome {
 struct MtsSubscription {
     Be32 magic{kMtsMagic};
     Be32 version{kFrameVersion};
+    Be32 context;  // in which the listener runs
     Be32 sap;
     Be32 opcode;
 };
 
-struct MtsHead {
+struct MtsHeader {
     Be32 magic{kMtsMagic};
     Be32 version{kFrameVersion};
     Be32 opcode;
-    Be32 lost;    // messages that this listener was not sent before this one
+    Be32 lost;    // messages before this one that were not sent to this listener
     Be32 length;  // bytes of the payload that follows
 };
-static_assert(sizeof(MtsHead) == 20);
+static_assert(sizeof(MtsHeader) == 20);
 
-// Whether a frame, received whole, is one of this version.
+// Whether a frame, which was received completely, has our magic number and version.
 template <class Frame>
 bool ours(const Frame& frame) {
     return frame.magic == kMtsMagic && frame.version == kFrameVersion;

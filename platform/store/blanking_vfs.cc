@@ -8,78 +8,79 @@
 namespace quill {
 namespace {
 
-constexpr size_t kFileHeader = 100;
-constexpr size_t kLargestPage = 65536;
-constexpr sqlite3_int64 kLogStep = 65536;        // by which a log grows
-constexpr sqlite3_int64 kLargestKept = 4 << 20;  // an empty log that is longer gives its room back
-constexpr int kLogHeader = 32;
-constexpr unsigned char kZeros[kLogStep] = {};
+constexpr size_t kFileHeaderSize = 100;
+constexpr size_t kMaxPageSize = 65536;
+constexpr sqlite3_int64 kWalStep = 65536;        // the WAL grows by so many bytes
+constexpr sqlite3_int64 kMaxEmptyWal = 4 << 20;  // a longer WAL is truncated when it is emptied
+constexpr int kWalHeaderSize = 32;
+constexpr unsigned char kZeros[kWalStep] = {};
 
 sqlite3_vfs* real_vfs;
 sqlite3_vfs vfs;
-// The real ones of each kind of file, and those that take their place.
-const sqlite3_io_methods *real_file, *real_log;
-sqlite3_io_methods blanked_file, blanked_log;
-bool scarce;  // the last attempt to take more of it failed
+// The methods of SQLite's own VFS for each kind of file, and those that replace them.
+const sqlite3_io_methods *real_database, *real_wal;
+sqlite3_io_methods our_database, our_wal;
+bool extension_failed;
 
 size_t word16(const unsigned char* at) { return static_cast<size_t>(at[0] << 8 | at[1]); }
 
 int write_page(sqlite3_file* file, const void* data, int amount, sqlite3_int64 offset) {
     const auto size = static_cast<size_t>(amount);
-    unsigned char page[kLargestPage];
-    if (size <= kLargestPage) {
+    unsigned char page[kMaxPageSize];
+    if (size <= kMaxPageSize) {
         memcpy(page, data, size);
         blank_gap(page, size, offset == 0);
         data = page;
     }
-    const int result = real_file->xWrite(file, data, amount, offset);
-    if (result != SQLITE_OK) scarce = true;
+    const int result = real_database->xWrite(file, data, amount, offset);
+    if (result != SQLITE_OK) extension_failed = true;
     return result;
 }
 
-int write_zeros(sqlite3_file* log, sqlite3_int64 from, sqlite3_int64 to) {
+int write_zeros(sqlite3_file* wal, sqlite3_int64 from, sqlite3_int64 to) {
     int result = SQLITE_OK;
-    for (; from < to && result == SQLITE_OK; from += kLogStep)
-        result = real_log->xWrite(log, kZeros, static_cast<int>(std::min(to - from, kLogStep)), from);
+    for (; from < to && result == SQLITE_OK; from += kWalStep)
+        result = real_wal->xWrite(wal, kZeros, static_cast<int>(std::min(to - from, kWalStep)), from);
     return result;
 }
 
-// Asking for the length makes the file system note the time of the next write more finely, which its flush
-// would have to wait for. So it is asked for only where a step is entered.
-int write_log(sqlite3_file* log, const void* data, int amount, sqlite3_int64 offset) {
-    const sqlite3_int64 last_step = (offset + amount - 1) / kLogStep, needed = (last_step + 1) * kLogStep;
+// The file's length is queried only where a write begins a step: a query makes the file system record the
+// time of the next write with finer granularity, which the flush would have to wait for.
+int write_wal(sqlite3_file* wal, const void* data, int amount, sqlite3_int64 offset) {
+    const sqlite3_int64 last_step = (offset + amount - 1) / kWalStep, needed = (last_step + 1) * kWalStep;
     sqlite3_int64 size = 0;
-    const bool enters_step = offset % kLogStep == 0 || offset / kLogStep != last_step;
-    if (enters_step && real_log->xFileSize(log, &size) == SQLITE_OK && size < needed) {
-        scarce = write_zeros(log, size, needed) != SQLITE_OK;
-        if (scarce) real_log->xTruncate(log, size);
+    const bool begins_step = offset % kWalStep == 0 || offset / kWalStep != last_step;
+    if (begins_step && real_wal->xFileSize(wal, &size) == SQLITE_OK && size < needed) {
+        extension_failed = write_zeros(wal, size, needed) != SQLITE_OK;
+        if (extension_failed) real_wal->xTruncate(wal, size);
     }
-    return real_log->xWrite(log, data, amount, offset);
+    return real_wal->xWrite(wal, data, amount, offset);
 }
 
-bool is_blank(sqlite3_file* log, sqlite3_int64 from, int amount) {
-    unsigned char bytes[kLogStep];
-    return real_log->xRead(log, bytes, amount, from) == SQLITE_OK &&
+bool is_zero(sqlite3_file* wal, sqlite3_int64 from, int amount) {
+    unsigned char bytes[kWalStep];
+    return real_wal->xRead(wal, bytes, amount, from) == SQLITE_OK &&
            memcmp(bytes, kZeros, static_cast<size_t>(amount)) == 0;
 }
 
-// The header goes first, and for good: a log that has lost any other part to a loss of power would bring back
-// an earlier state of the database. All of the rest is looked at: emptying may have ended half-way before.
-int empty_log(sqlite3_file* log, sqlite3_int64 size) {
-    int result = write_zeros(log, 0, kLogHeader);
-    if (result == SQLITE_OK) result = real_log->xSync(log, SQLITE_SYNC_NORMAL | SQLITE_SYNC_DATAONLY);
-    for (sqlite3_int64 at = kLogHeader; at < size && result == SQLITE_OK; at += kLogStep) {
-        const auto amount = static_cast<int>(std::min(size - at, kLogStep));
-        if (!is_blank(log, at, amount)) result = write_zeros(log, at, at + amount);
+// Overwrites the WAL with zeros. The header is overwritten and flushed first: if a power failure interrupted
+// the rest, recovery would apply what is left of a WAL with a valid header, and so restore an earlier state
+// of the database. All the rest is checked, since it may not have been overwritten completely the last time.
+int zero_wal(sqlite3_file* wal, sqlite3_int64 size) {
+    int result = write_zeros(wal, 0, kWalHeaderSize);
+    if (result == SQLITE_OK) result = real_wal->xSync(wal, SQLITE_SYNC_NORMAL | SQLITE_SYNC_DATAONLY);
+    for (sqlite3_int64 at = kWalHeaderSize; at < size && result == SQLITE_OK; at += kWalStep) {
+        const auto amount = static_cast<int>(std::min(size - at, kWalStep));
+        if (!is_zero(wal, at, amount)) result = write_zeros(wal, at, at + amount);
     }
     return result;
 }
 
-int truncate_log(sqlite3_file* log, sqlite3_int64 size) {
+int truncate_wal(sqlite3_file* wal, sqlite3_int64 size) {
     sqlite3_int64 before = 0;
-    const bool kept =
-        size == 0 && !scarce && real_log->xFileSize(log, &before) == SQLITE_OK && before <= kLargestKept;
-    return kept && empty_log(log, before) == SQLITE_OK ? SQLITE_OK : real_log->xTruncate(log, size);
+    const bool keep_space = size == 0 && !extension_failed &&
+                            real_wal->xFileSize(wal, &before) == SQLITE_OK && before <= kMaxEmptyWal;
+    return keep_space && zero_wal(wal, before) == SQLITE_OK ? SQLITE_OK : real_wal->xTruncate(wal, size);
 }
 
 int open_file(sqlite3_vfs*, const char* name, sqlite3_file* file, int flags, int* out_flags) {
@@ -93,16 +94,16 @@ int open_file(sqlite3_vfs*, const char* name, sqlite3_file* file, int flags, int
         return SQLITE_CANTOPEN;
     }
     if ((flags & SQLITE_OPEN_MAIN_DB) != 0) {
-        real_file = file->pMethods;
-        blanked_file = *real_file;
-        blanked_file.xWrite = write_page;
-        file->pMethods = &blanked_file;
+        real_database = file->pMethods;
+        our_database = *real_database;
+        our_database.xWrite = write_page;
+        file->pMethods = &our_database;
     } else if ((flags & SQLITE_OPEN_WAL) != 0) {
-        real_log = file->pMethods;
-        blanked_log = *real_log;
-        blanked_log.xWrite = write_log;
-        blanked_log.xTruncate = truncate_log;
-        file->pMethods = &blanked_log;
+        real_wal = file->pMethods;
+        our_wal = *real_wal;
+        our_wal.xWrite = write_wal;
+        our_wal.xTruncate = truncate_wal;
+        file->pMethods = &our_wal;
     }
     return SQLITE_OK;
 }
@@ -124,18 +125,18 @@ const char* blanking_vfs() {
     return registered ? vfs.zName : nullptr;
 }
 
-bool room_is_scarce() { return scarce; }
+bool file_extension_failed() { return extension_failed; }
 
 void blank_gap(unsigned char* page, size_t size, bool first) {
     constexpr unsigned char kInteriorIndex = 2, kInteriorTable = 5, kLeafIndex = 10, kLeafTable = 13;
-    const size_t base = first ? kFileHeader : 0;
+    const size_t base = first ? kFileHeaderSize : 0;
     if (size < base + 12) return;
     const unsigned char* header = page + base;
     const bool leaf = header[0] == kLeafIndex || header[0] == kLeafTable;
     if (!leaf && header[0] != kInteriorIndex && header[0] != kInteriorTable) return;
 
     const size_t cells = word16(header + 3);
-    const size_t content = word16(header + 5) == 0 ? kLargestPage : word16(header + 5);
+    const size_t content = word16(header + 5) == 0 ? kMaxPageSize : word16(header + 5);
     const size_t gap = base + (leaf ? 8 : 12) + 2 * cells;
     if (gap < content && content <= size) memset(page + gap, 0, content - gap);
 }

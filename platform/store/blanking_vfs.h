@@ -1,30 +1,31 @@
-// A VFS for SQLite that leaves no leftovers in the database file and its write-ahead log.
+// A VFS for SQLite that leaves no deleted bytes in the database file and its write-ahead log (WAL).
 //
-// secure_delete makes SQLite zero the cells that it frees, but not the copies that stay behind in a page's
-// unallocated gap when a page is rebuilt to balance the tree: a deleted secret could stand there for years.
-// The gap is free by definition of the file format (https://www.sqlite.org/fileformat.html, 1.6), so this VFS
-// zeroes it in every page on its way to the file.
+// secure_delete overwrites the cells that SQLite frees, but not the copies that remain in the unallocated gap
+// of a page when the tree is rebalanced; a deleted secret could stay there for years. The gap is unused by
+// definition of the file format (https://www.sqlite.org/fileformat.html, 1.6), so this VFS writes zeros in
+// its place.
 //
-// A log that SQLite wants cut off is overwritten with zeros instead, and one that must grow does so by many
-// frames at once. A commit then rewrites bytes that the file has already, and its flush need not wait for the
-// file system's notes on a new length. Where room was scarce lately the log is cut off after all.
+// When SQLite truncates the WAL, it is overwritten with zeros instead, and it grows by 64 KiB at a time.
+// Commits then overwrite existing blocks, and their flush need not update the file's length. After a failure
+// to extend a file, the WAL is truncated, to give its space back.
 //
-// It also refuses what cannot be opened for writing. SQLite would go on reading it, and a store whose device
-// failed for a moment just then would refuse every change until its program is started anew.
+// Opening fails for a file that can only be opened for reading. SQLite would fall back to that, and a failure
+// of the device at that moment would make the store read-only until the program is restarted.
 #pragma once
 
 #include <cstddef>
 
 namespace quill {
 
-// Name to open databases with; null when SQLite had no memory to register it.
+// Registers the VFS on the first call. Returns its name, or null if SQLite had no memory.
 const char* blanking_vfs();
 
-// The last attempt to make a file longer failed. What the log has taken may then be what the database lacks.
-bool room_is_scarce();
+// Whether the last attempt to extend the WAL failed, or a write to the database since. A checkpoint then
+// frees the space that the WAL takes.
+bool file_extension_failed();
 
-// Zeroes the gap of a b-tree page; other pages and malformed ones stay as they are. `first` is page 1, which
-// begins with the file's header.
+// Overwrites with zeros the unallocated gap of a b-tree page. Leaves other and malformed pages unchanged.
+// `first` is true for page 1, which begins with the file's header.
 void blank_gap(unsigned char* page, size_t size, bool first);
 
 }  // namespace quill

@@ -6,6 +6,8 @@
 
 #include <cerrno>
 
+#include "base/descriptor.h"
+
 namespace quill {
 
 void log_store_error(const std::string& path, uint32_t status, const char* detail) {
@@ -20,11 +22,8 @@ uint32_t check_version(const std::string& path, uint32_t found, uint32_t expecte
 }
 
 uint32_t sync_folder(const std::string& path) {
-    const int descriptor = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (descriptor < 0) return status_of_errno(errno);
-    const uint32_t status = status_of_errno(fsync(descriptor) == 0 ? 0 : errno);
-    close(descriptor);
-    return status;
+    const Descriptor folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return status_of_errno(folder && fsync(folder.get()) == 0 ? 0 : errno);
 }
 
 uint32_t status_of_errno(int error) {

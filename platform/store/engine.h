@@ -1,8 +1,9 @@
-// What a database engine does for the store: one file of records in byte order of their keys.
+// The interface between the store's C functions and a database engine: one file of records, in byte order of
+// their keys.
 //
-// An engine knows nothing of handles, cursors and descriptors; store/pss.cc makes those of it once for all
-// engines. Statuses are those of quillplatform/pss.h, and an engine maps its own errors to them in one place.
-// Allocation failures are thrown as std::bad_alloc.
+// An engine knows nothing of handles, cursors and descriptors; store/pss.cc implements those once for all
+// engines. Functions return a PSS status of quillplatform/pss.h and throw std::bad_alloc when memory runs
+// out.
 #pragma once
 
 #include <cstdint>
@@ -17,48 +18,50 @@ namespace quill {
 struct Record {
     std::string key;
     std::string value;
-    bool sound = true;  // false: the value is damaged, and not here
+    bool intact = true;  // false: the value failed its checksum and must not be used
 };
 
 class Engine {
  public:
     virtual ~Engine() = default;
 
-    // PSS_NO_KEY when there is none.
+    // On success, stores the value in `value`. Returns PSS_NO_KEY if there is no such record, PSS_CORRUPT if
+    // its checksum is wrong.
     virtual uint32_t fetch(std::string_view key, std::string& value) = 0;
 
-    // The first record at or after, and the first after a key that need not exist; PSS_NO_KEY when there is
-    // none.
+    // Find the first record whose key is equal to or greater than `key`, or greater than `key`; no record
+    // need have `key`. Return PSS_NO_KEY if there is none. A damaged record is found, with `intact` false.
     virtual uint32_t at_or_after(std::string_view key, Record& found) = 0;
     virtual uint32_t after(std::string_view key, Record& found) = 0;
 
-    // Durable once they return PSS_OK; otherwise nothing has changed.
+    // Change one record. On success the change is on disk; on failure nothing has changed. erase() returns
+    // PSS_NO_KEY if there is no such record.
     virtual uint32_t put(std::string_view key, std::string_view value) = 0;
     virtual uint32_t erase(std::string_view key) = 0;
 
-    // 0 is a store that was never stamped.
-    virtual uint32_t stamp(uint32_t version) = 0;
+    // Sets the store's version; that of a new store is 0.
+    virtual uint32_t set_version(uint32_t version) = 0;
 
-    // Blanks in the engine's files what was erased or replaced so far.
-    virtual uint32_t settle() = 0;
+    // Overwrites with zeros what was erased or replaced so far and may still stand in the engine's files.
+    virtual uint32_t checkpoint() = 0;
 };
 
-// Opens the store kept in the file `path`, or with `create` makes it where nothing is there. The file's
-// folder has been found safe. Whatever else stands under that name is left as it is, and so is a store that
-// was stamped with another version than the one that the caller expects.
+// Opens the store in the file `path`; with `create`, creates it if nothing has that name. The caller has
+// checked the folder. Returns PSS_NOT_A_STORE for any other kind of file and PSS_WRONG_VERSION for a store
+// whose version is neither 0 nor `version`; both are left unchanged. Failures are logged.
 uint32_t open_sqlite_engine(const std::string& path, bool create, uint32_t version,
                             std::unique_ptr<Engine>& engine);
 
-// PSS_WRONG_VERSION, and a line of the log, for a store that was stamped with another version.
+// Returns PSS_WRONG_VERSION, and logs it, if a store's version is neither 0 nor the expected one.
 uint32_t check_version(const std::string& path, uint32_t found, uint32_t expected);
 
-// One line of the log about a store's file, at LOG_ERR.
+// Logs a failure that concerns a store's file, at LOG_ERR.
 void log_store_error(const std::string& path, uint32_t status, const char* detail);
 
-// Flushes the names in a folder.
+// Flushes the directory entries of a folder to disk.
 uint32_t sync_folder(const std::string& path);
 
-// The status of a system error.
+// Maps an errno value to a PSS status; 0 is PSS_OK, an unlisted error PSS_IO.
 uint32_t status_of_errno(int error);
 
 }  // namespace quill

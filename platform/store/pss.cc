@@ -1,7 +1,7 @@
-// The store's C face: handles, cursors and descriptors over an engine.
+// The store's C functions: handles, cursors and descriptors on top of a database engine.
 //
-// Whatever is handed out lies in buffers of the handle, and a cursor is the key on which it stands. So bytes
-// stay valid until the next call, and a cursor outlives the record under it.
+// Keys and values that are returned point into buffers of the handle, so they stay valid until the next call.
+// A cursor is a copy of the current key, so it stays valid when that record is deleted.
 #include "quillplatform/pss.h"
 
 #include <sys/stat.h>
@@ -10,15 +10,15 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
 #include <string>
 #include <utility>
 
+#include "platform/folders.h"
 #include "platform/store/engine.h"
-#include "platform/store/recent.h"
+#include "platform/store/value_cache.h"
 
 namespace quill {
 namespace {
@@ -30,15 +30,15 @@ struct Store {
     std::string name;
     std::unique_ptr<Engine> engine;
 
-    Record at;             // where the cursor stands
-    Record found;          // what a search for its next place fills
-    bool placed = false;   // it stands somewhere
-    bool current = false;  // at.value is what the store holds
+    Record cursor;  // the record that the cursor is at, if has_position
+    Record next;    // filled by a search, then swapped with `cursor`
+    bool has_position = false;
+    bool value_is_current = false;  // no change since cursor.value was read
 
-    Recent recent;
+    ValueCache cache;
     std::string fetched;
-    pss_descriptor key{};
-    pss_descriptor value{};
+    pss_descriptor key{};    // returned by pss2_getkey()
+    pss_descriptor value{};  // returned by pss2_fetch() and pss2_getvalue()
 };
 
 std::array<std::unique_ptr<Store>, kMaxStores> stores;
@@ -52,17 +52,18 @@ pss_descriptor* describe(pss_descriptor& descriptor, std::string& bytes) {
     return &descriptor;
 }
 
-bool valid(const pss_descriptor* run, uint32_t largest) {
-    return run != nullptr && run->length <= largest && (run->bytes != nullptr || run->length == 0);
+bool valid(const pss_descriptor* given, uint32_t limit) {
+    return given != nullptr && given->length <= limit && (given->bytes != nullptr || given->length == 0);
 }
 
 bool valid_key(const pss_descriptor* key) { return valid(key, PSS_MAX_KEY) && key->length > 0; }
 
-std::string_view view(const pss_descriptor* run) {
-    return {static_cast<const char*>(run->bytes), run->length};
+std::string_view view(const pss_descriptor* given) {
+    return {static_cast<const char*>(given->bytes), given->length};
 }
 
-// Runs one call on an open store; nothing thrown inside leaves the library.
+// Calls a function with the open store of a handle. Returns its status, PSS_BAD_HANDLE if there is no such
+// store, or PSS_NO_MEMORY if it throws std::bad_alloc.
 template <class Call>
 uint32_t on_store(uint32_t handle, Call call) {
     Store* store = find(handle);
@@ -74,24 +75,26 @@ uint32_t on_store(uint32_t handle, Call call) {
     }
 }
 
-// Sees to it that at.value is what the store holds for the cursor's key.
-uint32_t refresh(Store& store) {
-    if (!store.placed) return PSS_NO_KEY;
-    if (store.current) return PSS_OK;
-    const uint32_t status = store.engine->fetch(store.at.key, store.at.value);
-    store.current = status == PSS_OK;
+// Reads the cursor's record again if the store has changed since. PSS_NO_KEY if the cursor has no position or
+// the record was deleted.
+uint32_t refresh_cursor(Store& store) {
+    if (!store.has_position) return PSS_NO_KEY;
+    if (store.value_is_current) return PSS_OK;
+    const uint32_t status = store.engine->fetch(store.cursor.key, store.cursor.value);
+    store.value_is_current = status == PSS_OK;
     return status;
 }
 
-// Moves the cursor to what the search finds, or nowhere, and that as well where memory runs out on the way.
+// Moves the cursor to the record that the search finds. If it finds none, fails or throws, the cursor has no
+// position afterwards.
 template <class Search>
-uint32_t place(Store& store, Search search) {
-    store.placed = store.current = false;
-    const uint32_t status = search(store.found);
+uint32_t move_cursor(Store& store, Search search) {
+    store.has_position = store.value_is_current = false;
+    const uint32_t status = search(store.next);
     if (status != PSS_OK) return status;
-    std::swap(store.at, store.found);
-    store.placed = true;
-    store.current = store.at.sound;
+    std::swap(store.cursor, store.next);
+    store.has_position = true;
+    store.value_is_current = store.cursor.intact;
     return PSS_OK;
 }
 
@@ -101,33 +104,43 @@ bool valid_name(const char* name) {
     return strspn(name, kAllowed) == strlen(name);
 }
 
-std::string state_directory() {
-    const char* path = getenv("QUILL_STATE_DIR");
-    return path != nullptr && *path != '\0' ? path : "/var/lib/quillsecurity";
-}
-
 // A folder that others can enter is refused rather than closed: the caller may have named the wrong one.
-uint32_t check_directory(const std::string& path, bool create) {
+uint32_t check_folder(const std::string& path, bool create) {
     if (path[0] != '/') return PSS_BAD_ARGUMENT;
     if (create) {
-        // Made without regard to the mask, which may take the owner's own bits.
-        const bool made = mkdir(path.c_str(), 0700) == 0;
-        if (made ? chmod(path.c_str(), 0700) != 0 : errno != EEXIST) return status_of_errno(errno);
-        const uint32_t synced = made ? sync_folder(path + "/..") : PSS_OK;
+        // The umask may have removed permissions of the owner.
+        const bool created = mkdir(path.c_str(), 0700) == 0;
+        if (created ? chmod(path.c_str(), 0700) != 0 : errno != EEXIST) return status_of_errno(errno);
+        const uint32_t synced = created ? sync_folder(path + "/..") : PSS_OK;
         if (synced != PSS_OK) return synced;
     }
-    struct stat facts;
-    if (stat(path.c_str(), &facts) != 0) return errno == ENOENT ? PSS_NO_STORE : status_of_errno(errno);
-    if (!S_ISDIR(facts.st_mode)) return PSS_MISSING;
-    if (facts.st_uid == geteuid() && (facts.st_mode & 077) == 0) return PSS_OK;
+    struct stat info;
+    if (stat(path.c_str(), &info) != 0) return errno == ENOENT ? PSS_NO_STORE : status_of_errno(errno);
+    if (!S_ISDIR(info.st_mode)) return PSS_MISSING;
+    if (info.st_uid == geteuid() && (info.st_mode & 077) == 0) return PSS_OK;
     return PSS_UNSAFE;
+}
+
+// The state directory of this context, and the one that holds it.
+uint32_t check_directory(const std::string& directory, bool create) {
+    for (const std::string& path : {shared_state_directory(), directory}) {
+        const uint32_t status = check_folder(path, create);
+        if (status == PSS_OK) continue;
+        if (status != PSS_NO_STORE || create)
+            syslog(LOG_ERR,
+                   "state directory %s: %s; it must be the absolute path of a folder of mode 0700 that "
+                   "belongs to user %u",
+                   path.c_str(), syserr2str(status), geteuid());
+        return status;
+    }
+    return PSS_OK;
 }
 
 uint32_t free_slot(const char* name, size_t& slot) {
     slot = kMaxStores;
     for (size_t i = 0; i < kMaxStores; ++i) {
-        // A second connection of this process would not see the first one's lock, and closing its file would
-        // drop that lock (fcntl(2), record locks).
+        // Record locks do not exclude a second connection of the same process, and closing that one would
+        // release the lock (fcntl(2)).
         if (stores[i] != nullptr && stores[i]->name == name) return PSS_IN_USE;
         if (stores[i] == nullptr && slot == kMaxStores) slot = i;
     }
@@ -140,14 +153,7 @@ uint32_t open_store(const char* name, bool create, uint32_t version, uint32_t& h
     if (status != PSS_OK) return status;
     const std::string directory = state_directory();
     status = check_directory(directory, create);
-    if (status != PSS_OK) {
-        if (status != PSS_NO_STORE || create)
-            syslog(LOG_ERR,
-                   "state directory %s: %s; it must be the absolute path of a folder of mode 0700 that "
-                   "belongs to user %u",
-                   directory.c_str(), syserr2str(status), geteuid());
-        return status;
-    }
+    if (status != PSS_OK) return status;
     const std::string path = directory + "/" + name + ".db";
     auto store = std::make_unique<Store>();
     store->name = name;
@@ -178,7 +184,7 @@ uint32_t pss2_open(const char* name, uint32_t flags, uint32_t, uint32_t, const u
 
 uint32_t pss_version_set(uint32_t handle, uint32_t one, uint32_t version) {
     return quill::on_store(handle, [&](quill::Store& store) -> uint32_t {
-        return one == 1 ? store.engine->stamp(version) : PSS_BAD_ARGUMENT;
+        return one == 1 ? store.engine->set_version(version) : PSS_BAD_ARGUMENT;
     });
 }
 
@@ -187,10 +193,10 @@ pss_descriptor* pss2_fetch(uint32_t handle, const pss_descriptor* key, uint32_t*
     *status = quill::on_store(handle, [&](quill::Store& store) -> uint32_t {
         if (!quill::valid_key(key)) return PSS_BAD_ARGUMENT;
         uint32_t fetched = PSS_OK;
-        if (!store.recent.find(quill::view(key), store.fetched)) {
-            std::string bytes;  // the key may be what this call answered before
+        if (!store.cache.find(quill::view(key), store.fetched)) {
+            std::string bytes;  // not store.fetched, which `key` may point into
             fetched = store.engine->fetch(quill::view(key), bytes);
-            if (fetched == PSS_OK) store.recent.keep(quill::view(key), bytes);
+            if (fetched == PSS_OK) store.cache.put(quill::view(key), bytes);
             if (fetched == PSS_OK) std::swap(store.fetched, bytes);
         }
         if (fetched == PSS_OK) value = quill::describe(store.value, store.fetched);
@@ -202,13 +208,13 @@ pss_descriptor* pss2_fetch(uint32_t handle, const pss_descriptor* key, uint32_t*
 uint32_t pss2_store(uint32_t handle, const pss_descriptor* key, const pss_descriptor* value) {
     return quill::on_store(handle, [&](quill::Store& store) -> uint32_t {
         if (!quill::valid_key(key) || !quill::valid(value, PSS_MAX_VALUE)) return PSS_BAD_ARGUMENT;
-        store.current = false;
+        store.value_is_current = false;
         const std::string_view wanted = quill::view(key), bytes = quill::view(value);
         const uint32_t status = store.engine->put(wanted, bytes);
         if (status == PSS_OK)
-            store.recent.keep(wanted, bytes);
+            store.cache.put(wanted, bytes);
         else
-            store.recent.forget(wanted);
+            store.cache.erase(wanted);
         return status;
     });
 }
@@ -216,9 +222,9 @@ uint32_t pss2_store(uint32_t handle, const pss_descriptor* key, const pss_descri
 uint32_t pss2_delete(uint32_t handle, const pss_descriptor* key, uint32_t count) {
     return quill::on_store(handle, [&](quill::Store& store) -> uint32_t {
         if (!quill::valid_key(key) || count != 1) return PSS_BAD_ARGUMENT;
-        store.current = false;
+        store.value_is_current = false;
         const uint32_t status = store.engine->erase(quill::view(key));
-        store.recent.forget(quill::view(key));
+        store.cache.erase(quill::view(key));
         return status;
     });
 }
@@ -226,10 +232,10 @@ uint32_t pss2_delete(uint32_t handle, const pss_descriptor* key, uint32_t count)
 uint32_t pss2_move2key(uint32_t* handle, uint32_t mode, const pss_descriptor* key, uint32_t* status) {
     *status = quill::on_store(*handle, [&](quill::Store& store) -> uint32_t {
         if (mode != PSS_MODE || !quill::valid_key(key)) return PSS_BAD_ARGUMENT;
-        const std::string wanted(quill::view(key));  // it may be what pss2_getkey() handed out
-        const uint32_t moved = quill::place(
+        const std::string wanted(quill::view(key));  // a copy: `key` may point into the cursor
+        const uint32_t moved = quill::move_cursor(
             store, [&](quill::Record& found) { return store.engine->at_or_after(wanted, found); });
-        return moved == PSS_OK && store.at.key != wanted ? PSS_NO_KEY : moved;
+        return moved == PSS_OK && store.cursor.key != wanted ? PSS_NO_KEY : moved;
     });
     return *status;
 }
@@ -237,33 +243,33 @@ uint32_t pss2_move2key(uint32_t* handle, uint32_t mode, const pss_descriptor* ke
 uint32_t pss2_move2location(uint32_t* handle, uint32_t mode, uint32_t location, uint32_t* status) {
     *status = quill::on_store(*handle, [&](quill::Store& store) -> uint32_t {
         if (mode != PSS_MODE || location != PSS_NEXT) return PSS_BAD_ARGUMENT;
-        if (!store.placed) return PSS_NO_KEY;
-        return quill::place(store,
-                            [&](quill::Record& found) { return store.engine->after(store.at.key, found); });
+        if (!store.has_position) return PSS_NO_KEY;
+        return quill::move_cursor(
+            store, [&](quill::Record& found) { return store.engine->after(store.cursor.key, found); });
     });
     return *status;
 }
 
 pss_descriptor* pss2_getkey(uint32_t handle, uint32_t* status) {
-    *status = quill::on_store(handle, quill::refresh);
-    if (*status == PSS_CORRUPT) *status = PSS_OK;  // its value alone is damaged
+    *status = quill::on_store(handle, quill::refresh_cursor);
+    if (*status == PSS_CORRUPT) *status = PSS_OK;  // only the value is damaged
     if (*status != PSS_OK) return nullptr;
     quill::Store& store = *quill::find(handle);
-    return quill::describe(store.key, store.at.key);
+    return quill::describe(store.key, store.cursor.key);
 }
 
 pss_descriptor* pss2_getvalue(uint32_t handle, uint32_t* status) {
-    *status = quill::on_store(handle, quill::refresh);
+    *status = quill::on_store(handle, quill::refresh_cursor);
     if (*status != PSS_OK) return nullptr;
     quill::Store& store = *quill::find(handle);
-    return quill::describe(store.value, store.at.value);
+    return quill::describe(store.value, store.cursor.value);
 }
 
 uint32_t pss2_settle() {
     uint32_t first = PSS_OK;
     for (auto& store : quill::stores) {
         if (store == nullptr) continue;
-        const uint32_t status = store->engine->settle();
+        const uint32_t status = store->engine->checkpoint();
         if (first == PSS_OK) first = status;
     }
     return first;
@@ -271,7 +277,7 @@ uint32_t pss2_settle() {
 
 uint32_t pss2_close(uint32_t handle) {
     const uint32_t status =
-        quill::on_store(handle, [](quill::Store& store) { return store.engine->settle(); });
+        quill::on_store(handle, [](quill::Store& store) { return store.engine->checkpoint(); });
     if (status != PSS_BAD_HANDLE) quill::stores[handle - 1] = nullptr;
     return status;
 }

@@ -1,4 +1,4 @@
-// Texts of statuses, from the lists that name them.
+// Texts of statuses, generated from the lists that define them.
 #include <algorithm>
 #include <cstdio>
 #include <cstring>

@@ -1,4 +1,4 @@
-// What converters and wrappers of the TLV utilities ask of the system.
+// Memory and messages for the TLV utilities and for converters written against them.
 #include <syslog.h>
 
 #include <cstdarg>

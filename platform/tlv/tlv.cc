@@ -1,22 +1,22 @@
 // Structures to TLV messages and back.
 //
-// One function, locate(), decides what a message has to say about a field: it reads the message from end to
-// end, so each answer stands for a message that is whole and has the field once. That is slow in the number
-// of fields, of which there are few.
+// locate() finds the field of a descriptor. It parses the whole message each time, so that success also means
+// that the message is well-formed and has the field only once. The time is quadratic in the number of fields,
+// which is small.
 #include "quillplatform/tlv.h"
 
 #include <algorithm>
 #include <bit>
 #include <cstring>
 
-#include "common/block.h"
-#include "common/byte_order.h"
+#include "base/block.h"
+#include "base/byte_order.h"
 #include "quillsecurity/notify.h"
 
 namespace quill {
 namespace {
 
-struct FieldHead {
+struct FieldHeader {
     uint32_t id;
     uint32_t length;
 };
@@ -36,10 +36,10 @@ struct Message {
 
     uint32_t next(Field& field) {
         if (position == end) return TLVU_NO_FIELD;
-        FieldHead head;
-        if (static_cast<size_t>(end - position) < sizeof head) return TLVU_MALFORMED;
-        memcpy(&head, position, sizeof head);
-        field = {big_endian(head.id), big_endian(head.length), position + sizeof head};
+        FieldHeader header;
+        if (static_cast<size_t>(end - position) < sizeof header) return TLVU_MALFORMED;
+        memcpy(&header, position, sizeof header);
+        field = {big_endian(header.id), big_endian(header.length), position + sizeof header};
         if (static_cast<size_t>(end - field.value) < field.length) return TLVU_MALFORMED;
         position = field.value + field.length;
         return TLVU_OK;
@@ -50,7 +50,7 @@ const tlvu_table_header& header_of(const void* table) {
     return *static_cast<const tlvu_table_header*>(table);
 }
 
-// The descriptors of a table, to be walked up to its terminator.
+// Iterates over the descriptors of a table, which end with one whose field_id is -1.
 class Descriptors {
  public:
     explicit Descriptors(const void* table)
@@ -60,7 +60,7 @@ class Descriptors {
     const tlvu_field_descriptor* begin() const { return first_; }
     const tlvu_field_descriptor* end() const { return last_; }
 
-    // Null for a field that the table does not have.
+    // Returns null if the table has no such field.
     const tlvu_field_descriptor* find(uint32_t id) const {
         const auto* found = std::find_if(first_, last_, [id](const tlvu_field_descriptor& descriptor) {
             return static_cast<uint32_t>(descriptor.field_id) == id;
@@ -73,48 +73,52 @@ class Descriptors {
     const tlvu_field_descriptor* last_;
 };
 
-uint32_t largest(const tlvu_field_descriptor& descriptor) {
+uint32_t max_length(const tlvu_field_descriptor& descriptor) {
     return static_cast<uint32_t>(descriptor.largest_length);
 }
 
-// A field's own converter, of one of three types.
+// Casts the address of a field's converter to its type, one of three.
 template <class Function>
 Function* converter(uintptr_t address) {
-    return reinterpret_cast<Function*>(address);  // NOLINT(performance-no-int-to-ptr): tables hold words
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): tables store addresses as words
+    return reinterpret_cast<Function*>(address);
 }
 
-// Bytes of a converted value.
-uint32_t data_size(const tlvu_field_descriptor& descriptor) {
+// The size in bytes of a converted value in the message.
+uint32_t converted_size(const tlvu_field_descriptor& descriptor) {
     return converter<uint32_t()>(descriptor.tlv_data_size)();
 }
 
-bool suits(const tlvu_field_descriptor& descriptor, uint32_t length) {
+// Whether the length of a value in a message agrees with its descriptor.
+bool length_is_valid(const tlvu_field_descriptor& descriptor, uint32_t length) {
     switch (descriptor.kind) {
     case TLVU_KIND_STRING:
-        return length <= largest(descriptor);
+        return length <= max_length(descriptor);
     case TLVU_KIND_CONVERTED:
-        return length == data_size(descriptor);
+        return length == converted_size(descriptor);
     default:
-        return length == largest(descriptor);
+        return length == max_length(descriptor);
     }
 }
 
-// The one field of a whole message that a descriptor is about.
+// Finds the field of a descriptor. Returns TLVU_NO_FIELD if the message has none, TLVU_MALFORMED if it has
+// two, a length is wrong or the message is not well-formed.
 uint32_t locate(const tlvu_field_descriptor& descriptor, Message message, Field& found) {
-    uint32_t answer = TLVU_NO_FIELD;
+    uint32_t result = TLVU_NO_FIELD;
     Field field{};
     uint32_t status;
     while ((status = message.next(field)) == TLVU_OK) {
         if (field.id != static_cast<uint32_t>(descriptor.field_id)) continue;
-        if (answer == TLVU_OK || !suits(descriptor, field.length)) return TLVU_MALFORMED;
+        if (result == TLVU_OK || !length_is_valid(descriptor, field.length)) return TLVU_MALFORMED;
         found = field;
-        answer = TLVU_OK;
+        result = TLVU_OK;
     }
-    return status == TLVU_NO_FIELD ? answer : status;
+    return status == TLVU_NO_FIELD ? result : status;
 }
 
-// Between the host's order and big-endian, in either direction; only elements that are numbers turn.
-void copy_block(uint8_t* to, const uint8_t* from, uint32_t length, intptr_t width) {
+// Copies between host order and big-endian, in either direction. Only elements of 2, 4 and 8 bytes are
+// numbers and byte-swapped.
+void copy_elements(uint8_t* to, const uint8_t* from, uint32_t length, intptr_t width) {
     const bool numbers = width == 2 || width == 4 || width == 8;
     if (!numbers || std::endian::native == std::endian::big) {
         memcpy(to, from, length);
@@ -126,15 +130,15 @@ void copy_block(uint8_t* to, const uint8_t* from, uint32_t length, intptr_t widt
 }
 
 uint32_t read_field(const tlvu_field_descriptor& descriptor, const Field& field, uint8_t* structure) {
-    uint8_t* place = structure + descriptor.offset;
+    uint8_t* member = structure + descriptor.offset;
     switch (descriptor.kind) {
     case TLVU_KIND_STRING:
-        memcpy(place, field.value, field.length);
+        memcpy(member, field.value, field.length);
         return TLVU_OK;
     case TLVU_KIND_CONVERTED:
         return converter<uint32_t(void*, const void*)>(descriptor.tlv_to_struct)(structure, field.value);
     default:
-        copy_block(place, field.value, field.length, descriptor.width);
+        copy_elements(member, field.value, field.length, descriptor.width);
         return TLVU_OK;
     }
 }
@@ -153,20 +157,20 @@ uint32_t value_size(const tlvu_field_descriptor& descriptor, const uint8_t* stru
     switch (descriptor.kind) {
     case TLVU_KIND_STRING:
         return static_cast<uint32_t>(
-            strnlen(reinterpret_cast<const char*>(structure + descriptor.offset), largest(descriptor)));
+            strnlen(reinterpret_cast<const char*>(structure + descriptor.offset), max_length(descriptor)));
     case TLVU_KIND_CONVERTED:
-        return data_size(descriptor);
+        return converted_size(descriptor);
     default:
-        return largest(descriptor);
+        return max_length(descriptor);
     }
 }
 
-// Writes exactly `size` bytes of value.
+// Writes exactly `size` bytes of value, or fails.
 uint32_t write_value(const tlvu_field_descriptor& descriptor, const uint8_t* structure, uint8_t* value,
                      uint32_t size) {
-    const uint8_t* place = structure + descriptor.offset;
+    const uint8_t* member = structure + descriptor.offset;
     if (descriptor.kind != TLVU_KIND_CONVERTED) {
-        copy_block(value, place, size, descriptor.kind == TLVU_KIND_STRING ? 1 : descriptor.width);
+        copy_elements(value, member, size, descriptor.kind == TLVU_KIND_STRING ? 1 : descriptor.width);
         return TLVU_OK;
     }
     void* data = nullptr;
@@ -185,21 +189,21 @@ uint32_t write_value(const tlvu_field_descriptor& descriptor, const uint8_t* str
 uint32_t write_message(const void* table, const uint8_t* structure, uint8_t* position) {
     for (const tlvu_field_descriptor& descriptor : Descriptors(table)) {
         const uint32_t size = value_size(descriptor, structure);
-        const FieldHead head{big_endian(static_cast<uint32_t>(descriptor.field_id)), big_endian(size)};
-        memcpy(position, &head, sizeof head);
-        const uint32_t status = write_value(descriptor, structure, position + sizeof head, size);
+        const FieldHeader header{big_endian(static_cast<uint32_t>(descriptor.field_id)), big_endian(size)};
+        memcpy(position, &header, sizeof header);
+        const uint32_t status = write_value(descriptor, structure, position + sizeof header, size);
         if (status != TLVU_OK) return status;
-        position += sizeof head + size;
+        position += sizeof header + size;
     }
     return TLVU_OK;
 }
 
 template <class... Pointers>
-bool missing(Pointers... pointers) {
+bool any_null(Pointers... pointers) {
     return ((pointers == nullptr) || ...);
 }
 
-void hand_out(const Field& field, void** value, uint32_t* value_length) {
+void return_value(const Field& field, void** value, uint32_t* value_length) {
     *value = const_cast<uint8_t*>(field.value);
     *value_length = field.length;
 }
@@ -209,10 +213,10 @@ void hand_out(const Field& field, void** value, uint32_t* value_length) {
 
 uint32_t tlvu_table_size(const void* table, const void* structure) {
     using namespace quill;
-    if (missing(table, structure)) return 0;
+    if (any_null(table, structure)) return 0;
     uint32_t size = 0;
     for (const tlvu_field_descriptor& descriptor : Descriptors(table))
-        size += static_cast<uint32_t>(sizeof(FieldHead)) +
+        size += static_cast<uint32_t>(sizeof(FieldHeader)) +
                 value_size(descriptor, static_cast<const uint8_t*>(structure));
     return size;
 }
@@ -220,7 +224,7 @@ uint32_t tlvu_table_size(const void* table, const void* structure) {
 uint32_t tlvu_table_convert_struct_to_tlv(const void* table, const void* structure, void** tlv,
                                           uint32_t* tlv_length) {
     using namespace quill;
-    if (missing(table, structure, tlv, tlv_length)) return TLVU_BAD_ARGUMENT;
+    if (any_null(table, structure, tlv, tlv_length)) return TLVU_BAD_ARGUMENT;
     const uint32_t size = tlvu_table_size(table, structure);
     Block<void> message(tlvu_malloc(size));
     if (message == nullptr) return TLVU_NO_MEMORY;
@@ -235,7 +239,7 @@ uint32_t tlvu_table_convert_struct_to_tlv(const void* table, const void* structu
 uint32_t tlvu_table_convert_tlv_to_struct(const void* table, const void* tlv, uint32_t tlv_length,
                                           void** structure, uint32_t mode) {
     using namespace quill;
-    if (missing(table, tlv, structure) || mode > TLVU_MODE_FILL) return TLVU_BAD_ARGUMENT;
+    if (any_null(table, tlv, structure) || mode > TLVU_MODE_FILL) return TLVU_BAD_ARGUMENT;
     if (mode == TLVU_MODE_FILL && *structure == nullptr) return TLVU_BAD_ARGUMENT;
     const size_t size = header_of(table).size;
     Block<void> filled(tlvu_malloc(static_cast<uint32_t>(size)));
@@ -254,7 +258,7 @@ uint32_t tlvu_table_convert_tlv_to_struct(const void* table, const void* tlv, ui
 uint32_t tlvu_table_get_struct_size_from_tlv(const void* table, const void* tlv, uint32_t tlv_length,
                                              uint32_t* size) {
     using namespace quill;
-    if (missing(table, tlv, size)) return TLVU_BAD_ARGUMENT;
+    if (any_null(table, tlv, size)) return TLVU_BAD_ARGUMENT;
     for (const tlvu_field_descriptor& descriptor : Descriptors(table)) {
         Field field{};
         if (locate(descriptor, Message(tlv, tlv_length), field) == TLVU_MALFORMED) return TLVU_MALFORMED;
@@ -266,18 +270,18 @@ uint32_t tlvu_table_get_struct_size_from_tlv(const void* table, const void* tlv,
 uint32_t tlvu_get_field(const void* table, const void* tlv, uint32_t tlv_length, uint32_t field_id,
                         void** value, uint32_t* value_length) {
     using namespace quill;
-    if (missing(table, tlv, value, value_length)) return TLVU_BAD_ARGUMENT;
+    if (any_null(table, tlv, value, value_length)) return TLVU_BAD_ARGUMENT;
     const tlvu_field_descriptor* descriptor = Descriptors(table).find(field_id);
     if (descriptor == nullptr) return TLVU_NO_FIELD;
     Field field{};
     const uint32_t status = locate(*descriptor, Message(tlv, tlv_length), field);
-    if (status == TLVU_OK) hand_out(field, value, value_length);
+    if (status == TLVU_OK) return_value(field, value, value_length);
     return status;
 }
 
 uint32_t tlvu_field_itr_init(const void* table, const void* tlv, uint32_t tlv_length, tlvu_field_itr* itr) {
     using namespace quill;
-    if (missing(table, tlv, itr)) return TLVU_BAD_ARGUMENT;
+    if (any_null(table, tlv, itr)) return TLVU_BAD_ARGUMENT;
     const Message message(tlv, tlv_length);
     *itr = {table, message.position, message.end};
     return TLVU_OK;
@@ -286,7 +290,7 @@ uint32_t tlvu_field_itr_init(const void* table, const void* tlv, uint32_t tlv_le
 uint32_t tlvu_field_itr_get_next(tlvu_field_itr* itr, uint32_t* field_id, void** value,
                                  uint32_t* value_length) {
     using namespace quill;
-    if (missing(itr, field_id, value, value_length)) return TLVU_BAD_ARGUMENT;
+    if (any_null(itr, field_id, value, value_length)) return TLVU_BAD_ARGUMENT;
     Message message(itr->position, static_cast<uint32_t>(itr->end - itr->position));
     Field field{};
     uint32_t status;
@@ -294,9 +298,9 @@ uint32_t tlvu_field_itr_get_next(tlvu_field_itr* itr, uint32_t* field_id, void**
         itr->position = message.position;
         const tlvu_field_descriptor* descriptor = Descriptors(itr->table).find(field.id);
         if (descriptor == nullptr) continue;
-        if (!suits(*descriptor, field.length)) return TLVU_MALFORMED;
+        if (!length_is_valid(*descriptor, field.length)) return TLVU_MALFORMED;
         *field_id = field.id;
-        hand_out(field, value, value_length);
+        return_value(field, value, value_length);
         return TLVU_OK;
     }
     return status;
@@ -314,5 +318,5 @@ uint32_t tlv_array_size_get(const void* array, uint32_t index) {
     Field element{};
     while (index-- > 0)
         if (elements.next(element) != TLVU_OK) return 0;
-    return static_cast<uint32_t>(sizeof(FieldHead)) + element.length;
+    return static_cast<uint32_t>(sizeof(FieldHeader)) + element.length;
 }

@@ -1,6 +1,7 @@
 // The trace history: a ring of fixed slots in memory, written by every traced call and read only when
 // somebody asks. A slot holds the event as the library gave it, cut to the slot.
 #include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -10,7 +11,9 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <string_view>
 
+#include "base/printable.h"
 #include "quillplatform/trace.h"
 
 const char* sdwrap_dbg_modname = "security";
@@ -62,16 +65,26 @@ bool write_all(int descriptor, const char* bytes, size_t length) {
     return true;
 }
 
-// One line: the time, then the text with what could forge or break a line shown as '.'.
+// Writes one line: the time, then the text, in which what could break the line, speak to a terminal or is not
+// UTF-8 is spelled out as \xNN.
 bool dump_slot(int descriptor, const Slot& slot) {
-    char line[40 + kSlotBytes];
+    constexpr size_t kEscape = 4;
+    char line[40 + kEscape * kSlotBytes];
     struct tm when;
     gmtime_r(&slot.seconds, &when);
     size_t length = strftime(line, sizeof line, "%Y-%m-%dT%H:%M:%SZ ", &when);
     constexpr uint32_t kText = sizeof(uint32_t);
-    for (uint32_t i = kText; i < slot.length && slot.event[i] != '\0'; ++i) {
-        const unsigned char c = slot.event[i];
-        line[length++] = c < ' ' || c == 0x7f ? '.' : static_cast<char>(c);
+    std::string_view rest(reinterpret_cast<const char*>(slot.event) + kText,
+                          slot.length > kText ? slot.length - kText : 0);
+    rest = rest.substr(0, rest.find('\0'));
+    while (!rest.empty()) {
+        const size_t shown = printable_length(rest);
+        if (shown != 0)
+            memcpy(line + length, rest.data(), shown);
+        else
+            snprintf(line + length, kEscape + 1, "\\x%02x", static_cast<unsigned char>(rest[0]));
+        length += shown != 0 ? shown : kEscape;
+        rest.remove_prefix(std::max<size_t>(shown, 1));
     }
     line[length++] = '\n';
     return write_all(descriptor, line, length);

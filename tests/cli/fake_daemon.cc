@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -66,16 +67,35 @@ uint32_t serve(uint32_t operation, security_user& user) {
     return users.erase(key) == 1 ? SECURITY_OK : SECURITY_PSS_NO_KEY;
 }
 
+uint32_t serve(uint32_t operation, security_user_roles& list) {
+    auto& roles = fake_daemon().roles;
+    auto& lost = fake_daemon().lost_races;
+    if (operation != GET_REQ && !lost.empty()) {
+        const uint32_t status = lost.back();
+        lost.pop_back();
+        errno = ESTALE;
+        return status;
+    }
+    if (operation == SET_REQ) roles.assign(list.roles, list.roles + list.num_roles);
+    if (operation == DEL_REQ) std::erase(roles, list.roles[0]);
+    list.num_roles = static_cast<int32_t>(roles.size());
+    for (size_t i = 0; i < roles.size(); ++i) strcpy(list.roles[i], roles[i].c_str());
+    return SECURITY_OK;
+}
+
+uint32_t serve(uint32_t, char&) { return SECURITY_OK; }
+
 template <class Record>
 uint32_t answer(int32_t type, uint32_t operation, const void* request, void** reply, uint32_t* length) {
     Record record;
     memcpy(&record, request, sizeof record);
     security_conf_cmi_byteorder_convert(type, &record);
     fake_daemon().requests.emplace_back(reinterpret_cast<const char*>(&record), sizeof record);
-    *length = 0;
+    if (length != nullptr) *length = 0;
     const uint32_t status =
         fake_daemon().answer != SECURITY_OK ? fake_daemon().answer : serve(operation, record);
-    if (status != SECURITY_OK && status != SECURITY_ERR_CRYPT) return status;
+    const bool replies = status == SECURITY_OK || status == SECURITY_ERR_CRYPT;
+    if (!replies || reply == nullptr) return status;
     security_conf_cmi_byteorder_convert(type, &record);
     *length = sizeof record;
     *reply = malloc(sizeof record);
@@ -86,6 +106,10 @@ uint32_t answer(int32_t type, uint32_t operation, const void* request, void** re
 
 int32_t security_cmi(int32_t type, uint32_t operation, void* request, void** reply, uint32_t* length,
                      uint32_t) {
+    if (type == SECURITY_ROLE_ASSIGN_REQUEST || type == SECURITY_ROLES_REQUEST)
+        return static_cast<int32_t>(answer<security_user_roles>(type, operation, request, reply, length));
+    if (type == SECURITY_BANNER_REQUEST)  // which asks whether there is a daemon
+        return static_cast<int32_t>(answer<char>(type, operation, request, reply, length));
     return static_cast<int32_t>(type == SECURITY_USER_REQUEST
                                     ? answer<security_user>(type, operation, request, reply, length)
                                     : answer<security_priv_info>(type, operation, request, reply, length));

@@ -15,6 +15,8 @@ struct FakeDaemon {
     std::map<int32_t, security_priv_info> levels;
     std::map<std::pair<bool, std::string>, security_user> users;  // by second table and name; encoded as set
     bool hands_out_hashes = false;                                // or answers that they do not decode
+    std::vector<std::string> roles;                               // of everybody
+    std::vector<uint32_t> lost_races;  // statuses of the next changes of that list, none of which is made
     uint32_t answer = SECURITY_OK;
     std::vector<std::string> requests;  // records in host order, byte for byte
 };

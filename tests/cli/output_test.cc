@@ -1,4 +1,4 @@
-// What services alone do not yet show of the output: names from outside, and a list of nothing.
+// What services alone do not show of the output: names from outside, a list of nothing, words for a shell.
 #include "cli/output.h"
 
 #include <gtest/gtest.h>
@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "cli/words.h"
+#include "tests/cli/quillsec.h"
 
 namespace quill::cli {
 namespace {
@@ -36,9 +37,22 @@ TEST(Output, SaysNothingToTheTerminal) {
              {"\xed\xa0\x80", "\\xed\\xa0\\x80"},
              {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},
              {"\xf9\x80\x80\x80", "\\xf9\\x80\\x80\\x80"},
+             {"user\u202exfdp", "user\\xe2\\x80\\xaexfdp"},
+             {"\u061c\u200b\u2029\u2066\ufeff",
+              "\\xd8\\x9c\\xe2\\x80\\x8b\\xe2\\x80\\xa9\\xe2\\x81\\xa6\\xef\\xbb\\xbf"},
+             {"\U000e0041", "\\xf3\\xa0\\x81\\x81"},
              {"\xc3", "\\xc3"},
              {"\xe2\x82z", "\\xe2\\x82z"}})
         EXPECT_EQ(printed, printable(text));
+}
+
+TEST(Output, EscapesInJsonWhatIsNotSeen) {
+    const std::string name = "\u009b\u202e\x7f\u200f\U000e0041\u0416\U0001f600";
+    const std::string document = rendered(Table{"users", {"name"}, {{name}}}, Form::kJson);
+    EXPECT_NE(std::string::npos,
+              document.find("\"\\u009b\\u202e\\u007f\\u200f\\udb40\\udc41\u0416\U0001f600\""))
+        << document;
+    EXPECT_EQ(name, Json::parse(document)["users"][0]["name"]);
 }
 
 TEST(Output, ListsNothing) {
@@ -63,6 +77,25 @@ TEST(Output, StreamsARowALine) {
     };
     EXPECT_EQ("USER    ID\na\\x0ab  7\nwider than it  12\n", said(Form::kTable));
     EXPECT_EQ("{\"user\":\"a\\nb\",\"id\":7}\n{\"user\":\"wider than it\",\"id\":12}\n", said(Form::kJson));
+}
+
+TEST(Output, CompletesWhatTheTablesKnow) {
+    const std::pair<std::vector<const char*>, const char*> cases[] = {
+        {{"serv"}, "service\n"},
+        {{"--json", "service", "s"}, "show\nset\n"},
+        {{"--timeout", "s"}, ""},
+        {{"--timeout", "5", "serv"}, "service\n"},
+        {{"servise", ""}, ""},
+        {{"service", "set", "s"}, ""},
+        {{"record", "set", "amy", "--t"}, "--timeout\n--type\n"},
+        {{"record", "set", "--type", "--"}, ""},
+        {{"record", "set", "--stdin", "--e"}, "--encoding\n"},
+        {{}, ""},
+    };
+    for (auto [words, want] : cases) {
+        words.insert(words.begin(), "__complete");
+        EXPECT_EQ(want, quillsec(words).out);
+    }
 }
 }  // namespace
 }  // namespace quill::cli

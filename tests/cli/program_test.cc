@@ -148,7 +148,8 @@ TEST_F(Program, RefusesBeforeAsking) {
          "quote what contains blanks"},
         {{"secret", "set", "3", "hunter2"},
          2,
-         "secret set: there is an argument too many; usage: quillsec secret set LEVEL [--stdin]; "
+         "secret set: there is an argument too many; usage: quillsec secret set LEVEL [--stdin] "
+         "[--accept-weak]; "
          "secrets do not belong on the command line"},
         {{"record", "show", "amy", "bob"},
          2,
@@ -232,6 +233,13 @@ TEST_F(Program, SaysWhatWasRefused) {
     the_daemon.error = ENOENT;
     EXPECT_EQ("quillsec: the daemon is not running (no socket); start quillsecurityd\n",
               quillsec({"service", "show"}).err);
+    the_daemon.error = ETIMEDOUT;
+    EXPECT_EQ("quillsec: the daemon did not answer in time; wait longer with --timeout\n",
+              quillsec({"service", "show"}).err);
+    EXPECT_EQ(
+        "quillsec: the daemon did not answer in time; the change may or may not have been made; "
+        "'quillsec service show' tells; wait longer with --timeout\n",
+        quillsec({"service", "set", "ssh", "on"}).err);
 }
 
 TEST_F(Program, ShowsEveryKindOfValue) {
@@ -307,25 +315,6 @@ TEST_F(Program, ComplainsInJson) {
         EXPECT_EQ(result.exit, document.at("error").at("exit_code"));
         EXPECT_TRUE(document.at("error").at("status").is_null());
         EXPECT_EQ("", result.err);
-    }
-}
-
-TEST_F(Program, CompletesWhatTheTablesKnow) {
-    const std::pair<std::vector<const char*>, const char*> cases[] = {
-        {{"serv"}, "service\n"},
-        {{"--json", "service", "s"}, "show\nset\n"},
-        {{"--timeout", "s"}, ""},
-        {{"--timeout", "5", "serv"}, "service\n"},
-        {{"servise", ""}, ""},
-        {{"service", "set", "s"}, ""},
-        {{"record", "set", "amy", "--t"}, "--timeout\n--type\n"},
-        {{"record", "set", "--type", "--"}, ""},
-        {{"record", "set", "--stdin", "--e"}, "--encoding\n"},
-        {{}, ""},
-    };
-    for (auto [words, want] : cases) {
-        words.insert(words.begin(), "__complete");
-        EXPECT_EQ(want, quillsec(words).out);
     }
 }
 

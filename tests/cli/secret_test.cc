@@ -1,3 +1,4 @@
+// Secrets of privilege levels, and lists of roles.
 #include <cstring>
 #include <nlohmann/json.hpp>
 
@@ -14,7 +15,7 @@ Result with_input(const std::string& input, const std::vector<const char*>& word
 }
 
 int set(const char* level, const std::string& input) {
-    return with_input(input, {"secret", "set", level, "--stdin"}).exit;
+    return with_input(input, {"secret", "set", level, "--stdin", "--accept-weak"}).exit;
 }
 
 // What is sent is the secret, its length and zeros: a hash in its place leaves no tail of it.
@@ -27,7 +28,7 @@ TEST_F(Secrets, GoInWholeAndAlone) {
     for (const auto& [input, secret] : cases) {
         SetUp();
         const StandardInput given(input + "next");
-        EXPECT_EQ(0, quillsec({"secret", "set", "7", "--stdin"}).exit) << input;
+        EXPECT_EQ(0, quillsec({"secret", "set", "7", "--stdin", "--accept-weak"}).exit) << input;
         ASSERT_EQ(1u, fake_daemon().requests.size());
         security_priv_info want{};
         want.priv_lvl = 7;
@@ -86,6 +87,42 @@ TEST_F(Secrets, AreRefusedBeforeAsking) {
         EXPECT_EQ("quillsec: " + std::string(c.line) + "\n", result.err);
     }
     EXPECT_TRUE(fake_daemon().requests.empty());
+}
+
+// What is kept of a secret can be guessed at: cracklib's judgement is for tests/e2e/secrets.
+TEST_F(Secrets, AreLongerThanElevenCharactersUnlessForced) {
+    for (const char* secret : {"elevenchars", "ell\u00e9v\u00f1ch\u00e4rs"}) {
+        const Result result = with_input(secret, {"secret", "set", "3", "--stdin"});
+        EXPECT_EQ(6, result.exit);
+        EXPECT_NE(std::string::npos, result.err.find("too short; choose another of 12 characters or more"));
+        EXPECT_TRUE(fake_daemon().requests.empty());
+    }
+    EXPECT_EQ(0, set("3", "elevenchars"));
+}
+
+// A list is changed by reading it and writing it back, and another may have done so in between.
+TEST_F(Secrets, RolesAreChangedAgainAfterALostRace) {
+    constexpr uint32_t kNotDelivered = 0xffffffff;
+    const struct {
+        const char* verb;
+        std::vector<uint32_t> lost;
+        int exit;
+        std::vector<std::string> roles;
+    } cases[] = {
+        {"add", {SECURITY_ERR_CHANGED, kNotDelivered, SECURITY_ERR_CHANGED}, 0, {"priv-1", "priv-2"}},
+        {"remove", {kNotDelivered, SECURITY_ERR_CHANGED}, 0, {}},
+        {"add", std::vector<uint32_t>(1000, SECURITY_ERR_CHANGED), 8, {"priv-1"}},
+    };
+    for (const auto& c : cases) {
+        SetUp();
+        fake_daemon().roles = {"priv-1"};
+        fake_daemon().lost_races = c.lost;
+        const char* role = c.verb[0] == 'a' ? "priv-2" : "priv-1";
+        const Result result = quillsec({"role", c.verb, "root", role});
+        EXPECT_EQ(c.exit, result.exit) << result.err;
+        EXPECT_EQ(c.roles, fake_daemon().roles);
+        EXPECT_EQ(c.exit == 8, result.err.find("others keep changing the list") != std::string::npos);
+    }
 }
 
 TEST_F(Secrets, VerifyByExitCode) {

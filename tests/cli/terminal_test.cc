@@ -117,7 +117,7 @@ class TypedSecret : public FakeDaemonTest {
     void SetUp() override {
         FakeDaemonTest::SetUp();
         const StandardInput given("right");
-        ASSERT_EQ(0, quillsec({"secret", "set", "3", "--stdin"}).exit);
+        ASSERT_EQ(0, quillsec({"secret", "set", "3", "--stdin", "--accept-weak"}).exit);
     }
 };
 
@@ -135,7 +135,7 @@ TEST_F(TypedSecret, IsAskedForTwiceAndNeverShown) {
         {"hun\x7fnter2", "hunter2", 0, "3      set     hash"},  // corrected on the way
     };
     for (const auto& c : cases) {
-        Screen screen({"secret", "set", "3"});
+        Screen screen({"secret", "set", "3", "--accept-weak"});
         ASSERT_TRUE(screen.shows(kPrompt));
         screen.types(std::string(c.first) + "\n");
         ASSERT_TRUE(screen.shows(kAgain)) << screen.all();
@@ -163,7 +163,7 @@ TEST_F(TypedSecret, IsRefusedLikeAnyOther) {
         {too_long + "more\n", 6, "the secret is too long"},
     };
     for (const auto& c : cases) {
-        Screen screen({"secret", "set", "3"});
+        Screen screen({"secret", "set", "3", "--accept-weak"});
         ASSERT_TRUE(screen.shows(kPrompt));
         screen.types(c.typed);
         EXPECT_TRUE(screen.shows(c.says)) << screen.all();
@@ -182,7 +182,7 @@ TEST_F(TypedSecret, IsAskedForOnceToVerify) {
 }
 
 TEST_F(TypedSecret, InterruptionsFindTheTerminalAsItWas) {
-    Screen screen({"secret", "set", "3"});
+    Screen screen({"secret", "set", "3", "--accept-weak"});
     ASSERT_TRUE(screen.shows(kPrompt));
     screen.types("hun\x1a");
     EXPECT_TRUE(screen.shows("[stopped by 20, echo on, 0 bytes left]")) << screen.all();

@@ -52,7 +52,7 @@ TEST_F(SecurityDaemon, RunsOnce) {
     Daemon first;
     ASSERT_TRUE(first.ready()) << first.log();
     EXPECT_EQ(1, run_daemon_command({}, printed));
-    EXPECT_NE(std::string::npos, printed.find("another quillsecurityd is running already; stop it first"))
+    EXPECT_NE(std::string::npos, printed.find("another quillsecurityd of this context is running already"))
         << printed;
     expect_service();
     EXPECT_EQ(first.pid(), RawClient().server());
@@ -181,16 +181,25 @@ TEST_F(SecurityDaemon, OutlivesWritesThatFail) {
 TEST_F(SecurityDaemon, LogsWhatItRefuses) {
     Daemon daemon({"--admin-group", "no-such-group"});
     ASSERT_TRUE(daemon.ready()) << daemon.log();
-    const std::string peer = "uid " + std::to_string(getuid()) + ", pid " + std::to_string(getpid());
+    const std::string by = ", by uid " + std::to_string(getuid()) + " pid " + std::to_string(getpid());
     RawClient client;
     EXPECT_EQ(reply_frame(SECURITY_ERR_REQUEST_TYPE, ""),
               client.ask(request_frame(4711, 3, "abc", 77, "ann\n'\x7f")));
+    // However much is asked for: who asked is in the line.
+    security_user_roles many{"nobody-here", 64, {}};
+    for (auto& role : many.roles) strcpy(role, "x, by uid 0 pid 1 for 'root' in session 0, and a lot more");
+    client.ask(request_frame(SECURITY_ROLE_ASSIGN_REQUEST, SET_REQ,
+                             std::string(reinterpret_cast<const char*>(&many), sizeof many), 78));
     for (int i = 0; i < 100; ++i) client.ask("rubbish");
     const std::string log = daemon.log();
     EXPECT_NE(std::string::npos, log.find("there is no group no-such-group")) << log;
-    EXPECT_NE(std::string::npos,
-              log.find("type 4711, operation 3, 155 bytes from " + peer + " (for 'ann...', session 77)"))
+    EXPECT_NE(std::string::npos, log.find("the daemon does not serve requests of this type" + by +
+                                          " for 'ann...' in session 77"))
         << log;
+    EXPECT_NE(std::string::npos,
+              log.find(" refused: the record does not exist" + by + " for '' in session 78"))
+        << log;
+    EXPECT_EQ(std::string::npos, log.find("by uid 0 pid 1 ")) << log;
     EXPECT_GT(60, std::count(log.begin(), log.end(), '\n')) << "rubbish does not fill the log";
 }
 

@@ -13,28 +13,15 @@
 #include "platform/mts/broadcast.h"
 #include "quillplatform.h"
 #include "quillsecurity.h"
+#include "tests/fakes/log.h"
 
 namespace {
 
 bool sha1_is_broken = false;
-std::vector<std::string> logged;
 
 }  // namespace
 
 const EVP_MD* EVP_sha1() { return EVP_get_digestbyname(sha1_is_broken ? "SHA256" : "SHA1"); }
-
-// Lines of the library come by the first name, those of the daemon by either, as it was compiled.
-#define TAKE_LINE                                    \
-    char text[512];                                  \
-    va_list arguments;                               \
-    va_start(arguments, format);                     \
-    vsnprintf(text, sizeof text, format, arguments); \
-    va_end(arguments);                               \
-    logged.emplace_back(text)
-extern "C" {
-__attribute__((visibility("default"))) void syslog(int, const char* format, ...) { TAKE_LINE; }
-__attribute__((visibility("default"))) void __syslog_chk(int, int, const char* format, ...) { TAKE_LINE; }
-}
 
 namespace {
 
@@ -63,12 +50,12 @@ TEST(Announcements, CarryTheRolesInUse) {
         const std::string names(got.role_set.roles[0], sizeof got.role_set.roles);
         EXPECT_EQ(std::string(65 * carried, 'x') + std::string(65 * (64 - carried), '\0'), names) << given;
     }
-    EXPECT_EQ("Password changed for user amy", logged.back());
+    EXPECT_EQ("85 Password changed for user amy", log_lines().back());
     quill_mts_close(handle);
     quill::announce_user_change(5, "amy", roles);
-    EXPECT_EQ("a change of user amy could not be announced: error 9", logged.back());
+    EXPECT_EQ("3 a change of user amy could not be announced: error 9", log_lines().back());
     quill::announce_on(0);
-    logged.clear();
+    log_lines().clear();
 }
 
 security_self_test_results results(uint32_t operation) {
@@ -79,7 +66,7 @@ security_self_test_results results(uint32_t operation) {
 
 TEST(SelfTests, AreRunOnRequestAndToldApart) {
     quill::Server server({});
-    quill::Broadcast broadcast(server.loop(), 0);
+    quill::Broadcast broadcast(server.loop(), 0, 1);
     security_self_test_results record;
     EXPECT_EQ(SECURITY_ERR_MISSING_ARGUMENT, quill::self_test_results(0, SET_REQ, &record));
     quill::serve_self_tests(broadcast);
@@ -95,12 +82,12 @@ TEST(SelfTests, AreRunOnRequestAndToldApart) {
             EXPECT_EQ(i == 0 ? 1 - broken : 1, record.entries[i].passed) << i;
         }
     }
-    EXPECT_EQ((std::vector<std::string>{"7 self-tests run, 0 failed", "self-test sha-1 failed",
-                                        "7 self-tests run, 1 failed"}),
-              logged);
+    EXPECT_EQ((std::vector<std::string>{"6 7 self-tests run, 0 failed", "2 self-test sha-1 failed",
+                                        "2 7 self-tests run, 1 failed"}),
+              log_lines());
 
     // Requests and answers that are none change nothing.
-    logged.clear();
+    log_lines().clear();
     const std::pair<uint32_t, std::string> cases[] = {{55, ""},
                                                       {55, std::string("\1\0\1\0", 4)},
                                                       {55, std::string("\2\0\1\0\1\0\0\0", 8)},
@@ -109,7 +96,7 @@ TEST(SelfTests, AreRunOnRequestAndToldApart) {
     for (const auto& [sap, payload] : cases)
         EXPECT_EQ(0, mts_send(broadcast.handle(), MTS_THIS_NODE, sap, 2213, payload.data(),
                               static_cast<uint32_t>(payload.size()), 0, 0, 0));
-    EXPECT_EQ(std::vector<std::string>{"the answer of the self-test service cannot be read"}, logged);
+    EXPECT_EQ(std::vector<std::string>{"3 the answer of the self-test service cannot be read"}, log_lines());
     const auto kept = results(GET_REQ);
     EXPECT_EQ(0, memcmp(&record, &kept, sizeof record));
     EXPECT_EQ(0u, results(DEL_REQ).num_entries);

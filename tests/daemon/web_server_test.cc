@@ -64,7 +64,8 @@ class WebServerRequests : public testing::Test {
     uint32_t ask(uint32_t type, uint32_t operation, Record& record, bool administrator = true) {
         quill::Request request{type,         operation, 0, "", reinterpret_cast<unsigned char*>(&record),
                                sizeof record};
-        return quill::dispatch(quill::routes(), store, {true, administrator, 1000, 1}, request).status;
+        quill::ConnectionState state;
+        return quill::dispatch(quill::routes(), store, {true, administrator, 1000, 1}, state, request).status;
     }
 
     uint32_t send(uint32_t item, const std::string& text) {

@@ -15,7 +15,7 @@
 
 namespace {
 
-quill::Answer announce(const quill::Peer&, quill::Request& request) {
+quill::Answer announce(const quill::Peer&, quill::ConnectionState&, quill::Request& request) {
     security_user_roles roles{};
     roles.num_roles = 2;
     strcpy(roles.roles[0], "network-operator");
@@ -28,7 +28,7 @@ int serve() {
     std::string reason;
     if (!quill::take_runtime_directory(reason)) return 1;
     quill::Server server({0, announce, [] { return true; }, [] {}});
-    quill::Broadcast broadcast(server.loop(), 0);
+    quill::Broadcast broadcast(server.loop(), 0, 1);
     quill::announce_on(broadcast.handle());
     if (!server.listen() || !broadcast.listen()) return 1;
     server.run();

@@ -1,4 +1,4 @@
-// A fresh world for each test of the library.
+// Test fixture: a new world for each test.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,8 +1,8 @@
-// What the code under test says to syslog(3), which is the test's where log.cc is among its sources.
+// The log of the code under test. Programs with log.cc among their sources replace syslog(3).
 #pragma once
 
 #include <string>
 #include <vector>
 
-// Its lines, each with its priority before it.
+// The lines logged so far, each after its priority.
 std::vector<std::string>& log_lines();

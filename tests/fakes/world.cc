@@ -9,7 +9,7 @@
 
 #include "quillsecurity/status.h"
 
-// For whoever brings one of his own.
+// Weak, for tests that define their own.
 #pragma weak security_cmi
 #pragma weak security_cmi2
 #pragma weak vsh_xml_parse_uri
@@ -34,7 +34,7 @@ std::string name_key(uint32_t table, const std::string& name) {
 
 namespace {
 
-// What the store hands out lies here and is spoilt by the next call, so that nobody keeps it.
+// Keys and values that the store returned. The next call overwrites them, so that tests find uses after it.
 struct HandedOut {
     std::string key, value;
     pss_descriptor key_descriptor{}, value_descriptor{};
@@ -44,7 +44,7 @@ struct HandedOut {
     }
 } handed_out;
 
-std::optional<std::string> cursor;  // the key on which it stands
+std::optional<std::string> cursor;  // the key that it is at
 
 std::string bytes_of(const pss_descriptor* run) {
     return {static_cast<const char*>(run->bytes), run->length};
@@ -56,7 +56,7 @@ pss_descriptor* hand_out(std::string& slot, pss_descriptor& descriptor, const st
     return &descriptor;
 }
 
-// Notes the call; the status that the test wants it to give.
+// Records the call. Returns the status that the test has set for it.
 uint32_t begin(const char* name, const std::string& arguments = "") {
     World& w = world();
     handed_out.spoil();
@@ -87,7 +87,7 @@ uint32_t pss2_open(const char* name, uint32_t flags, uint32_t mode, uint32_t zer
     snprintf(arguments, sizeof arguments, "%s %u %u %u [%x %x %x %x]", name, flags, mode, zero, parameters[0],
              parameters[1], parameters[2], parameters[3]);
     *status = begin("pss2_open", arguments);
-    // A handle of its own for each attempt shows which of them reached the caller.
+    // A different handle for each attempt, to tell which one the caller received.
     return *status == SECURITY_OK ? kHandle : 1000 + flags;
 }
 
@@ -170,7 +170,7 @@ int32_t security_cmi(int32_t request_type, uint32_t operation, void* request, vo
     const auto scripted = w.replies.find(w.requests.size());
     const Reply& answer = scripted == w.replies.end() ? w.reply : scripted->second;
     w.requests.push_back({request_type, operation, record, connection, security_cmi_timeout});
-    *length = 0;  // whatever comes back: the library does not look
+    *length = 0;  // the library must not use it
     if (answer.status < 0) {
         errno = answer.error;
         return answer.status;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "quillplatform/shell.h"
+#include "quillsecurity/records.h"
 #include "quillsecurity/status.h"
 #include "tests/platform/server_process.h"
 
@@ -108,8 +109,8 @@ TEST_F(Channel, TheBytesOfARequest) {
         security_cmi_session_id = 0;
     }
     ASSERT_EQ(3u, seen.size());
-    EXPECT_EQ(std::string("QSEC\0\0\0\1\0\0\0\xa1\0\0\0\3\1\2\3\4\0\0\0\x9", 24) + std::string(128, '\0') +
-                  std::string("\0\xff record", 9),
+    EXPECT_EQ(std::string("QSEC\0\0\0\2\0\0\0\xa1\0\0\0\3\1\2\3\4\0\0\0\1\0\0\0\x9", 28) +
+                  std::string(128, '\0') + std::string("\0\xff record", 9),
               seen[0]);
     EXPECT_EQ(request_frame(283649, 4, "", 0x01020304, std::string(127, 'n')), seen[1]);
     EXPECT_EQ(request_frame(0xffffffff, 2, "ab", 0x01020304, "admin"), seen[2]);
@@ -252,6 +253,58 @@ TEST_F(Channel, AForkedChildHasItsOwnConnection) {
     EXPECT_EQ("after", ask(kEcho, "after").record);
 }
 
+// What a process read in order to change it is stored on the same connection or not at all; the daemon that
+// it was read from compares the two.
+TEST_F(Channel, AListThatWasReadOnALostConnectionIsNotStored) {
+    constexpr int32_t kRoles = SECURITY_ROLE_ASSIGN_REQUEST, kRolesToRead = SECURITY_ROLES_REQUEST,
+                      kLocales = SECURITY_LOCALE_ASSIGN_REQUEST;
+    const auto record_of = [](const std::string& user) {
+        return user + std::string(4292 - user.size(), '\0');
+    };
+    const auto get = [&](int32_t type, const std::string& user) {
+        return ask(type, record_of(user), GET_REQ).status;
+    };
+    const auto set = [&](int32_t type, const std::string& user) {
+        const Outcome outcome = ask(type, record_of(user), SET_REQ);
+        return outcome.status < 0 ? outcome.error : outcome.status;
+    };
+    const auto take = [](const Peer&, Request& request) { return Answer{0, request.length, false}; };
+    auto server = std::make_unique<ServerProcess>(take);
+    const auto restart = [&] { server = std::make_unique<ServerProcess>(take); };
+    EXPECT_EQ(0, get(kRoles, "amy") | get(kLocales, "bob") | get(kRolesToRead, "cid"));
+    EXPECT_EQ(0, set(kRoles, "amy") | set(kLocales, "bob") | set(kRolesToRead, "cid"));
+    const pid_t child =
+        start_child([&] { EXPECT_EQ(ESTALE, set(kRoles, "amy")) << "a connection of its own"; });
+    EXPECT_EQ(0, wait_for(child));
+    EXPECT_EQ(0, set(kRoles, "amy"));
+    server.reset();
+    restart();
+    const struct {
+        const char* what;
+        int32_t type;
+        const char* user;
+        int want;
+    } cases[] = {
+        {"read before", kRoles, "amy", ESTALE},
+        {"by another type about the same list", kRolesToRead, "amy", ESTALE},
+        {"of another kind", kLocales, "amy", 0},
+        {"again, on the new connection", kRoles, "amy", ESTALE},
+        {"locales, read before", kLocales, "bob", ESTALE},
+        {"never read", kRoles, "bob", 0},
+        {"read otherwise", kRoles, "cid", 0},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.want, set(c.type, c.user)) << c.what;
+    EXPECT_EQ(0, ask(kRoles, record_of("amy"), DEL_REQ).status) << "a removal reads nothing";
+    EXPECT_EQ(0, get(kRoles, "amy"));
+    EXPECT_EQ(0, set(kRoles, "amy")) << "read again";
+
+    for (int user = 0; user <= 1024; ++user) get(kRoles, std::to_string(user));
+    server.reset();
+    restart();
+    for (const char* user : {"0", "1024", "amy"}) EXPECT_EQ(ESTALE, set(kRoles, user)) << user;
+    EXPECT_EQ(0, get(kRoles, "0") | set(kRoles, "0"));
+}
+
 TEST_F(Channel, WhomTheClientActsForIsTold) {
     ServerProcess server(answer);
     security_cmi_username = "admin";
@@ -275,14 +328,14 @@ TEST_F(Channel, MalformedFramesAreRefusedAndTheConnectionLivesOn) {
     const std::pair<const char*, std::string> cases[] = {
         {"one byte", "Q"},
         {"half a head", good.substr(0, 100)},
-        {"a head less one", good.substr(0, 151)},
+        {"a head less one", good.substr(0, 155)},
         {"wrong magic", changed(0, "QSED")},
-        {"another version", changed(4, word(2))},
-        {"length one short", changed(20, word(5))},
-        {"length one over", changed(20, word(7))},
-        {"length beyond all", changed(20, word(0xffffffff))},
+        {"another version", changed(4, word(1))},
+        {"length one short", changed(24, word(5))},
+        {"length one over", changed(24, word(7))},
+        {"length beyond all", changed(24, word(0xffffffff))},
         {"the largest and more", request_frame(kEcho, 1, std::string(SECURITY_CMI_MAX_RECORD, 'x')) + "x"},
-        {"user name without an end", changed(24, std::string(128, 'n'))},
+        {"user name without an end", changed(28, std::string(128, 'n'))},
         {"one byte too long", request_frame(kEcho, 1, std::string(SECURITY_CMI_MAX_RECORD + 1, 'x'))},
         {"far too long", request_frame(kEcho, 1, std::string(60000, 'x'))},
     };
@@ -295,6 +348,23 @@ TEST_F(Channel, MalformedFramesAreRefusedAndTheConnectionLivesOn) {
     EXPECT_EQ(reply_frame(0, ""), client.ask(request_frame(kEcho, 1, "")));
     EXPECT_EQ("15", client.ask(request_frame(kCount, 1, "")).substr(16))
         << "no handler saw the malformed ones";
+}
+
+// A process that changes its context looks for that context's daemon. A daemon that it reaches by mistake,
+// here over a link, does nothing for it, whatever else the frame holds.
+TEST_F(Channel, ContextsAreKeptApart) {
+    ServerProcess server(answer);
+    EXPECT_EQ("1", ask(kCount, "").record);
+    setenv("SYSMGR_VDC_ID", "2", 1);
+    EXPECT_EQ(ENOENT, ask(kCount, "").error);
+    ASSERT_EQ(0, symlink(".", (box.run() + "/vdc_2").c_str()));
+    EXPECT_EQ(static_cast<int32_t>(SECURITY_ERR_CONTEXT), ask(kCount, "").status);
+    unsetenv("SYSMGR_VDC_ID");
+    const std::string other = request_frame(kCount, 1, "", 0, "", 2);
+    EXPECT_EQ(reply_frame(SECURITY_ERR_CONTEXT, ""), RawClient().ask(other));
+    EXPECT_EQ(reply_frame(SECURITY_ERR_CONTEXT, ""),
+              RawClient().ask(std::string(other).replace(28, 128, 128, 'n')));
+    EXPECT_EQ("2", ask(kCount, "").record) << "no handler saw them";
 }
 
 TEST_F(Channel, NobodyIsDelayedByTheOthers) {

@@ -58,7 +58,42 @@ TEST_F(Hook, RunsInTurnWithoutAShellBetween) {
     EXPECT_EQ("0022\nLC_ALL=C\nPATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin\n", seen);
 }
 
-TEST_F(Hook, ThatHasNoKeeperIsNotStarted) {
+// One runs, one waits, and the one that waits does not outlive the daemon.
+TEST_F(Hook, DoesNotQueue) {
+    const std::string slow = hook("slow", "echo ran >>ran; while [ ! -e go ]; do sleep 0.02; done\n");
+    const auto supervisors = [this] {
+        namespace fs = std::filesystem;
+        int count = 0;
+        std::error_code gone;
+        for (const auto& process : fs::directory_iterator("/proc"))
+            for (const auto& file : fs::directory_iterator(process.path() / "fd", gone))
+                count += fs::read_symlink(file, gone) == box.run() + "/hooks.lock";
+        return count;
+    };
+    const auto start_often = [&] {
+        for (int i = 0; i < 40; ++i) EXPECT_TRUE(quill::start_hook(slow, box / ""));
+        EXPECT_TRUE(comes("ran"));
+        EXPECT_TRUE(quill::start_hook(slow, box / "")) << "the one that waits";
+        EXPECT_GE(2, supervisors());
+    };
+    const auto come_to_an_end = [&] {
+        write_file(box / "go", "");
+        for (int i = 0; i < 300 && supervisors() != 0; ++i) sleep_for(0.01);
+        EXPECT_EQ(0, supervisors());
+        std::filesystem::remove(box / "go");
+    };
+    start_often();
+    come_to_an_end();
+    EXPECT_EQ("ran\nran\n", read_file(box / "ran"));
+    std::filesystem::remove(box / "ran");
+    EXPECT_EQ(0, in_child(start_often));
+    for (int i = 0; i < 300 && supervisors() > 1; ++i) sleep_for(0.01);
+    EXPECT_EQ(1, supervisors());
+    come_to_an_end();
+    EXPECT_EQ("ran\n", read_file(box / "ran"));
+}
+
+TEST_F(Hook, WithoutASupervisorIsNotStarted) {
     const std::string path = hook("none", "touch ran\n");
     for (const int forks : {0, 1}) {
         forks_left = forks;

@@ -52,7 +52,7 @@ quill::Answer send_on(const quill::Peer&, quill::Request& request) {
 // record as payload. At service point 55 it answers itself, to 56.
 ServerProcess fan_out(gid_t administrators = 0) {
     return ServerProcess(send_on, administrators, [=](quill::Server& server) {
-        static quill::Broadcast broadcast(server.loop(), administrators);
+        static quill::Broadcast broadcast(server.loop(), administrators, 1);
         sender = broadcast.handle();
         broadcast.serve(55, [](const void* message) {
             mts_send(sender, MTS_THIS_NODE, 56, mts_opc_get(message) + 1, mts_payload_get(message),
@@ -171,13 +171,13 @@ int knock() {
 TEST_F(Transport, ListenersCannotSpeak) {
     const ServerProcess fanout = fan_out();
     Listener listener;
-    const std::string subscription = "QMTS" + word(1) + word(0) + word(0);
+    const std::string subscription = "QMTS" + word(2) + word(1) + word(0) + word(0);
     const std::vector<std::string> cases[] = {
         {""},
         {"rubbish"},
         {subscription + "x"},
-        {"QMTS" + word(2) + word(0) + word(0)},
-        {subscription, "QMTS" + word(1) + word(173) + word(0) + word(3) + "amy"},
+        {"QMTS" + word(1) + word(1) + word(0) + word(0)},
+        {subscription, "QMTS" + word(2) + word(173) + word(0) + word(3) + "amy"},
         {subscription, subscription},
     };
     for (const auto& says : cases) {
@@ -192,6 +192,15 @@ TEST_F(Transport, ListenersCannotSpeak) {
     }
     EXPECT_EQ(0, send("still here"));
     EXPECT_EQ("173 still here", listener.next());
+}
+
+TEST_F(Transport, ListenersOfOtherContextsAreTurnedAway) {
+    const ServerProcess fanout = fan_out();
+    ASSERT_EQ(0, symlink(".", (std::string(getenv("QUILL_RUNTIME_DIR")) + "/vdc_2").c_str()));
+    setenv("SYSMGR_VDC_ID", "2", 1);
+    EXPECT_EQ(EXDEV, Listener().error);
+    unsetenv("SYSMGR_VDC_ID");
+    EXPECT_EQ(0, Listener().error);
 }
 
 TEST_F(Transport, PlacesAreLimitedAndAdministratorsOnly) {

@@ -1,4 +1,4 @@
-// The small pieces of the platform: trace history, configuration, texts of statuses.
+// Trace history, configuration, file names and texts of statuses.
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -14,14 +14,15 @@
 
 namespace {
 
-// ---- Traces. Each test is a process of its own, so the history begins empty and $QUILL_TRACE is yet unread.
+// ---- Traces. Each test runs in a process of its own, where the history is empty and $QUILL_TRACE was not
+// read yet.
 
 void trace(const std::string& text) {
     const std::string event = std::string("\x66\0\0\0", 4) + text;
     sdwrap_hist_event(0x730000, static_cast<uint32_t>(event.size()), event.data());
 }
 
-// The dumped lines without their time.
+// The lines of a dump of the history, without their time.
 std::vector<std::string> dumped() {
     const int file = memfd_create("dump", 0);
     EXPECT_EQ(0, quill_trace_dump(file));
@@ -37,7 +38,7 @@ std::vector<std::string> dumped() {
     return lines;
 }
 
-void traces_keep_the_last_512() {
+void check_capacity() {
     EXPECT_TRUE(dumped().empty());
     for (int i = 0; i < 700; ++i) trace(std::to_string(i));
     const auto lines = dumped();
@@ -47,20 +48,32 @@ void traces_keep_the_last_512() {
     EXPECT_EQ(EBADF, errno);
 }
 
-void traces_are_bounded_and_harmless() {
+void check_escaping_and_length() {
     trace(std::string(5000, 'x'));
     trace("ends\nhere\r\x1b[2Jand\x7f");
+    trace(
+        "\xc2\x9b"
+        "2J \xe2\x80\xaegpj.\xe2\x80\xa8 \xff\xc3( caf\xc3\xa9 \xf0\x9f\x94\x91");
+    trace(std::string(511, 'x') + "\xc3\xa9");  // cut within a character
     trace(std::string("up to\0the end", 13));
     trace("");
     sdwrap_hist_event(0, 2, "ab");
     sdwrap_hist_event(0, 0, "");
-    EXPECT_EQ((std::vector<std::string>{std::string(512, 'x'), "ends.here..[2Jand.", "up to", "", "", ""}),
-              dumped());
+    const std::vector<std::string> want{
+        std::string(512, 'x'),
+        "ends\\x0ahere\\x0d\\x1b[2Jand\\x7f",
+        "\\xc2\\x9b2J \\xe2\\x80\\xaegpj.\\xe2\\x80\\xa8 \\xff\\xc3( caf\xc3\xa9 \xf0\x9f\x94\x91",
+        std::string(511, 'x') + "\\xc3",
+        "up to",
+        "",
+        "",
+        ""};
+    EXPECT_EQ(want, dumped());
 }
 
 TEST(Traces, TheHistory) {
-    EXPECT_EQ(0, in_child(traces_keep_the_last_512));
-    EXPECT_EQ(0, in_child(traces_are_bounded_and_harmless));
+    EXPECT_EQ(0, in_child(check_capacity));
+    EXPECT_EQ(0, in_child(check_escaping_and_length));
 }
 
 TEST(Traces, TheEnvironmentChoosesTheSinks) {
@@ -93,7 +106,7 @@ TEST(Traces, MessagesGoToStandardErrorUnderTheirModulesName) {
 
 struct Settings {
     int32_t vdc;
-    int32_t card;  // -1: not to be read
+    int32_t card;  // -1: not configured
     std::vector<uint16_t> telnet;
 };
 
@@ -115,13 +128,13 @@ void expect_settings(const std::string& file, const char* environment, const Set
     EXPECT_EQ(0, ended) << file << (environment == nullptr ? "" : environment);
 }
 
-TEST(Configuration, ItsLines) {
+TEST(Configuration, Lines) {
     const std::string good = "[system]\nvdc_id = 7\ncard_type = 65535\ntelnet_card_types = 12, 13,0\n";
     expect_settings("", nullptr, {1, -1, {}});
     expect_settings(good, nullptr, {7, 65535, {12, 13, 0}});
     expect_settings("; a comment\n\n[system]\ncard_type=0 ; zero is a type\n", nullptr, {1, 0, {}});
     expect_settings("[other]\nvdc_id = 7\n[system]\n", nullptr, {1, -1, {}});
-    // What is not understood leaves everything else as it was.
+    // An invalid line leaves all other settings unchanged.
     for (const char* garbage :
          {"vdc_id = 0", "vdc_id = 100", "vdc_id = 7x", "vdc_id =", "card_type = -1", "card_type = 65536",
           "card_type = twelve", "telnet_card_types = 5, x", "telnet_card_types = 70000", "no such name = 1",
@@ -129,7 +142,7 @@ TEST(Configuration, ItsLines) {
         expect_settings(good + garbage + "\n", nullptr, {7, 65535, {12, 13, 0}});
 }
 
-TEST(Configuration, TheEnvironmentGoesFirst) {
+TEST(Configuration, TheEnvironmentTakesPrecedence) {
     const std::string file = "[system]\nvdc_id = 7\n";
     for (const char* value : {"1", "99", "42"}) expect_settings(file, value, {atoi(value), -1, {}});
     for (const char* value : {"0", "100", "-1", "", "7 ", "x", "4294967297", "0x10"})
@@ -166,15 +179,16 @@ TEST(FileNames, AreSplitAtTheFirstColon) {
 
 // ---- Texts
 
-TEST(StatusTexts, EveryStatusHasItsOwn) {
+TEST(StatusTexts, EveryStatusHasAText) {
 #define ROW(name, value, text) value,
     std::vector<uint32_t> seen{SECURITY_STATUS_LIST(ROW) PSS_STATUS_LIST(ROW)};
 #undef ROW
     EXPECT_STREQ("the daemon has too many clients", syserr2str(SECURITY_ERR_BUSY));
     EXPECT_STREQ("no space left on the store's device", syserr2str(PSS_FULL));
     std::sort(seen.begin(), seen.end());
-    // Success and "no key" stand in both lists.
-    EXPECT_EQ(seen.end() - 2, std::unique(seen.begin(), seen.end())) << "one status, one meaning";
+    // Success and "no key" are in both lists.
+    EXPECT_EQ(seen.end() - 2, std::unique(seen.begin(), seen.end()))
+        << "each other status is in one list only";
 }
 
 TEST(StatusTexts, Others) {

@@ -37,7 +37,10 @@ class ServerProcess {
         int ends[2];
         if (pipe(ends) != 0) return;
         pid_ = start_child([&] {
-            quill::Server server({administrators, answer, [] { return true; }, [] {}});
+            quill::Server server({administrators,
+                                  [&](const quill::Peer& peer, quill::ConnectionState&,
+                                      quill::Request& request) { return answer(peer, request); },
+                                  [] { return true; }, [] {}});
             prepare(server);
             if (!server.listen() || write(ends[1], "", 1) != 1) _exit(2);
             close(ends[1]);

@@ -1,4 +1,5 @@
-// The files of the SQLite store: who may open what, what is refused and stays as it was.
+// The files of the SQLite store: their modes, which are opened, and which are refused and left unchanged.
+// Damage to whole pages is tested by tests/torture/disk_torture.cc.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -25,14 +26,12 @@ class SqliteFiles : public testing::Test {
 
     uint32_t open(uint32_t flags = PSS_READ_WRITE | PSS_CREATE, const std::string& name = "s",
                   uint32_t version = kVersion) {
-        const uint32_t parameters[4] = {0, 0, 0, version};
-        uint32_t status = 0x55;
-        handle = pss2_open(name.c_str(), flags, 42, 0, parameters, &status);
+        const uint32_t status = open_store(handle, name, flags, version);
         EXPECT_EQ(status == PSS_OK, handle != 0);
         return status;
     }
 
-    // A closed store with one record; the version 0 is that of a store without a stamp.
+    // Creates and closes a store with one record. A store without a version has version 0.
     void make_store(uint32_t version = kVersion) {
         ASSERT_EQ(PSS_OK, open());
         ASSERT_EQ(PSS_OK, put(handle, "key", "value"));
@@ -40,8 +39,8 @@ class SqliteFiles : public testing::Test {
         ASSERT_EQ(PSS_OK, pss2_close(handle));
     }
 
-    // Behind the store's back.
-    void as_sqlite(const char* statement) {
+    // Changes the file with SQLite, without the store.
+    void run_sql(const char* statement) {
         sqlite3* database = nullptr;
         EXPECT_EQ(SQLITE_OK, sqlite3_open(file.c_str(), &database));
         EXPECT_EQ(SQLITE_OK, sqlite3_exec(database, statement, nullptr, nullptr, nullptr)) << statement;
@@ -53,8 +52,8 @@ class SqliteFiles : public testing::Test {
     uint32_t handle = 0;
 };
 
-TEST_F(SqliteFiles, AreTheOwnersAloneWhateverTheMask) {
-    const auto look = [&](mode_t mask) {
+TEST_F(SqliteFiles, AreReadableByTheOwnerOnlyWhateverTheUmask) {
+    const auto check = [&](mode_t mask) {
         umask(mask);
         ASSERT_EQ(PSS_OK, open());
         ASSERT_EQ(PSS_OK, put(handle, "key", "value"));
@@ -63,13 +62,13 @@ TEST_F(SqliteFiles, AreTheOwnersAloneWhateverTheMask) {
         EXPECT_EQ("0600", mode_of(file + "-wal"));
     };
     for (const mode_t mask : {0u, 077u, 0777u}) {
-        const int ended = in_child([&] { look(mask); });
+        const int ended = in_child([&] { check(mask); });
         EXPECT_EQ(0, ended) << mask;
         std::filesystem::remove_all(box.state());
     }
 }
 
-TEST_F(SqliteFiles, NothingIsMadeWithoutTheCreateFlag) {
+TEST_F(SqliteFiles, NothingIsCreatedWithoutTheFlag) {
     EXPECT_EQ(PSS_NO_STORE, open(PSS_READ_WRITE));
     EXPECT_EQ("none", mode_of(box.state()));
     mkdir(box.state().c_str(), 0700);
@@ -80,7 +79,7 @@ TEST_F(SqliteFiles, NothingIsMadeWithoutTheCreateFlag) {
     EXPECT_EQ(PSS_OK, open());
 }
 
-TEST_F(SqliteFiles, FoldersThatWillNotDo) {
+TEST_F(SqliteFiles, UnsuitableFolders) {
     const std::string state = box.state();
     setenv("QUILL_STATE_DIR", (box / "missing/state").c_str(), 1);
     EXPECT_EQ(PSS_MISSING, open());
@@ -96,8 +95,8 @@ TEST_F(SqliteFiles, FoldersThatWillNotDo) {
         mkdir(state.c_str(), 0700);
         chmod(state.c_str(), mode);
         EXPECT_EQ(PSS_UNSAFE, open()) << "open to others";
-        EXPECT_EQ(mode, strtoul(mode_of(state).c_str(), nullptr, 8)) << "left as it is";
-        EXPECT_EQ(0, rmdir(state.c_str())) << "nothing was put there";
+        EXPECT_EQ(mode, strtoul(mode_of(state).c_str(), nullptr, 8)) << "unchanged";
+        EXPECT_EQ(0, rmdir(state.c_str())) << "still empty";
     }
     if (geteuid() != 0) GTEST_SKIP() << "only root gives folders away";
     mkdir(state.c_str(), 0700);
@@ -105,7 +104,7 @@ TEST_F(SqliteFiles, FoldersThatWillNotDo) {
     EXPECT_EQ(PSS_UNSAFE, open()) << "of another user";
 }
 
-TEST_F(SqliteFiles, ALooseFileIsTightened) {
+TEST_F(SqliteFiles, AFileOpenToOthersIsClosedToThem) {
     make_store();
     chmod(file.c_str(), 0644);
     EXPECT_EQ(PSS_OK, open());
@@ -116,7 +115,7 @@ TEST_F(SqliteFiles, ALooseFileIsTightened) {
     EXPECT_EQ(PSS_UNSAFE, open());
 }
 
-TEST_F(SqliteFiles, NamesThatLeadElsewhereAreRefused) {
+TEST_F(SqliteFiles, InvalidNamesAreRefused) {
     for (const std::string& name :
          {std::string(), std::string(".."), std::string("."), std::string(".hidden"), std::string("../s"),
           std::string("a/b"), std::string("/etc/s"), std::string("a b"), std::string("s\n"),
@@ -127,10 +126,10 @@ TEST_F(SqliteFiles, NamesThatLeadElsewhereAreRefused) {
     EXPECT_EQ(PSS_OK, open(PSS_READ_WRITE | PSS_CREATE, "A-z_0.9"));
 }
 
-TEST_F(SqliteFiles, OneOpenAtATime) {
+TEST_F(SqliteFiles, OnlyOneProcessAndHandleOpensAStore) {
     make_store();
-    // Another process, born before this one holds anything. For each pair of bytes it opens the store, tells
-    // how that went, and closes it at the second.
+    // Another process, forked before this one opens anything. For the first of two bytes it opens the store
+    // and sends the status, for the second it closes it.
     int orders[2], answers[2];
     ASSERT_TRUE(pipe(orders) == 0 && pipe(answers) == 0);
     const pid_t other = start_child([&] {
@@ -152,7 +151,7 @@ TEST_F(SqliteFiles, OneOpenAtATime) {
     while (open() == PSS_IN_USE) sleep_for(0.001);
     const uint32_t first = handle;
     EXPECT_EQ(PSS_IN_USE, open()) << "by another handle";
-    EXPECT_EQ(PSS_IN_USE, opened_by_other()) << "the attempt has not loosened the lock";
+    EXPECT_EQ(PSS_IN_USE, opened_by_other()) << "the second attempt has not released the lock";
     EXPECT_EQ("value", fetch(first, "key"));
     EXPECT_EQ(PSS_OK, pss2_close(first));
     EXPECT_EQ(PSS_OK, open());
@@ -173,7 +172,7 @@ TEST_F(SqliteFiles, StoresDoNotShareHandlesBytesOrRecords) {
     uint32_t status = 0;
     const pss_descriptor* found = pss2_fetch(1, &key, &status);
     EXPECT_EQ("of 2", fetch(2, name));
-    EXPECT_EQ("of 1", bytes_of(found)) << "valid until the next call on its own handle";
+    EXPECT_EQ("of 1", bytes_of(found)) << "valid until the next call on the same handle";
     EXPECT_EQ(PSS_OK, pss2_close(3));
     EXPECT_EQ(PSS_BAD_HANDLE, pss2_close(3));
     EXPECT_EQ("[40480001]", fetch(3, name));
@@ -181,7 +180,7 @@ TEST_F(SqliteFiles, StoresDoNotShareHandlesBytesOrRecords) {
     EXPECT_EQ("of 3", fetch(handle, name));
 }
 
-TEST_F(SqliteFiles, KeysAndValuesOutOfBounds) {
+TEST_F(SqliteFiles, InvalidKeysAndValues) {
     ASSERT_EQ(PSS_OK, open());
     const pss_descriptor nothing{nullptr, 5};
     uint32_t status = 0;
@@ -196,11 +195,10 @@ TEST_F(SqliteFiles, KeysAndValuesOutOfBounds) {
     EXPECT_EQ(PSS_BAD_ARGUMENT, pss2_move2key(&handle, PSS_MODE, &nothing, &status));
 }
 
-// Whatever stands under the store's name and is none: refused, with and without the create flag, and every
-// byte of the folder stays.
-TEST_F(SqliteFiles, WhatIsNoStoreIsLeftAsItIs) {
+// With and without the create flag.
+TEST_F(SqliteFiles, AnythingButAStoreIsRefusedAndLeftUnchanged) {
     const auto make_foreign = [this] {
-        as_sqlite(
+        run_sql(
             "PRAGMA journal_mode=WAL; CREATE TABLE record(key BLOB, value BLOB);"
             "INSERT INTO record VALUES('k', 'v')");
     };
@@ -210,8 +208,8 @@ TEST_F(SqliteFiles, WhatIsNoStoreIsLeftAsItIs) {
     } cases[] = {
         {"a database of another program", make_foreign},
         {"text", [this] { write_file(file, "user=admin\n", 0644); }},
-        {"nothing at all", [this] { write_file(file, ""); }},
-        {"a header cut short", [this] { write_file(file, std::string("SQLite format 3\0", 16)); }},
+        {"an empty file", [this] { write_file(file, ""); }},
+        {"a truncated header", [this] { write_file(file, std::string("SQLite format 3\0", 16)); }},
         {"a folder", [this] { mkdir(file.c_str(), 0700); }},
         {"a pipe", [this] { mkfifo(file.c_str(), 0600); }},
         {"a link to a store",
@@ -220,7 +218,7 @@ TEST_F(SqliteFiles, WhatIsNoStoreIsLeftAsItIs) {
              rename(file.c_str(), (box / "target").c_str());
              ASSERT_EQ(0, symlink((box / "target").c_str(), file.c_str()));
          }},
-        {"a link to nothing", [this] { ASSERT_EQ(0, symlink((box / "nothing").c_str(), file.c_str())); }},
+        {"a dangling link", [this] { ASSERT_EQ(0, symlink((box / "nothing").c_str(), file.c_str())); }},
     };
     for (const auto& c : cases) {
         mkdir(box.state().c_str(), 0700);
@@ -237,16 +235,16 @@ TEST_F(SqliteFiles, WhatIsNoStoreIsLeftAsItIs) {
     }
 }
 
-TEST_F(SqliteFiles, VersionStamps) {
+TEST_F(SqliteFiles, Versions) {
     make_store(0);
-    EXPECT_EQ(PSS_OK, open()) << "never stamped";
+    EXPECT_EQ(PSS_OK, open()) << "without a version";
     EXPECT_EQ(PSS_BAD_ARGUMENT, pss_version_set(handle, 2, kVersion));
     EXPECT_EQ(PSS_OK, pss_version_set(handle, 1, 0xfffffffe));
     pss2_close(handle);
-    EXPECT_EQ(PSS_OK, open(PSS_READ_WRITE, "s", 0xfffffffe)) << "all 32 bits are kept";
+    EXPECT_EQ(PSS_OK, open(PSS_READ_WRITE, "s", 0xfffffffe)) << "all 32 bits are stored";
     pss2_close(handle);
 
-    // One record is in its log alone.
+    // One record is only in the write-ahead log.
     in_child([&] {
         open(PSS_READ_WRITE, "s", 0xfffffffe);
         put(handle, "late", "in the log");
@@ -256,30 +254,31 @@ TEST_F(SqliteFiles, VersionStamps) {
     EXPECT_EQ(2u, before.size());
     EXPECT_EQ(PSS_WRONG_VERSION, open());
     EXPECT_EQ(PSS_WRONG_VERSION, open(PSS_READ_WRITE));
-    EXPECT_TRUE(before == files_in(box.state())) << "left as it is";
+    EXPECT_TRUE(before == files_in(box.state())) << "unchanged";
     EXPECT_EQ(PSS_OK, open(PSS_READ_WRITE, "s", 0xfffffffe));
     EXPECT_EQ("value", fetch(handle, "key"));
     EXPECT_EQ("in the log", fetch(handle, "late"));
 }
 
-TEST_F(SqliteFiles, ACopyWithoutALogGetsOneAgain) {
+TEST_F(SqliteFiles, ACopyInAnotherJournalModeIsChangedToWal) {
     make_store();
-    as_sqlite("PRAGMA journal_mode=DELETE");
+    run_sql("PRAGMA journal_mode=DELETE");
     EXPECT_EQ(PSS_OK, open());
     EXPECT_EQ(PSS_OK, put(handle, "key", "other"));
     EXPECT_EQ("0600", mode_of(file + "-wal"));
     EXPECT_EQ("none", mode_of(file + "-journal"));
 }
 
-// Of key and value together; of "123456789" it is the CRC's published check value.
-TEST_F(SqliteFiles, SumsAreCrc32AsInEveryStoreSoFar) {
+// Of the key followed by the value; existing stores depend on it. This is the published check value of
+// "123456789".
+TEST_F(SqliteFiles, ChecksumsAreCrc32) {
     make_store();
-    as_sqlite("INSERT INTO record VALUES(CAST('1234' AS BLOB), CAST('56789' AS BLOB), 0xCBF43926)");
+    run_sql("INSERT INTO record VALUES(CAST('1234' AS BLOB), CAST('56789' AS BLOB), 0xCBF43926)");
     EXPECT_EQ(PSS_OK, open());
     EXPECT_EQ("56789", fetch(handle, "1234"));
 }
 
-TEST_F(SqliteFiles, ACreationThatWasInterruptedStartsOver) {
+TEST_F(SqliteFiles, AnInterruptedCreationIsRepeated) {
     mkdir(box.state().c_str(), 0700);
     for (const char* suffix : {"", "-journal", "-wal"})
         write_file(file + ".new" + suffix, "half of it", 0644);
@@ -287,10 +286,10 @@ TEST_F(SqliteFiles, ACreationThatWasInterruptedStartsOver) {
     ASSERT_EQ(PSS_OK, open());
     EXPECT_EQ(PSS_OK, put(handle, "key", "value"));
     pss2_close(handle);
-    EXPECT_EQ(1u, files_in(box.state()).size()) << "nothing is left over";
+    EXPECT_EQ(1u, files_in(box.state()).size()) << "only the store";
 }
 
-TEST_F(SqliteFiles, ProcessesThatCreateAtOnceGetOneWholeStore) {
+TEST_F(SqliteFiles, ConcurrentCreationsYieldOneStore) {
     mkdir(box.state().c_str(), 0700);
     for (int round = 0; round < 20; ++round) {
         std::vector<pid_t> others;
@@ -310,8 +309,8 @@ TEST_F(SqliteFiles, ProcessesThatCreateAtOnceGetOneWholeStore) {
     }
 }
 
-// What a call handed out stays valid until the next one, which may be given it.
-TEST_F(SqliteFiles, WhatWasHandedOutMayBeHandedIn) {
+// They are valid until the next call, and for its duration.
+TEST_F(SqliteFiles, ReturnedBytesCanBeArgumentsOfTheNextCall) {
     ASSERT_EQ(PSS_OK, open());
     put(handle, "first", "second");
     put(handle, "second", std::string(300, 'v'));
@@ -319,8 +318,8 @@ TEST_F(SqliteFiles, WhatWasHandedOutMayBeHandedIn) {
     const pss_descriptor key = describe(first);
     for (int round = 0; round < 2; ++round) {
         uint32_t status = 0x55;
-        const pss_descriptor handed_out = *pss2_fetch(handle, &key, &status);
-        EXPECT_EQ(std::string(300, 'v'), bytes_of(pss2_fetch(handle, &handed_out, &status)));
+        const pss_descriptor returned = *pss2_fetch(handle, &key, &status);
+        EXPECT_EQ(std::string(300, 'v'), bytes_of(pss2_fetch(handle, &returned, &status)));
         const pss_descriptor value = *pss2_fetch(handle, &key, &status);
         EXPECT_EQ(PSS_OK, pss2_store(handle, &key, &value));
         EXPECT_EQ("second", fetch(handle, "first"));
@@ -329,8 +328,8 @@ TEST_F(SqliteFiles, WhatWasHandedOutMayBeHandedIn) {
     pss2_close(handle);
 }
 
-// A value whose bytes are others than were stored is not handed out, and the walk goes on behind it.
-TEST_F(SqliteFiles, ADamagedRecordIsAStatusAndNoEnd) {
+// A damaged value is never returned, and the cursor moves on past it.
+TEST_F(SqliteFiles, ADamagedValueIsReported) {
     ASSERT_EQ(PSS_OK, open());
     for (const std::string name : {"a", "b", "c"}) ASSERT_EQ(PSS_OK, put(handle, name, "value of " + name));
     pss2_close(handle);
@@ -350,58 +349,15 @@ TEST_F(SqliteFiles, ADamagedRecordIsAStatusAndNoEnd) {
         EXPECT_EQ(name == "b" ? "(null)" : "value of c", bytes_of(pss2_getvalue(at, &status)));
         EXPECT_EQ(name == "b" ? PSS_CORRUPT : PSS_OK, status);
     }
+    const std::string damaged = "b";
+    const pss_descriptor damaged_key = describe(damaged);
+    for (int i = 0; i < 2; ++i) {  // by a search, and where the cursor is already
+        EXPECT_EQ(PSS_OK, pss2_move2key(&at, PSS_MODE, &damaged_key, &status));
+        EXPECT_EQ("(null)", bytes_of(pss2_getvalue(at, &status)));
+    }
     EXPECT_EQ(PSS_OK, put(handle, "b", "anew"));
     EXPECT_EQ("anew", fetch(handle, "b"));
     pss2_close(handle);
-}
-
-// Damage wherever it is: statuses, never a crash, and never a value that was not stored.
-TEST_F(SqliteFiles, DamageIsAStatus) {
-    ASSERT_EQ(PSS_OK, open());
-    constexpr unsigned kRecords = 150;
-    const auto value_of = [](unsigned i) {
-        return std::string(100 + 13 * i, static_cast<char>('a' + i % 26));
-    };
-    for (unsigned i = 0; i < kRecords; ++i) ASSERT_EQ(PSS_OK, put(handle, numbered("key", i), value_of(i)));
-    pss2_close(handle);
-    const std::string whole = read_file(file);
-    ASSERT_GT(whole.size(), 10 * 4096u);
-
-    int opened = 0, readable = 0;
-    const auto look = [&](const std::string& bytes) {
-        write_file(file, bytes);
-        const uint32_t status = open();
-        if (status != PSS_OK) {
-            EXPECT_TRUE(status == PSS_CORRUPT || status == PSS_NOT_A_STORE || status == PSS_ENGINE)
-                << std::hex << status;
-            return;
-        }
-        ++opened;
-        for (unsigned i = 0; i < kRecords; ++i) {
-            const std::string found = fetch(handle, numbered("key", i));
-            readable += found == value_of(i);
-            EXPECT_TRUE(found == value_of(i) || found[0] == '[') << i;
-        }
-        put(handle, "key", "value");
-        const std::string start = "k";
-        const pss_descriptor key = describe(start);
-        uint32_t at = handle, answer = 0;
-        pss2_move2key(&at, PSS_MODE, &key, &answer);
-        for (unsigned i = 0; i <= kRecords && (i == 0 || answer == PSS_OK); ++i)
-            pss2_move2location(&at, PSS_MODE, PSS_NEXT, &answer);
-        pss2_close(handle);
-    };
-    for (size_t length = 100; length < whole.size(); length += 4096 + 500) look(whole.substr(0, length));
-    for (size_t page = 0; page < whole.size(); page += 4096) {
-        for (const size_t offset : {0u, 3u, 8u, 30u}) {
-            std::string bytes = whole;
-            for (size_t i = page + (page == 0 ? 100 : 0) + offset, end = i + 20; i < end; ++i)
-                bytes[i] = static_cast<char>(0xff - i % 3);
-            look(bytes);
-        }
-    }
-    EXPECT_GT(opened, 20);
-    EXPECT_GT(readable, opened * static_cast<int>(kRecords) / 2) << "what is readable stays readable";
 }
 
 }  // namespace

@@ -11,9 +11,6 @@ uint32_t fresh_store() {
     if (box != nullptr) pss2_close(handle);
     box = nullptr;
     box = std::make_unique<Box>();
-    const uint32_t parameters[4] = {};
-    uint32_t status = 0;
-    handle = pss2_open("contract", PSS_READ_WRITE | PSS_CREATE, 0, 0, parameters, &status);
-    EXPECT_EQ(PSS_OK, status);
+    EXPECT_EQ(PSS_OK, open_store(handle));
     return handle;
 }

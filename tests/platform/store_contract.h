@@ -1,22 +1,22 @@
-// The store's promises as tests, for whichever store is linked: store_contract_test.cc has them, and beside
-// it each store's own file says how to come by a fresh one.
+// The fixture of the tests in store_contract_test.cc, which run once with the SQLite store and once with the
+// fake. A source file for each of them defines fresh_store().
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include "tests/support/store.h"
 
-// The handle of an open and empty store, whatever the one before held.
+// Returns the handle of an open, empty store.
 uint32_t fresh_store();
 
 class StoreContract : public testing::TestWithParam<const char*> {
  protected:
-    // Key and value under the cursor as "key=value", or the status in brackets.
+    // Returns key and value of the record that the cursor is at as "key=value", or describes the failure.
     std::string here() {
         uint32_t status = 0x55;
         const pss_descriptor* found = pss2_getkey(store, &status);
         if (status != PSS_OK)
-            return found == nullptr && value_here() == "" ? bracketed(status) : "not both refused";
+            return found == nullptr && value_here() == "" ? failure(status) : "only one of them failed";
         const std::string key = bytes_of(found);
         return key + "=" + value_here();
     }
@@ -29,21 +29,21 @@ class StoreContract : public testing::TestWithParam<const char*> {
     }
 
     std::string move(const std::string& key) {
-        const pss_descriptor run = describe(key);
+        const pss_descriptor described = describe(key);
         uint32_t handle = store, status = 0x55;
-        const uint32_t answer = pss2_move2key(&handle, PSS_MODE, &run, &status);
-        EXPECT_EQ(answer, status) << "answered and stored";
+        const uint32_t returned = pss2_move2key(&handle, PSS_MODE, &described, &status);
+        EXPECT_EQ(returned, status) << "returned and stored";
         return (status == PSS_OK ? "at " : "after ") + here();
     }
 
     std::string next() {
         uint32_t handle = store, status = 0x55;
-        const uint32_t answer = pss2_move2location(&handle, PSS_MODE, PSS_NEXT, &status);
-        EXPECT_EQ(answer, status) << "answered and stored";
-        return status == PSS_OK ? here() : bracketed(status);
+        const uint32_t returned = pss2_move2location(&handle, PSS_MODE, PSS_NEXT, &status);
+        EXPECT_EQ(returned, status) << "returned and stored";
+        return status == PSS_OK ? here() : failure(status);
     }
 
-    static std::string bracketed(uint32_t status) { return status == PSS_NO_KEY ? "none" : "failed"; }
+    static std::string failure(uint32_t status) { return status == PSS_NO_KEY ? "none" : "failed"; }
 
     const uint32_t store = fresh_store();
 };

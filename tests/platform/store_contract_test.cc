@@ -1,4 +1,5 @@
-// What every store keeps to, the fake that the library is tested with included: each test runs over both.
+// The guarantees of quillplatform/pss.h, for the SQLite store and for the fake that the library is tested
+// with.
 #include "tests/platform/store_contract.h"
 
 namespace {
@@ -18,7 +19,7 @@ TEST_P(StoreContract, AValueIsWhatWasLastStored) {
     EXPECT_EQ(PSS_NO_KEY, erase(store, "key"));
 }
 
-TEST_P(StoreContract, TheLongestKeyAndValueAreKeptWhole) {
+TEST_P(StoreContract, TheLongestKeyAndValueAreStored) {
     const std::string key(PSS_MAX_KEY, 'k');
     std::string value(PSS_MAX_VALUE, 'v');
     for (size_t i = 0; i < value.size(); ++i) value[i] = static_cast<char>(i * 7 + i / 256);
@@ -28,8 +29,8 @@ TEST_P(StoreContract, TheLongestKeyAndValueAreKeptWhole) {
     EXPECT_EQ("after " + key + "=" + value, move("a"));
 }
 
-// Byte order: unsigned, a prefix before what it begins, zeros and 0xff like any other byte.
-TEST_P(StoreContract, AWalkGoesInTheByteOrderOfTheKeys) {
+// Bytes are unsigned, 0 and 0xff are like any other, and a prefix comes first.
+TEST_P(StoreContract, TheCursorFollowsTheByteOrderOfKeys) {
     const std::string ordered[] = {std::string(1, '\0'),
                                    std::string("\0\0", 2),
                                    std::string("\0\1", 2),
@@ -58,21 +59,21 @@ TEST_P(StoreContract, MovingToAKey) {
     EXPECT_EQ("after dd=2", move("bbb"));
     EXPECT_EQ("at dd=2", move("dd"));
     EXPECT_EQ("after none", move("dda"));
-    EXPECT_EQ("none", next()) << "a cursor that stands nowhere goes nowhere";
+    EXPECT_EQ("none", next()) << "a cursor without a position has no next record";
     EXPECT_EQ("none", here());
     EXPECT_EQ("at bb=1", move("bb"));
     EXPECT_EQ("dd=2", next());
     EXPECT_EQ("none", next());
-    EXPECT_EQ("none", here()) << "past the last one is nowhere";
+    EXPECT_EQ("none", here()) << "no position after the last record";
     EXPECT_EQ("none", next());
 }
 
-TEST_P(StoreContract, ACursorOutlivesTheRecordUnderIt) {
+TEST_P(StoreContract, ACursorStaysValidWhenItsRecordIsDeleted) {
     for (const char* key : {"a", "b", "c", "d"}) put(store, key, "1");
     move("b");
     erase(store, "b");
     EXPECT_EQ("none", here());
-    EXPECT_EQ("c=1", next()) << "on to the key that followed";
+    EXPECT_EQ("c=1", next()) << "the key that followed";
     erase(store, "c");
     erase(store, "d");
     EXPECT_EQ("none", next());
@@ -84,10 +85,10 @@ TEST_P(StoreContract, ACursorOutlivesTheRecordUnderIt) {
     EXPECT_EQ("b=again", here()) << "the same key, stored again";
     erase(store, "b");
     put(store, "bb", "came after");
-    EXPECT_EQ("bb=came after", next()) << "what follows is decided by the step";
+    EXPECT_EQ("bb=came after", next()) << "the next key at the time of the call";
 }
 
-TEST_P(StoreContract, ACursorSeesWhatIsStoredNow) {
+TEST_P(StoreContract, ACursorReadsThePresentValue) {
     put(store, "a", "old");
     put(store, "c", "old");
     move("a");
@@ -101,7 +102,7 @@ TEST_P(StoreContract, ACursorSeesWhatIsStoredNow) {
     EXPECT_EQ("c=new", next());
 }
 
-TEST_P(StoreContract, WrongWordsAreRefusedAndTouchNothing) {
+TEST_P(StoreContract, InvalidArgumentsAreRefused) {
     const std::string name = "a";
     const pss_descriptor key = describe(name);
     put(store, "a", "1");

@@ -17,8 +17,8 @@ namespace fs = std::filesystem;
 Box::Box() {
     const char* base = getenv("TMPDIR");
     root_ = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/quill-XXXXXX";
-    if (mkdtemp(root_.data()) == nullptr) throw std::runtime_error("no folder can be made like " + root_);
-    chmod(root_.c_str(), 0755);  // other users come in by the socket
+    if (mkdtemp(root_.data()) == nullptr) throw std::runtime_error("cannot create a folder like " + root_);
+    chmod(root_.c_str(), 0755);  // other users must reach the socket
     setenv("QUILL_STATE_DIR", state().c_str(), 1);
     setenv("QUILL_RUNTIME_DIR", run().c_str(), 1);
 }
@@ -41,10 +41,10 @@ void write_file(const std::string& path, const std::string& bytes, unsigned mode
 }
 
 std::string mode_of(const std::string& path) {
-    struct stat facts;
-    if (lstat(path.c_str(), &facts) != 0) return "none";
+    struct stat info;
+    if (lstat(path.c_str(), &info) != 0) return "none";
     char text[8];
-    snprintf(text, sizeof text, "%04o", facts.st_mode & 07777u);
+    snprintf(text, sizeof text, "%04o", info.st_mode & 07777u);
     return text;
 }
 

@@ -1,11 +1,11 @@
-// A folder of a test's own, and looks at what lies in it.
+// A temporary folder for one test, and helpers to read and write files.
 #pragma once
 
 #include <map>
 #include <string>
 
-// Below $TMPDIR, gone with the object. While it lives, the environment names its `state` and `run` folders as
-// those of the store and of the daemon; neither exists yet.
+// A new folder in $TMPDIR (or /tmp), removed by the destructor. The constructor points $QUILL_STATE_DIR and
+// $QUILL_RUNTIME_DIR at its subfolders `state` and `run`, which it does not create.
 class Box {
  public:
     Box();
@@ -24,8 +24,8 @@ class Box {
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& bytes, unsigned mode = 0600);
 
-// Permission bits in octal, like "0600"; "none" where nothing has this name.
+// Returns the permission bits in octal, like "0600", or "none" if nothing has this name.
 std::string mode_of(const std::string& path);
 
-// Every file directly in the folder, by name, with its bytes.
+// Returns the contents of all regular files directly in the folder, by name.
 std::map<std::string, std::string> files_in(const std::string& folder);

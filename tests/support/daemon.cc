@@ -15,12 +15,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "quillsecurity/records.h"
 #include "tests/support/box.h"
 #include "tests/support/process.h"
 
 namespace {
 
-constexpr int kPatience = 10000;  // milliseconds
+constexpr int kTimeout = 10000;  // milliseconds
 
 socklen_t make_address(const std::string& path, sockaddr_un& address) {
     address = {};
@@ -30,7 +31,7 @@ socklen_t make_address(const std::string& path, sockaddr_un& address) {
     return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
 }
 
-// A file without a name that collects what a child prints.
+// An anonymous file for the output of a child.
 int new_log() { return memfd_create("log", MFD_CLOEXEC); }
 
 std::string contents(int log) {
@@ -42,7 +43,7 @@ std::string contents(int log) {
 bool wait_until_ready(int notices, pid_t daemon) {
     const auto ended = static_cast<int>(syscall(SYS_pidfd_open, daemon, 0));
     pollfd events[] = {{notices, POLLIN, 0}, {ended, POLLIN, 0}};
-    poll(events, 2, kPatience);
+    poll(events, 2, kTimeout);
     close(ended);
     char notice[64] = {};
     return (events[0].revents & POLLIN) != 0 && recv(notices, notice, sizeof notice - 1, 0) > 0 &&
@@ -68,14 +69,14 @@ int bound_socket(int type, const std::string& path) {
     return made;
 }
 
-Daemon::Daemon(const std::vector<std::string>& arguments) : log_(new_log()) {
+Daemon::Daemon(const std::vector<std::string>& arguments, int standard_error) : log_(new_log()) {
     static int count = 0;
     const std::string manager = "@quill-test-" + std::to_string(getpid()) + "-" + std::to_string(++count);
     const int notices = bound_socket(SOCK_DGRAM, manager);
     pid_ = start_child([&] {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         setenv("NOTIFY_SOCKET", manager.c_str(), 1);
-        dup2(log_, STDERR_FILENO);
+        dup2(standard_error < 0 ? log_ : standard_error, STDERR_FILENO);
         std::vector<std::string> all{"--foreground"};
         if (geteuid() != 0) all.insert(all.end(), {"--admin-group", getgrgid(getegid())->gr_name});
         all.insert(all.end(), arguments.begin(), arguments.end());
@@ -93,8 +94,8 @@ Daemon::~Daemon() {
 std::string Daemon::log() const { return contents(log_); }
 
 unsigned Daemon::kilobytes() const {
-    const std::string facts = read_file("/proc/" + std::to_string(pid_) + "/status");
-    return static_cast<unsigned>(std::stoul(facts.substr(facts.find("VmRSS:") + 6)));
+    const std::string status = read_file("/proc/" + std::to_string(pid_) + "/status");
+    return static_cast<unsigned>(std::stoul(status.substr(status.find("VmRSS:") + 6)));
 }
 
 int Daemon::end(int signal) {
@@ -121,8 +122,8 @@ RawClient::RawClient() : socket_(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 
     sockaddr_un address;
     const socklen_t size =
         make_address(getenv("QUILL_RUNTIME_DIR") + std::string("/quillsecurityd.sock"), address);
-    const timeval patience{kPatience / 1000, 0};
-    setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    const timeval timeout{kTimeout / 1000, 0};
+    setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
     if (connect(socket_, reinterpret_cast<sockaddr*>(&address), size) == 0) return;
     close(socket_);
     socket_ = -1;
@@ -156,13 +157,17 @@ std::string word(uint32_t number) {
 }
 
 std::string request_frame(uint32_t type, uint32_t operation, const std::string& record, uint32_t session,
-                          const std::string& user) {
+                          const std::string& user, uint32_t context) {
     std::string name = user;
     name.resize(128);
-    return "QSEC" + word(1) + word(type) + word(operation) + word(session) +
+    return "QSEC" + word(2) + word(type) + word(operation) + word(session) + word(context) +
            word(static_cast<uint32_t>(record.size())) + name + record;
 }
 
 std::string reply_frame(uint32_t status, const std::string& record) {
-    return "QSEC" + word(1) + word(status) + word(static_cast<uint32_t>(record.size())) + record;
+    return "QSEC" + word(2) + word(status) + word(static_cast<uint32_t>(record.size())) + record;
+}
+
+std::string service_frame(uint32_t operation, uint32_t code, uint32_t value) {
+    return request_frame(SECURITY_ENABLE_INFO_REQUEST, operation, word(code) + word(value));
 }

@@ -1,4 +1,4 @@
-// A real quillsecurityd, and clients that speak to its socket byte by byte.
+// A real quillsecurityd, and clients that send and receive raw frames.
 #pragma once
 
 #include <sys/types.h>
@@ -7,20 +7,21 @@
 #include <string>
 #include <vector>
 
-// Started in the foreground, on the folders that the environment names; gone with the object. Whoever runs
-// the tests is its administrator.
+// Runs quillsecurityd in the foreground, with the folders that the environment names, and kills it in the
+// destructor. The user who runs the tests is an administrator. Its standard error is collected, unless a
+// descriptor is given for it.
 class Daemon {
  public:
-    explicit Daemon(const std::vector<std::string>& arguments = {});
+    explicit Daemon(const std::vector<std::string>& arguments = {}, int standard_error = -1);
     ~Daemon();
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
 
-    bool ready() const { return ready_; }  // it said READY=1 to its service manager; else it has ended
+    bool ready() const { return ready_; }  // it has sent READY=1 to its service manager; else it has exited
     pid_t pid() const { return pid_; }
     std::string log() const;
-    unsigned kilobytes() const;  // of memory that it holds now
-    // Sends the signal and waits; how the daemon ended, as for wait_for(). Once.
+    unsigned kilobytes() const;  // of resident memory
+    // Sends the signal and waits; returns the result of wait_for(). To be called once.
     int end(int signal = 15);
 
  private:
@@ -29,23 +30,23 @@ class Daemon {
     bool ready_ = false;
 };
 
-// Runs quillsecurityd with these arguments until the command returns; how it ended, and what it printed.
+// Runs quillsecurityd with these arguments and waits for it. Returns the result of wait_for() and its output.
 int run_daemon_command(const std::vector<std::string>& arguments, std::string& printed);
 
-// Becomes that program.
+// Replaces this process by quillsecurityd.
 [[noreturn]] void execute_daemon(const std::vector<std::string>& arguments);
 
-// An AF_UNIX address; a path that begins with '@' is a name in the abstract namespace.
+// Returns a new AF_UNIX socket bound to the path, or to an abstract address if the path begins with '@'.
 int bound_socket(int type, const std::string& path);
 
 class RawClient {
  public:
-    RawClient();  // connected to the daemon's socket, or failing at each call
+    RawClient();  // connects to the daemon's socket; if that fails, so does each call
     ~RawClient();
     RawClient(RawClient&& other) noexcept : socket_(other.socket_) { other.socket_ = -1; }
 
     bool send(const std::string& frame, int flags = 0);
-    std::string receive();  // within 10 seconds; empty where the connection has ended
+    std::string receive();  // empty after 10 seconds or at the end of the connection
     std::string ask(const std::string& frame) { return send(frame) ? receive() : ""; }
     pid_t server() const;  // the process that listens
 
@@ -53,7 +54,9 @@ class RawClient {
     int socket_;
 };
 
-std::string word(uint32_t number);  // big-endian
+std::string word(uint32_t number);  // its four bytes, big-endian
 std::string request_frame(uint32_t type, uint32_t operation, const std::string& record, uint32_t session = 0,
-                          const std::string& user = "");
+                          const std::string& user = "", uint32_t context = 1);
 std::string reply_frame(uint32_t status, const std::string& record);
+// A request for the setting of a service (SECURITY_ENABLE_INFO_REQUEST).
+std::string service_frame(uint32_t operation, uint32_t code, uint32_t value);

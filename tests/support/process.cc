@@ -12,10 +12,10 @@
 
 namespace {
 
-// What the running test has recorded, failures above all; a child begins with what its parent had.
-int findings() {
+// The number of results, that is failures, that the running test has recorded; a child inherits its parent's.
+int recorded_results() {
     const testing::TestInfo* test = testing::UnitTest::GetInstance()->current_test_info();
-    return test == nullptr ? 0 : test->result()->total_part_count();  // a benchmark is no test
+    return test == nullptr ? 0 : test->result()->total_part_count();  // null in a benchmark
 }
 
 }  // namespace
@@ -24,10 +24,10 @@ pid_t start_child(const std::function<void()>& body) {
     fflush(nullptr);
     const pid_t child = fork();
     if (child != 0) return child;
-    const int before = findings();
+    const int before = recorded_results();
     body();
     fflush(nullptr);
-    _exit(findings() == before ? 0 : 1);
+    _exit(recorded_results() == before ? 0 : 1);
 }
 
 int wait_for(pid_t child) {

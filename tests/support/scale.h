@@ -1,22 +1,23 @@
-// How much of something the endurance tests do, and what they say of it.
+// The scale of the endurance tests, and the report of their results.
 #pragma once
 
 #include <string>
 #include <vector>
 
-// `full` where $QUILL_TORTURE is that, else `brief`; the environment may have a number of this name instead.
+// Returns the number in the environment variable `name`, if set, else `full` if $QUILL_TORTURE is "full",
+// else `brief`.
 unsigned scale(const char* name, unsigned brief, unsigned full);
 
-// What may be used of time or memory: as much as given at full scale, which wants a machine that does nothing
-// else, and twenty times that in passing.
+// Returns a limit of time or memory: the given one at full scale, which needs an idle machine, and twenty
+// times as much at brief scale.
 double allowed(double at_full_scale);
 
-// Of at least one duration, in seconds.
+// Statistics of durations in seconds, of which there is at least one.
 struct Spread {
     explicit Spread(std::vector<double> durations);
     double least, median, p99, most;
     std::string text() const;  // in milliseconds
 };
 
-// One line for whoever reads the results; `make torture` gathers them.
+// Prints one line of results; `make torture` collects them.
 void report_figures(const std::string& text);

@@ -1,4 +1,4 @@
-// The store's calls in terms of strings, for tests of whichever store is linked.
+// The store's functions with strings as arguments, for tests of the SQLite store and of the fake.
 #pragma once
 
 #include <optional>
@@ -10,27 +10,37 @@ inline pss_descriptor describe(const std::string& bytes) {
     return {const_cast<char*>(bytes.data()), static_cast<uint32_t>(bytes.size())};
 }
 
-inline std::string bytes_of(const pss_descriptor* run) {
-    return run == nullptr ? "(null)" : std::string(static_cast<const char*>(run->bytes), run->length);
+inline std::string bytes_of(const pss_descriptor* returned) {
+    return returned == nullptr ? "(null)"
+                               : std::string(static_cast<const char*>(returned->bytes), returned->length);
 }
 
 inline std::string numbered(std::string text, unsigned number) { return text += std::to_string(number); }
 
+// Opens a store, creating it if need be, and sets `handle`. Returns the status.
+inline uint32_t open_store(uint32_t& handle, const std::string& name = "s",
+                           uint32_t flags = PSS_READ_WRITE | PSS_CREATE, uint32_t version = 0) {
+    const uint32_t parameters[4] = {0, 0, 0, version};
+    uint32_t status = 0x55;
+    handle = pss2_open(name.c_str(), flags, 42, 0, parameters, &status);
+    return status;
+}
+
 inline uint32_t put(uint32_t handle, const std::string& key, const std::string& value) {
-    const pss_descriptor key_run = describe(key), value_run = describe(value);
-    return pss2_store(handle, &key_run, &value_run);
+    const pss_descriptor described_key = describe(key), described_value = describe(value);
+    return pss2_store(handle, &described_key, &described_value);
 }
 
 inline uint32_t erase(uint32_t handle, const std::string& key) {
-    const pss_descriptor run = describe(key);
-    return pss2_delete(handle, &run, 1);
+    const pss_descriptor described = describe(key);
+    return pss2_delete(handle, &described, 1);
 }
 
-// The value, or the status in brackets.
+// Returns the value, or the status in hexadecimal in brackets.
 inline std::string fetch(uint32_t handle, const std::string& key) {
-    const pss_descriptor run = describe(key);
+    const pss_descriptor described = describe(key);
     uint32_t status = 0x55;
-    const pss_descriptor* found = pss2_fetch(handle, &run, &status);
+    const pss_descriptor* found = pss2_fetch(handle, &described, &status);
     if (status == PSS_OK) return bytes_of(found);
     char text[24];
     snprintf(text, sizeof text, "[%x]%s", status, found == nullptr ? "" : " and a value");

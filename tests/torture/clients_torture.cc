@@ -1,5 +1,5 @@
-// Many clients, bad ones among them: the others are served as quickly, no reply is lost or goes to somebody
-// else, and the daemon does not grow.
+// Many clients, some of which stall or are killed: they do not delay the others, no reply is lost or sent to
+// another client, and the daemon's memory does not grow.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
@@ -19,20 +19,18 @@
 
 namespace {
 
-std::string request(uint32_t operation, uint32_t code, uint32_t value) {
-    return request_frame(SECURITY_ENABLE_INFO_REQUEST, operation, word(code) + word(value));
-}
-
-// Sets and reads a service of its own over and over; each answer must be the one to its question.
-class Healthy {
+// A client that sets and reads a service of its own repeatedly, and compares each reply with the expected
+// one.
+class CheckingClient {
  public:
-    explicit Healthy(uint32_t code) : code_(code) {}
+    explicit CheckingClient(uint32_t code) : code_(code) {}
 
     void ask() {
         const bool sets = count_ % 10 == 0;
         value_ += sets;
         const double start = seconds_now();
-        const std::string reply = client_.ask(request(sets ? SET_REQ : GET_REQ, code_, sets ? value_ : 0));
+        const std::string reply =
+            client_.ask(service_frame(sets ? SET_REQ : GET_REQ, code_, sets ? value_ : 0));
         const double duration = seconds_now() - start;
         if (durations_.size() < kKept)
             durations_.push_back(duration);
@@ -46,7 +44,7 @@ class Healthy {
     std::vector<double> take_durations() { return std::exchange(durations_, {}); }
 
  private:
-    static constexpr size_t kKept = 100000;  // the last ones
+    static constexpr size_t kKept = 100000;  // durations; later ones overwrite the oldest
 
     RawClient client_;
     uint32_t code_, value_ = 0;
@@ -57,8 +55,7 @@ class Healthy {
 class Clients : public testing::Test {
  protected:
     Clients() {
-        setenv("LD_PRELOAD", FAULTS_LIBRARY,
-               1);  // the disk is not waited for, which is none of the clients' doing
+        setenv("LD_PRELOAD", FAULTS_LIBRARY, 1);  // the daemon does not wait for the disk
         daemon = std::make_unique<Daemon>();
         unsetenv("LD_PRELOAD");
         EXPECT_TRUE(daemon->ready()) << daemon->log();
@@ -80,7 +77,7 @@ class Clients : public testing::Test {
 TEST_F(Clients, StalledAndKilledOnesDelayNobody) {
     const unsigned kills = scale("QUILL_CLIENT_KILLS", 1000, 1000),
                    stalled = scale("QUILL_STALLED", 100, 100);
-    Healthy healthy(5000);
+    CheckingClient healthy(5000);
     const auto measured = [&] {
         for (int i = 0; i < 4000; ++i) healthy.ask();
         return Spread(healthy.take_durations());
@@ -88,15 +85,16 @@ TEST_F(Clients, StalledAndKilledOnesDelayNobody) {
     const auto stall = [&] {
         std::vector<RawClient> silent(stalled);
         for (unsigned i = 0; i < stalled; ++i) {
-            // One says nothing, one reads no reply, one sends what is cut short and waits.
+            // A third of them sends nothing, a third reads no reply, a third sends a truncated request.
             if (i % 3 == 1)
-                for (int sent = 0; sent < 2000 && silent[i].send(request(GET_REQ, 6000, 0), MSG_DONTWAIT);)
+                for (int sent = 0;
+                     sent < 2000 && silent[i].send(service_frame(GET_REQ, 6000, 0), MSG_DONTWAIT);)
                     ++sent;
-            if (i % 3 == 2) silent[i].send(request(SET_REQ, 6000, 1).substr(0, 100));
+            if (i % 3 == 2) silent[i].send(service_frame(SET_REQ, 6000, 1).substr(0, 100));
         }
         return silent;
     };
-    // In turns, the best of each: what else the machine does only makes them longer.
+    // Measured alternately, and the best of each compared: other load only makes durations longer.
     Spread alone = measured(), with_stalled = alone;
     const unsigned before = daemon->kilobytes();
     const auto files = descriptors();
@@ -106,12 +104,12 @@ TEST_F(Clients, StalledAndKilledOnesDelayNobody) {
     for (int i = 0; i < 5; ++i) {
         alone = better(alone, measured());
         const auto silent = stall();
-        sleep_for(0.3);  // until what they sent has been answered
+        sleep_for(0.3);  // until their requests have been processed
         with_stalled = i == 0 ? measured() : better(with_stalled, measured());
     }
     auto silent = stall();
-    // Processes that come and are killed delay others by themselves, so there are some that ask for nothing.
-    const auto beside_victims = [&](bool asking) {
+    // Starting and killing processes takes time by itself, hence a control group that sends no requests.
+    const auto measure_with_victims = [&](bool asking) {
         const pid_t killer = start_child([&] {
             std::mt19937 random(1);
             for (unsigned round = 0; round < kills; round += 10) {
@@ -122,9 +120,9 @@ TEST_F(Clients, StalledAndKilledOnesDelayNobody) {
                         RawClient client;
                         for (uint32_t value = 0;; ++value, sleep_for(0.001))
                             if (i % 2 == 0)
-                                client.ask(request(SET_REQ, 7000 + i, value));
+                                client.ask(service_frame(SET_REQ, 7000 + i, value));
                             else
-                                client.send(request(GET_REQ, 7000 + i, value));
+                                client.send(service_frame(GET_REQ, 7000 + i, value));
                     }));
                 sleep_for(0.001 + static_cast<double>(random() % 4000) / 1e6);
                 for (const pid_t victim : victims) kill(victim, SIGKILL);
@@ -138,12 +136,12 @@ TEST_F(Clients, StalledAndKilledOnesDelayNobody) {
         });
         while (!over) {
             healthy.ask();
-            sleep_for(0.0005);  // as people do, so that most questions meet a new victim
+            sleep_for(0.0005);  // so that most requests coincide with a new victim
         }
         waiting.join();
         return Spread(healthy.take_durations());
     };
-    const Spread control = beside_victims(false), beside = beside_victims(true);
+    const Spread control = measure_with_victims(false), beside = measure_with_victims(true);
     EXPECT_EQ(0u, healthy.wrong());
     EXPECT_LE(with_stalled.p99, allowed(2 * alone.p99 + 0.0002)) << "seconds beside stalled clients";
     EXPECT_LE(beside.p99, allowed(2 * control.p99 + 0.02)) << "seconds beside clients that are killed";
@@ -152,28 +150,29 @@ TEST_F(Clients, StalledAndKilledOnesDelayNobody) {
     EXPECT_EQ(files, descriptors());
     report_figures("alone " + alone.text() + "; beside " + std::to_string(stalled) + " stalled " +
                    with_stalled.text() + "; beside " + std::to_string(kills) + " killed " + beside.text() +
-                   ", processes that ask nothing " + control.text() + memory(before));
+                   ", processes without requests " + control.text() + memory(before));
 }
 
-// Whether the channel, which threads may share, says what the daemon answered to this of them.
+// Sends a request by the library's channel, which threads share. Returns whether the reply has the value
+// `want`.
 bool exchange(uint32_t operation, uint32_t code, uint32_t value, uint32_t want) {
     std::string record = word(code) + word(value);
     auto length = static_cast<uint32_t>(record.size());
     void* reply = nullptr;
     const int32_t status =
         security_cmi(SECURITY_ENABLE_INFO_REQUEST, operation, record.data(), &reply, &length, 1);
-    const bool right =
+    const bool correct =
         status == 0 && std::string(static_cast<char*>(reply), length) == word(code) + word(want);
     free(reply);
-    return right;
+    return correct;
 }
 
-// Each with a connection of its own, and some that share one.
+// Threads with connections of their own, and some that share one.
 TEST_F(Clients, ConcurrentOnesGetTheirOwnReplies) {
     const unsigned seconds = scale("QUILL_CONCURRENT_SECONDS", 5, 600);
     constexpr unsigned kClients = 64, kSharing = 8;
     security_cmi_timeout = 30;
-    std::vector<Healthy> clients;
+    std::vector<CheckingClient> clients;
     for (unsigned i = 0; i < kClients; ++i) clients.emplace_back(5000 + i);
     std::atomic<unsigned> shared_requests = 0, wrong = 0;
     const double start = seconds_now(), warm = start + seconds / 10., end = start + seconds;
@@ -196,10 +195,10 @@ TEST_F(Clients, ConcurrentOnesGetTheirOwnReplies) {
         wrong += client.wrong();
         requests += client.count();
         const auto own = client.take_durations();
-        EXPECT_LT(0u, own.size()) << "nobody starves";
+        EXPECT_LT(0u, own.size()) << "a client without replies";
         durations.insert(durations.end(), own.begin(), own.end());
     }
-    EXPECT_EQ(0u, wrong) << "replies that are not what was asked for";
+    EXPECT_EQ(0u, wrong) << "wrong replies";
     report_figures(std::to_string(requests) + " requests of " + std::to_string(kClients + kSharing) +
                    " clients at once, none lost or mixed; " + Spread(durations).text() + memory(before));
     EXPECT_EQ(0, daemon->end()) << daemon->log();

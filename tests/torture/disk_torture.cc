@@ -1,5 +1,5 @@
-// The daemon on a disk that fails: each system call on its store in turn, once and for good, while it starts
-// and while it serves; and on a store whose file was damaged.
+// The daemon on a failing disk: each system call on its store fails in turn, once or from then on, while the
+// daemon starts and while it serves requests. And the daemon with a damaged store.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -38,7 +38,7 @@ std::string ask(RawClient& client, uint32_t operation, unsigned user, const std:
 
 bool succeeded(const std::string& reply) { return reply.size() >= 12 && reply.compare(8, 4, word(0)) == 0; }
 
-// The users' keys as they must be, and changes of them. A change that was not acknowledged is none.
+// Changes users' keys and remembers what must be stored: a change that failed must have no effect.
 class Model {
  public:
     explicit Model(RawClient& client) {
@@ -56,8 +56,8 @@ class Model {
         if (succeeded(ask(client, DEL_REQ, user))) texts_.erase(user);
     }
 
-    // Whether the answer for this user is right, or, where `may_fail`, a failure.
-    bool right(RawClient& client, unsigned user, bool may_fail = false) const {
+    // Whether the reply for this user is correct or, with `may_fail`, reports a failure.
+    bool is_correct(RawClient& client, unsigned user, bool may_fail = false) const {
         const std::string reply = ask(client, GET_REQ, user);
         const auto found = texts_.find(user);
         if (found != texts_.end() && reply == reply_frame(0, key_record(user, found->second))) return true;
@@ -68,7 +68,7 @@ class Model {
     void expect_all(const char* when) const {
         RawClient client;
         for (unsigned user = 0; user < kKeys; ++user)
-            EXPECT_TRUE(right(client, user)) << when << ", " << user;
+            EXPECT_TRUE(is_correct(client, user)) << when << ", " << user;
     }
 
  private:
@@ -76,10 +76,11 @@ class Model {
     std::map<unsigned, std::string> texts_;
 };
 
-// Cases that several processes work through, and what they saw.
+// Totals of the processes that run the cases, in shared memory.
 struct Tally {
-    std::atomic<unsigned> cases, refused_starts, calls[4];  // calls of each error that were met by a fault
-    std::atomic<double> longest;  // seconds from the end of a fault until there was service again
+    std::atomic<unsigned> cases, refused_starts;
+    std::atomic<unsigned> calls[4];  // how many different calls failed, for each error
+    std::atomic<double> longest;     // seconds from the end of a fault until a request succeeded
 };
 
 class Disk : public testing::Test {
@@ -91,8 +92,8 @@ class Disk : public testing::Test {
         return mmap(nullptr, sizeof(Tally), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     }
 
-    // One process for each error. It makes its own box and fails call after call there, once and for good,
-    // until there are no more; in brief only some of them and one way.
+    // Runs one process for each error, with a Box of its own. It runs the body once for each failing call,
+    // until there are no more; at brief scale only for some calls.
     template <class Body>
     void in_parallel(Body body) {
         const unsigned step = scale("QUILL_FAULT_STEP", 12, 1);
@@ -104,30 +105,30 @@ class Disk : public testing::Test {
                 setenv("QUILL_FAULTS", (box / "faults").c_str(), 1);
                 setenv("LD_PRELOAD", FAULTS_LIBRARY, 1);
                 fault = map_fault(box / "faults");
-                const auto fails = [&](unsigned call, bool for_good) {
-                    // A call that is interrupted for ever would be tried for ever.
-                    const unsigned times = !for_good ? 1 : errors[kind] == EINTR ? 100 : UINT_MAX;
+                const auto run_case = [&](unsigned call, bool permanently) {
+                    // EINTR is limited: interrupted calls are repeated.
+                    const unsigned times = !permanently ? 1 : errors[kind] == EINTR ? 100 : UINT_MAX;
                     SCOPED_TRACE(testing::Message()
                                  << strerror(errors[kind]) << " " << times << " times from call " << call);
                     ++tally.cases;
                     return body(box, errors[kind], call, times);
                 };
                 for (unsigned call = kind * step / 4;; call += step) {
-                    const bool for_good = call / step % 2 != 0;
-                    if (!fails(call, for_good) || (step == 1 && !fails(call, !for_good))) break;
+                    const bool permanently = call / step % 2 != 0;
+                    if (!run_case(call, permanently) || (step == 1 && !run_case(call, !permanently))) break;
                     tally.calls[kind] = call + 1;
                 }
             }));
         for (const pid_t child : children) EXPECT_EQ(0, wait_for(child));
     }
 
-    void note_recovery(double since) {
+    void record_recovery(double since) {
         tally.longest = std::max<double>(tally.longest, seconds_now() - since);
     }
     void report(const std::string& what) const {
         const unsigned calls = *std::min_element(std::begin(tally.calls), std::end(tally.calls));
-        EXPECT_GT(calls, 20u) << "the faults of some error were never seen";
-        EXPECT_LT(tally.longest, allowed(1.0)) << "seconds until there was service again";
+        EXPECT_GT(calls, 20u) << "faults of one kind were not injected";
+        EXPECT_LT(tally.longest, allowed(1.0)) << "seconds until a request succeeded again";
         report_figures(what + ": " + std::to_string(tally.cases) + " faults in " + std::to_string(calls) +
                        " calls, " + std::to_string(tally.refused_starts) +
                        " starts refused; service again within " +
@@ -152,22 +153,22 @@ TEST_F(Disk, FailsWhileTheDaemonServes) {
         EXPECT_TRUE(daemon.ready()) << daemon.log();
         RawClient client;
         fault->arm(error, call, times);
-        EXPECT_TRUE(model->right(client, 7, true)) << "from the disk";
+        EXPECT_TRUE(model->is_correct(client, 7, true)) << "read from the disk";
         for (unsigned user = 3; user < 6; ++user) {
             model->set(client, user);
-            EXPECT_TRUE(model->right(client, user, true));
+            EXPECT_TRUE(model->is_correct(client, user, true));
         }
         model->erase(client, 20);
-        EXPECT_TRUE(model->right(client, 20, true));
+        EXPECT_TRUE(model->is_correct(client, 20, true));
         for (const double end = seconds_now() + 0.7; fault->failed < times && seconds_now() < end;)
-            sleep_for(0.02);  // until the log is emptied
+            sleep_for(0.02);  // until the checkpoint
         const bool happened = fault->failed != 0;
         const double ended = seconds_now();
         fault->end();
         while (!model->set(client, 9) && seconds_now() < ended + 5) sleep_for(0.01);
-        note_recovery(ended);
-        model->expect_all("afterwards");
-        EXPECT_EQ(128 + SIGKILL, daemon.end(SIGKILL)) << "it did not crash";
+        record_recovery(ended);
+        model->expect_all("after the fault");
+        EXPECT_EQ(128 + SIGKILL, daemon.end(SIGKILL)) << "the daemon had crashed";
         Daemon next;
         EXPECT_TRUE(next.ready()) << next.log();
         model->expect_all("after a restart");
@@ -179,7 +180,7 @@ TEST_F(Disk, FailsWhileTheDaemonServes) {
 TEST_F(Disk, FailsWhileTheDaemonStarts) {
     in_parallel([&](Box& box, int error, unsigned call, unsigned times) {
         bool happened = false;
-        for (const int end : {0, SIGTERM, SIGKILL}) {  // no store yet, one at rest, one with a log
+        for (const int end : {0, SIGTERM, SIGKILL}) {  // no store, one after a clean exit, one after a crash
             fs::remove_all(box.state());
             std::optional<Model> model;
             if (end != 0) {
@@ -203,16 +204,15 @@ TEST_F(Disk, FailsWhileTheDaemonStarts) {
             RawClient client;
             if (!model) model.emplace(client);
             EXPECT_TRUE(model->set(client, 9)) << daemon->log();
-            note_recovery(ended);
-            model->expect_all("afterwards");
+            record_recovery(ended);
+            model->expect_all("after the fault");
         }
         return happened && !testing::Test::HasFailure();
     });
     report("starting");
 }
 
-// Refused and left byte for byte, or served as far as it can be read, and never with something else than
-// what was stored.
+// It is refused and left unchanged, or its intact records are served. No reply has anything but stored data.
 TEST_F(Disk, ADamagedStoreIsReportedAndNeverOverwritten) {
     Box box;
     std::optional<Model> model;
@@ -227,8 +227,8 @@ TEST_F(Disk, ADamagedStoreIsReportedAndNeverOverwritten) {
     const std::function<char(char)> damages[] = {[](char) { return '\0'; },
                                                  [](char c) { return static_cast<char>(~c); },
                                                  [&](char) { return static_cast<char>(numbers()); }};
-    unsigned refused = 0, served = 0, unreadable = 0, silent = 0;
-    const auto look = [&](const std::string& what, const std::string& bytes) {
+    unsigned refused = 0, served = 0, unreadable = 0, unaffected = 0;
+    const auto check = [&](const std::string& what, const std::string& bytes) {
         SCOPED_TRACE(what);
         fs::remove(file + "-wal");
         write_file(file, bytes);
@@ -245,18 +245,18 @@ TEST_F(Disk, ADamagedStoreIsReportedAndNeverOverwritten) {
         RawClient client;
         unsigned failed = 0;
         for (unsigned user = 0; user < kKeys; ++user) {
-            EXPECT_TRUE(model->right(client, user, true)) << user;
-            failed += !model->right(client, user);
+            EXPECT_TRUE(model->is_correct(client, user, true)) << user;
+            failed += !model->is_correct(client, user);
         }
         unreadable += failed;
-        silent += failed == 0;
+        unaffected += failed == 0;
         EXPECT_EQ(failed != 0, daemon.log().find("damaged") != std::string::npos) << daemon.log();
         for (const auto& [name, left] : files_in(box.state()))
-            EXPECT_TRUE(name != "security.db" || left == bytes) << "reading wrote";
+            EXPECT_TRUE(name != "security.db" || left == bytes) << "changed by reading";
     };
     for (const size_t length : {size_t{0}, size_t{50}, size_t{100}, size_t{512}, whole.size() / 2,
                                 whole.size() - 4096, whole.size() - 1})
-        look("cut after " + std::to_string(length), whole.substr(0, length));
+        check("truncated to " + std::to_string(length), whole.substr(0, length));
     for (const auto& damage : damages) {
         const auto damaged = [&](size_t from, size_t size) {
             std::string bytes = whole;
@@ -264,16 +264,16 @@ TEST_F(Disk, ADamagedStoreIsReportedAndNeverOverwritten) {
             return bytes;
         };
         const auto kind = std::to_string(&damage - damages) + " at ";
-        look(kind + "all", damaged(0, whole.size()));
-        look(kind + "header", damaged(0, 100));
+        check(kind + "all", damaged(0, whole.size()));
+        check(kind + "header", damaged(0, 100));
         for (size_t page = 0; page < whole.size(); page += 4096)
-            look(kind + std::to_string(page), damaged(page, 4096));
+            check(kind + std::to_string(page), damaged(page, 4096));
     }
     EXPECT_LT(0u, refused);
-    EXPECT_LT(0u, unreadable) << "damage was never met";
+    EXPECT_LT(0u, unreadable) << "no damage was found";
     report_figures(std::to_string(refused) + " damaged stores refused and untouched, " +
                    std::to_string(served) + " served with " + std::to_string(unreadable) +
-                   " records that cannot be read, " + std::to_string(silent) + " of them without any");
+                   " records that cannot be read, " + std::to_string(unaffected) + " of them without any");
 }
 
 }  // namespace

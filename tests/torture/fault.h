@@ -1,5 +1,5 @@
-// What the preloaded faults.cc does to a daemon, in a file that a test and the daemon both map. The daemon
-// finds its name in QUILL_FAULTS.
+// The faults that the preloaded faults.cc injects into a daemon, in a file that the test and the daemon map
+// into memory. $QUILL_FAULTS is its path.
 #pragma once
 
 #include <fcntl.h>
@@ -10,18 +10,19 @@
 #include <string>
 
 struct Fault {
-    std::atomic<int> error;          // of system calls on the store's files; 0: they go well
-    std::atomic<unsigned> after;     // how many go well before
-    std::atomic<unsigned> times;     // how many fail then
-    std::atomic<unsigned> calls;     // seen since, whatever became of them
-    std::atomic<unsigned> failed;    // of these
-    std::atomic<bool> nobody_known;  // the kernel will not say who a client is
+    std::atomic<int> error;        // errno of the failing system calls on the store's files; 0: none fail
+    std::atomic<unsigned> after;   // so many calls succeed first
+    std::atomic<unsigned> times;   // so many calls fail then
+    std::atomic<unsigned> calls;   // calls since arm()
+    std::atomic<unsigned> failed;  // calls of these that failed
+    std::atomic<bool> hide_peers;  // getsockopt(SO_PEERCRED) fails
+    std::atomic<bool> old_kernel;  // setsockopt(SO_PASSRIGHTS) fails, as on kernels before 6.16
 
-    void arm(int with, unsigned from, unsigned how_often) {
+    void arm(int with, unsigned first, unsigned count) {
         error = 0;
         calls = failed = 0;
-        after = from;
-        times = how_often;
+        after = first;
+        times = count;
         error = with;
     }
     void end() { error = 0; }

@@ -1,8 +1,8 @@
-// Preloaded into the daemon: system calls on the files of its store fail as fault.h says, and so does asking
-// the kernel who a client is. Which file a call is for is looked up each time, so none is missed.
+// Preloaded into the daemon: lets system calls on the files of its store, and queries of a client's
+// credentials, fail as fault.h says. The path of a descriptor is looked up for each call, so that no file is
+// missed.
 #include "tests/torture/fault.h"
 
-#include <dlfcn.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 
@@ -12,13 +12,15 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "tests/support/interpose.h"
+
 namespace {
 
 Fault* fault;
 const char* state = "";
 bool setting_up;
 
-// The faults are set up with calls that arrive here as well.
+// The calls made here are intercepted as well, hence `setting_up`.
 void set_up() {
     if (fault != nullptr || setting_up) return;
     setting_up = true;
@@ -50,17 +52,11 @@ bool fails(File file) {
     return true;
 }
 
-template <class Function>
-Function* original(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
 }  // namespace
 
-// Under a name of its own here, since the headers declare the call in their way.
-#define VISIBLE __attribute__((visibility("default")))
+// Each function has a name of its own in C++, since the headers may declare the call with other types.
 #define CALL(result, name, parameters, file, arguments)                                 \
-    extern "C" VISIBLE result failing_##name parameters __asm__(#name);                 \
+    INTERPOSED result failing_##name parameters __asm__(#name);                         \
     result failing_##name parameters {                                                  \
         return fails(file) ? (result)-1 : original<result parameters>(#name) arguments; \
     }
@@ -94,15 +90,25 @@ CALL(int, link, (const char* from, const char* to), from, (from, to))
 CALL(int, renameat2, (int from, const char* name, int to, const char* other, unsigned flags), name,
      (from, name, to, other, flags))
 
-// What a process leaves behind does not depend on these, so the disk is not waited for.
-extern "C" VISIBLE int fsync(int file) { return fails(file) ? -1 : 0; }
-extern "C" VISIBLE int fdatasync(int file) { return fails(file) ? -1 : 0; }
+// Not passed on: these tests kill processes, not the machine, so the disk need not be waited for.
+INTERPOSED int fsync(int file) { return fails(file) ? -1 : 0; }
+INTERPOSED int fdatasync(int file) { return fails(file) ? -1 : 0; }
 
-extern "C" VISIBLE int getsockopt(int socket, int level, int option, void* value, socklen_t* size) noexcept {
+INTERPOSED int getsockopt(int socket, int level, int option, void* value, socklen_t* size) noexcept {
     set_up();
-    if (fault != nullptr && fault->nobody_known && level == SOL_SOCKET && option == SO_PEERCRED) {
+    if (fault != nullptr && fault->hide_peers && level == SOL_SOCKET && option == SO_PEERCRED) {
         errno = EIO;
         return -1;
     }
     return original<decltype(getsockopt)>("getsockopt")(socket, level, option, value, size);
+}
+
+INTERPOSED int setsockopt(int socket, int level, int option, const void* value, socklen_t size) noexcept {
+    constexpr int kPassRights = 83;
+    set_up();
+    if (fault != nullptr && fault->old_kernel && level == SOL_SOCKET && option == kPassRights) {
+        errno = ENOPROTOOPT;
+        return -1;
+    }
+    return original<decltype(setsockopt)>("setsockopt")(socket, level, option, value, size);
 }

@@ -1,5 +1,5 @@
-// Who may do what, for everybody and everything that can be asked; hostile requests by the million, and
-// connections that race. In the sandbox, since what is permitted is done.
+// Permissions of all kinds of peers for all kinds of requests; malformed requests in great numbers;
+// connections that race. Needs the sandbox, since permitted requests take effect.
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -21,7 +21,7 @@ constexpr uint32_t kForbidden = 4242, kAllowed = 4243;  // codes of services
 
 enum Who { kNobody, kAdministrators, kAll };
 
-// Written out beside the daemon's own table, as what people rely on.
+// Not taken from the daemon's table, which it checks.
 const struct Kind {
     uint32_t type, size;
     Who reads, writes;
@@ -45,12 +45,9 @@ const struct Kind {
     {SECURITY_LOCALE_ASSIGN_REQUEST, 4292, kAll, kAdministrators, true},
     {SECURITY_NGINX_PORT_REQUEST, 12, kAll, kAdministrators, false},
     {SECURITY_NGINX_CERT_REQUEST, 2108, kAdministrators, kAdministrators, true},
+    {SECURITY_ORPHANS_REQUEST, sizeof(security_orphans), kAdministrators, kAdministrators, false},
 };
 const uint32_t kOperations[] = {0, GET_REQ, GETNEXT_REQ, SET_REQ, DEL_REQ, 5, 0xffffffff};
-
-std::string service(uint32_t operation, uint32_t code, uint32_t value) {
-    return request_frame(SECURITY_ENABLE_INFO_REQUEST, operation, word(code) + word(value));
-}
 
 class Peers : public testing::Test {
  protected:
@@ -67,7 +64,8 @@ class Peers : public testing::Test {
             GTEST_SKIP() << "for root in the sandbox";
     }
 
-    // Every question there is, by this process; only what is permitted to one of `who` may be answered.
+    // Sends all kinds of requests from this process, and checks that those permitted to `who` are processed
+    // and all others refused.
     static void ask_everything(Who who, const std::string& name) {
         const std::string refused = reply_frame(SECURITY_ERR_NOT_PERMITTED, "");
         RawClient client;
@@ -77,7 +75,7 @@ class Peers : public testing::Test {
                 const Who needed = reads ? kind.reads : kind.writes;
                 const bool permitted =
                     who != kNobody && (needed == kAll || (needed == kAdministrators && who == needed));
-                // What is refused would do something if it were not.
+                // A forbidden request is one that would have an effect.
                 std::string record = permitted ? "" : "abc";
                 record.resize(kind.size);
                 const std::string reply = client.ask(request_frame(kind.type, operation, record, 0, "root"));
@@ -94,7 +92,7 @@ class Peers : public testing::Test {
     const gid_t adm = getgrnam("adm")->gr_gid;
 };
 
-TEST_F(Peers, OnlyWhoMayIsServed) {
+TEST_F(Peers, OnlyPermittedRequestsAreServed) {
     const struct {
         const char* name;
         uid_t user;
@@ -106,17 +104,17 @@ TEST_F(Peers, OnlyWhoMayIsServed) {
         {"nobody", 65534, kNogroup, {}, true, kAll},
         {"another user", 1, 1, {1, 2, 3}, true, kAll},
         {"a user in root's group", 1000, 0, {0}, true, kAll},
-        {"a user in all groups but one", 1000, 100, {0, 1, 2, 3, adm + 1, 65534}, true, kAll},
-        {"a user of the highest number", 0xfffffffe, 0xfffffffe, {}, true, kAll},
-        {"root of whom nothing is known", 0, 0, {adm}, false, kNobody},
-        {"a member of whom nothing is known", 65534, adm, {}, false, kNobody},
-        {"a member by the first group", 65534, adm, {}, true, kAdministrators},
-        {"a member", 65534, kNogroup, {1, adm, 2000}, true, kAdministrators},
+        {"a user in other groups", 1000, 100, {0, 1, 2, 3, adm + 1, 65534}, true, kAll},
+        {"a user with the highest id", 0xfffffffe, 0xfffffffe, {}, true, kAll},
+        {"root without credentials", 0, 0, {adm}, false, kNobody},
+        {"an administrator without credentials", 65534, adm, {}, false, kNobody},
+        {"an administrator by the primary group", 65534, adm, {}, true, kAdministrators},
+        {"an administrator", 65534, kNogroup, {1, adm, 2000}, true, kAdministrators},
         {"root without groups", 0, kNogroup, {}, true, kAdministrators},
     };
     const auto before = files_in(box.state());
     for (const auto& c : cases) {
-        fault->nobody_known = !c.known;
+        fault->hide_peers = !c.known;
         const int ended = in_child([&] {
             become_nobody(c.group, c.groups, c.user);
             ask_everything(c.who, c.name);
@@ -136,23 +134,23 @@ TEST_F(Peers, RacingConnectionsAreNotMixed) {
         racers.push_back(start_child([&] {
             become_nobody();
             for (unsigned n = 0; n < count; ++n) {
-                RawClient client;  // gone at once, its number in the daemon free for the next one
-                client.send(service(SET_REQ, kForbidden, n), MSG_DONTWAIT);
+                RawClient client;  // closed at once, so that the daemon reuses its descriptor
+                client.send(service_frame(SET_REQ, kForbidden, n), MSG_DONTWAIT);
             }
         }));
     racers.push_back(start_child([&] {
         for (unsigned n = 0; n < count; ++n)
             EXPECT_EQ(reply_frame(0, word(kAllowed) + word(n)),
-                      RawClient().ask(service(SET_REQ, kAllowed, n)));
+                      RawClient().ask(service_frame(SET_REQ, kAllowed, n)));
     }));
     for (const pid_t racer : racers) EXPECT_EQ(0, wait_for(racer));
-    EXPECT_EQ(reply_frame(SECURITY_ERR_NO_VALUE, ""), RawClient().ask(service(GET_REQ, kForbidden, 0)));
+    EXPECT_EQ(reply_frame(SECURITY_ERR_NO_VALUE, ""), RawClient().ask(service_frame(GET_REQ, kForbidden, 0)));
     EXPECT_EQ(reply_frame(0, word(kAllowed) + word(count - 1)),
-              RawClient().ask(service(GET_REQ, kAllowed, 0)));
-    report_figures(std::to_string(4 * count) + " connections that raced, none taken for another");
+              RawClient().ask(service_frame(GET_REQ, kAllowed, 0)));
+    report_figures(std::to_string(4 * count) + " connections that raced, none mistaken for another");
 }
 
-// A request that is wrong in one way or another, whoever sends it.
+// Returns a random request that is invalid from any peer.
 std::string malformed(std::mt19937& numbers) {
     const auto below = [&](size_t end) { return numbers() % end; };
     const Kind& kind = kKinds[below(std::size(kKinds))];
@@ -167,20 +165,20 @@ std::string malformed(std::mt19937& numbers) {
     case 1:
         return frame.replace(below(8), 1, 1, static_cast<char>(0x80 | numbers()));  // magic and version
     case 2:
-        return frame.replace(20, 4, word(static_cast<uint32_t>(kind.size + 1 + numbers() % 0x7fffffff)));
+        return frame.replace(24, 4, word(static_cast<uint32_t>(kind.size + 1 + numbers() % 0x7fffffff)));
     case 3:
         return frame.substr(0, 1 + below(frame.size() - 1));
     case 4:
-        return frame.replace(24, 128, 128, 'x');
+        return frame.replace(28, 128, 128, 'x');
     case 5:  // no record has this size
         return request_frame(kind.type, operation,
                              std::string(20 + below(150), static_cast<char>(numbers())));
     case 6:
         return request_frame(6000 + static_cast<uint32_t>(below(200000)), operation,
                              std::string(kind.size, '\1'));
-    default:  // texts without an end, or more than any record holds
+    default:  // texts without a terminator, which are read when they are stored, or too long a record
         return request_frame(
-            kind.type, operation,
+            kind.type, kind.has_text ? uint32_t{SET_REQ} : operation,
             std::string(kind.has_text ? kind.size : SECURITY_CMI_MAX_RECORD + 1 + below(5000), 'x'));
     }
 }
@@ -192,7 +190,7 @@ TEST_F(Peers, MalformedRequestsDoNothing) {
         RawClient client;
         for (unsigned i = 0; i < times; ++i) {
             const std::string frame = malformed(numbers), reply = client.ask(frame);
-            EXPECT_TRUE(reply.size() == 16 && reply.compare(0, 8, "QSEC" + word(1)) == 0 &&
+            EXPECT_TRUE(reply.size() == 16 && reply.compare(0, 8, "QSEC" + word(2)) == 0 &&
                         reply.compare(8, 4, word(0)) != 0)
                 << "request " << i << " of " << seed << " of " << frame.size() << " bytes, " << reply.size();
         }

@@ -1,4 +1,4 @@
-/* Accounts: the shadow entry of a user. */
+/* Accounts: look-up of shadow entries. */
 #ifndef QUILLPLATFORM_ACCOUNTS_H
 #define QUILLPLATFORM_ACCOUNTS_H
 
@@ -10,16 +10,15 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 typedef struct platform_shadow_entry {
-    uint32_t status;      /* 0, or why the entry could not be read */
-    const char* password; /* the stored password field, shadow(5) */
-    int32_t expiry_days;  /* days since 1970-01-01 on which the account expires; -1 for never */
+    uint32_t status;      /* 0, or the reason why the entry could not be read */
+    const char* password; /* the password field, as in shadow(5) */
+    int32_t expiry_days;  /* day on which the account expires, counted from 1970-01-01; -1 for never */
 } platform_shadow_entry;
 
-/* The entry of a user of the calling process's context (sysmgrcmn_vdc_id_get), by his plain or his stored
- * name; null when there is no such account. It lives in static storage until the next call. The reference
- * asks getspnam(3) for the stored name, and answers an entry with status 0x804a0000 OR errno where that
- * failed for another reason than the account's absence. A name that holds a '#' is taken for a stored one.
- * `handle` is not used. */
+/* Looks up a user of the calling process's context (sysmgrcmn_vdc_id_get()) by plain or stored name; a name
+ * with a '#' is a stored name. Returns the entry, in static storage that the next call overwrites, or null if
+ * there is no such account. If the look-up failed, returns an entry whose status is SECURITY_ERR_TRANSPORT |
+ * errno. The reference calls getspnam(3) with the stored name. `handle` is not used. */
 platform_shadow_entry* mygetspnam(uint32_t handle, const char* name);
 
 #pragma GCC visibility pop

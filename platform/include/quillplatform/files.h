@@ -2,7 +2,9 @@
 #ifndef QUILLPLATFORM_FILES_H
 #define QUILLPLATFORM_FILES_H
 
-/* The message-of-the-day banner as it was entered, for security_read_banner_motd_msg(). */
+/* The message-of-the-day banner of context 1 as it was entered, to be read with
+ * security_read_banner_motd_msg(). In another context its name is what security_get_system_filename() returns
+ * for this one. */
 #define QUILL_BANNER_FILE "/etc/quillsecurity/banner"
 
 #endif

@@ -1,41 +1,40 @@
-/* The message transport: one process announces, any number of others listen.
+/* The message transport: one process sends messages, any number of processes listen.
  *
- * A message has an opcode, which says what it is, and goes to a service point: a number at which somebody
- * listens, or 0 for all who listen at all.
+ * A message has an opcode, its type, and is addressed to a service point: a number that processes listen at,
+ * or 0 for all listeners.
  *
- * The reference is a fan-out by quillsecurityd over AF_UNIX sockets of type SOCK_SEQPACKET (unix(7)),
- * quillsecurityd.mts in the runtime directory (see shell.h). Why not a messaging library such as nng: the
- * daemon has a loop over such sockets already, the kernel keeps messages whole and in order and says who is
- * at the other end, and what is left to write, a ring of messages with a place in it for each listener, is
- * smaller than the glue. A library would bring threads into a daemon that has none, and its sockets do not
- * say who listens.
- *  - Only the process that runs the fan-out sends: listeners' connections carry nothing inwards but what they
- *    listen for, so an announcement cannot be forged.
- *  - Root and the administrators may listen, nobody else. Announcements hold no secrets, but the name in one
- *    of a failed login may be a password that somebody typed in the wrong place.
- *  - A slow listener delays nobody. The last 8192 messages are kept for those behind; whoever falls behind
- *    further loses the oldest of those it has not been sent, and is told how many (quill_mts_lost). The few
- *    that its socket has taken already still come before the gap.
- *  - Nothing is kept for those who are not listening yet.
+ * The reference is a fan-out by quillsecurityd over AF_UNIX sockets of type SOCK_SEQPACKET (unix(7)), named
+ * quillsecurityd.mts in the runtime directory of its context (quillplatform/shell.h). A messaging library such
+ * as nng is not used, because the daemon has an event loop for such sockets already, the kernel preserves message
+ * boundaries and order and identifies the peer, and a ring buffer with a position for each listener is little
+ * code. A library would add threads to a daemon that has none, and does not identify the peer.
+ *  - Only the process that runs the fan-out can send. Listeners send only what they want to listen to, so
+ *    messages cannot be forged.
+ *  - Only root and the administrators may listen. Notifications have no secrets, but the user name of a
+ *    failed login may be a password that was typed in the wrong place.
+ *  - A slow listener does not delay others. The last 8192 messages, 4 MiB of them at most, are kept. A
+ *    listener that falls further behind loses the oldest messages not yet sent to it and is told their number
+ *    (quill_mts_lost()). Messages that are in its socket already are received before the gap.
+ *  - A listener receives only messages that are sent after it started to listen.
  */
 #ifndef QUILLPLATFORM_MTS_H
 #define QUILLPLATFORM_MTS_H
 
 #include <stdint.h>
 
-/* The destination node: this system. The reference knows no other. */
+/* The destination node: this system. The reference has no other. */
 #define MTS_THIS_NODE 0xFE000000u
 
-/* The service point of everybody, that of the self-test service, and that at which the daemon waits for its
- * answer. */
+/* Service points: all listeners, the self-test service, and the daemon, which receives the response of the
+ * self-test service there. */
 #define MTS_SAP_ALL 0u
 #define MTS_SAP_SELF_TEST 55u
 #define MTS_SAP_SECURITY 56u
 
-/* The opcode that stands for any, for those who listen. */
+/* Any opcode, for quill_mts_listen(). */
 #define MTS_ANY_OPCODE 0u
 
-/* The longest payload that the reference carries, in bytes. */
+/* The longest payload of the reference in bytes. */
 #define MTS_MAX_PAYLOAD 65535u
 
 #ifdef __cplusplus
@@ -43,44 +42,48 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/* Sends one message. `handle` is one of quill_mts_attach(), `node` MTS_THIS_NODE; a, b and c are not used.
- * Answers 0 as soon as the message is on its way, whether anybody listens or not, or -1, with the reason from
- * mts_errno_get(): EBADF, EPERM for a listener's handle, EHOSTUNREACH for another node, EMSGSIZE, EINVAL for
- * a null payload with a length, ENOMEM. */
+/* Sends a message of `length` bytes. `handle` is one of quill_mts_attach(), `node` MTS_THIS_NODE; a, b and c
+ * are not used. Returns 0 if the message was accepted for sending, whether there are listeners or not, or -1
+ * with the reason in mts_errno_get(): EBADF; EPERM for the handle of a listener; EHOSTUNREACH for another
+ * node; EMSGSIZE; EINVAL for a null payload with a length; ENOMEM. */
 int32_t mts_send(uint32_t handle, uint32_t node, uint32_t sap, uint32_t opcode, const void* payload,
                  uint32_t length, uint32_t a, uint32_t b, uint32_t c);
 
-/* The errno of the last call that failed on this handle; EBADF for no handle, 0 where none failed. */
+/* Returns the errno of the last call that failed on this handle, 0 if none failed, or EBADF for an
+ * invalid handle. */
 uint32_t mts_errno_get(uint32_t handle);
 
-/* Of a message: its opcode, its payload and the payload's size in bytes. For null: 0, null and 0. The payload
- * belongs to the message, is aligned for words, and four zero bytes stand behind it; it is null where it has
- * no bytes. */
+/* Return the opcode of a message, its payload, and the size of the payload in bytes; 0, null and 0 for null.
+ * The payload belongs to the message, is aligned for 32-bit words, is followed by four zero bytes, and is
+ * null if its size is 0. */
 uint32_t mts_opc_get(const void* message);
 void* mts_payload_get(const void* message);
 uint32_t mts_payload_size(const void* message);
 
-/* ---- Beyond what the library imports: for programs that listen, and for the one that sends. */
+/* ---- Not imported by the library: for programs that listen, and for the one that sends. */
 
-/* Begins to listen for messages to a service point, those to everybody included; MTS_SAP_ALL for those alone.
- * Of them only those of one opcode, or all. Whatever is sent from now on is received in its order. Answers 0
- * and a handle, or -1 with errno set: ENOENT and ECONNREFUSED where no daemon runs, EACCES for who may not
- * listen, EUSERS where too many do, EPROTO, ETIMEDOUT after 10 seconds, or as socket(2) and connect(2) say.
- */
+/* Starts to listen to messages of one opcode, or MTS_ANY_OPCODE, that are sent to a service point or to all
+ * (MTS_SAP_ALL for only those to all). Messages that are sent from now on are received in order. Returns 0
+ * and stores a handle, or -1 with errno set: ENOENT and ECONNREFUSED if no daemon is running, EACCES if the
+ * caller may not listen, EUSERS if there are too many listeners, EXDEV if the daemon serves another context, EPROTO, ETIMEDOUT after 10 seconds, or an
+ * errno of socket(2) or connect(2). The caller closes the handle with quill_mts_close(). */
 int32_t quill_mts_listen(uint32_t sap, uint32_t opcode, uint32_t* handle);
 
-/* The next message, which the caller releases with quill_mts_free(); waits for it as many milliseconds, or
- * for ever with -1. Null with errno set: ETIMEDOUT, ECONNRESET where the daemon has ended, EPROTO. */
+/* Waits for the next message, for the given time in milliseconds or without limit for -1. Returns the
+ * message, which the caller releases with quill_mts_free(), or null with errno set: ETIMEDOUT, ECONNRESET if
+ * the daemon has ended, EPROTO. */
 void* quill_mts_receive(uint32_t handle, int32_t milliseconds);
 
-/* How many messages were lost between the one received before this one and this one. */
+/* Returns the number of messages that were lost between the previous message and this one. */
 uint32_t quill_mts_lost(const void* message);
 
+/* Release a message, and close a handle. */
 void quill_mts_free(void* message);
 void quill_mts_close(uint32_t handle);
 
-/* Makes a handle for sending, in the process that runs the fan-out: the carrier is given each message and
- * answers 0 or an errno. The handle is closed like any other. 0 when memory ran out. */
+/* Creates a handle for sending, in the process that runs the fan-out. mts_send() then passes each message to
+ * the carrier, which returns 0 or an errno. Returns the handle, to be closed with quill_mts_close(), or 0 if
+ * memory ran out. */
 typedef int32_t (*quill_mts_carrier)(void* context, uint32_t sap, uint32_t opcode, const void* payload,
                                      uint32_t length);
 uint32_t quill_mts_attach(quill_mts_carrier carrier, void* context);

@@ -1,33 +1,37 @@
-/* The persistent store: bytes to bytes, in byte order of the keys, kept on disk.
+/* The persistent store: a map from byte strings to byte strings on disk, ordered by the bytes of the keys.
  *
- * The reference keeps each store in one SQLite file, NAME.db, below the state directory: $QUILL_STATE_DIR, an
- * absolute path (PSS_BAD_ARGUMENT otherwise), else /var/lib/quillsecurity. The directory must belong to the
- * caller and be closed to everybody else (mode 0700); it is made when it is missing and its parent exists.
- * All files have mode 0600, whatever the process's umask. One process has a store open at a time.
+ * The reference keeps each store in an SQLite file, NAME.db, in the state directory: $QUILL_STATE_DIR, which
+ * must be an absolute path (else PSS_BAD_ARGUMENT), or /var/lib/quillsecurity; in context N, other than 1, the
+ * folder vdc_N below it (sysmgr.h). Each directory must belong to the caller and be closed to all others (mode
+ * 0700); if it is missing and its parent exists, it is created. All files have mode 0600, whatever the
+ * process's umask. Only one process can have a store open at a time.
  *
- * Promises
- *  - A write that answered 0 is on disk; one that answered anything else changed nothing, unless its flush
- *    failed and the system died before that fault was over.
- *  - What was deleted or replaced is blanked in the store's files: at the latest after 256 further changes,
- *    when the store is next opened or closed, or when pss2_settle() is called (the daemon does so within
- *    a second of a change). Until then the old bytes may stand in the file NAME.db-wal, which keeps up to
- *    4 MiB of room for the changes to come. It gives that back as soon as the disk is full, and no change is
- *    refused for it. While a full disk keeps the log from being moved into NAME.db, neither happens.
- *  - A full disk, a failing device and a damaged file are statuses; what is readable stays readable, and
- *    calls succeed again once the cause is gone. A program whose files may be limited in size (setrlimit(2))
- *    catches or ignores SIGXFSZ, which would end it before PSS_TOO_LARGE is answered.
- *    Whoever puts a saved copy of NAME.db in the place of a damaged one removes NAME.db-wal and
- *    NAME.db-journal first: what they hold belongs to the damaged file and would be written into the copy.
- *  - Bytes handed out belong to the store and stay valid until the next call on the same handle.
- *  - Handles are small numbers from 1 up; a number that is no open handle answers PSS_BAD_HANDLE.
+ * Guarantees
+ *  - A write that returned 0 is on disk. A write that returned any other status changed nothing, except if
+ *    flushing it failed and the system crashed before the failure was repaired.
+ *  - Deleted and replaced bytes are overwritten in the store's files: after 256 further changes at the
+ *    latest, when the store is next opened or closed, and when pss2_settle() is called, which the daemon does
+ *    within a second of a change. Until then they may be in the write-ahead log, NAME.db-wal. The log keeps
+ *    up to 4 MiB of disk space for later changes, and frees it when the disk is full, so that no change is
+ *    refused because of it. While the disk is too full for a checkpoint of the log into NAME.db, neither is
+ *    done.
+ *  - A full disk, a failing device and a damaged file are reported as statuses. Data that can be read stays
+ *    readable, and calls succeed again when the cause is removed. A program with a limit on the size of files
+ *    (setrlimit(2)) must catch or ignore SIGXFSZ, which would end it before PSS_TOO_LARGE is returned. To
+ *    replace a damaged NAME.db by a saved copy, delete NAME.db-wal and NAME.db-journal first: they belong to
+ *    the damaged file and would be written into the copy.
+ *  - Keys and values that functions return belong to the store and are valid until the next call on the
+ *    handle.
+ *  - Handles are small numbers from 1 on. Functions return PSS_BAD_HANDLE for any other number.
  */
 #ifndef QUILLPLATFORM_PSS_H
 #define QUILLPLATFORM_PSS_H
 
 #include <stdint.h>
 
-/* Statuses of the store. Every error of the system and of the database engine becomes one of these; what
- * the engine itself said goes to the log (syslog(3)). No key is SECURITY_PSS_NO_KEY of the library. */
+/* Statuses of the store: name, value and text. Every error of the system and of the database engine is
+ * mapped to one of them; the engine's own message goes to the log (syslog(3)). PSS_NO_KEY is the
+ * library's SECURITY_PSS_NO_KEY. */
 #define PSS_STATUS_LIST(X)                                                                            \
     X(PSS_OK, 0x00000000, "success")                                                                  \
     X(PSS_BAD_HANDLE, 0x40480001, "not an open store")                                                \
@@ -59,15 +63,15 @@ enum pss_status { PSS_STATUS_LIST(PSS_STATUS_ROW) };
 #endif
 #undef PSS_STATUS_ROW
 
-/* Flags of pss2_open: 3 opens for reading and writing; with PSS_CREATE added a missing store is made. */
+/* Flags of pss2_open(): open for reading and writing, and create a missing store. */
 #define PSS_READ_WRITE 3u
 #define PSS_CREATE 16u
 
-/* The largest key and value that the reference keeps, in bytes. */
+/* The largest key and the largest value of the reference in bytes. */
 #define PSS_MAX_KEY 1024u
 #define PSS_MAX_VALUE 65536u
 
-/* Modes of the cursor calls, and the one location. */
+/* The only mode and the only location of the cursor functions. */
 #define PSS_MODE 1u
 #define PSS_NEXT 3u
 
@@ -76,55 +80,57 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/* A key or a value. */
+/* A key or a value; `length` in bytes. */
 typedef struct pss_descriptor {
     void* bytes;
     uint32_t length;
 } pss_descriptor;
 
-/* Opens the store `name` (1 to 64 letters, digits, '.', '_' and '-', not beginning with '.') and answers
- * its handle, 0 on failure. parameters are four words; the last is the version that the caller expects:
- * a store stamped with another one is refused (PSS_WRONG_VERSION), one that was never stamped is not.
- * mode and zero, and the other three words, are accepted and not used by the reference. */
+/* Opens the store `name` (1 to 64 letters, digits, '.', '_' and '-', not beginning with '.'). Returns its
+ * handle, or 0 on failure, and stores the status. `parameters` are four words. The last is the expected
+ * version: a store with another version is refused (PSS_WRONG_VERSION), a store without one is not. The
+ * reference does not use `mode`, `zero` and the other three words. */
 uint32_t pss2_open(const char* name, uint32_t flags, uint32_t mode, uint32_t zero, const uint32_t* parameters,
                    uint32_t* status);
 
-/* Stamps the store with a version; `one` is 1. */
+/* Writes a version to the store; `one` is 1. Returns a status. */
 uint32_t pss_version_set(uint32_t handle, uint32_t one, uint32_t version);
 
-/* The value of a key; null and PSS_NO_KEY when there is none. */
+/* Returns the value of a key, or null and PSS_NO_KEY in *status if there is none. */
 pss_descriptor* pss2_fetch(uint32_t handle, const pss_descriptor* key, uint32_t* status);
 
-/* Writes or replaces the value of a key. */
+/* Creates a key or replaces its value. Returns a status. */
 uint32_t pss2_store(uint32_t handle, const pss_descriptor* key, const pss_descriptor* value);
 
-/* Removes a key; PSS_NO_KEY when there is none. `count` is 1. */
+/* Deletes a key. Returns a status, PSS_NO_KEY if there is none. `count` is 1. */
 uint32_t pss2_delete(uint32_t handle, const pss_descriptor* key, uint32_t count);
 
-/* Moves the cursor of *handle to the key (PSS_OK) or, where it is absent, to the first key after it
- * (PSS_NO_KEY; there may be none). The status is both answered and stored. `mode` is PSS_MODE. */
+/* Moves the cursor of *handle to the key (PSS_OK) or, if it does not exist, to the first key after it, if any
+ * (PSS_NO_KEY). Returns the status and stores it in *status. `mode` is PSS_MODE. */
 uint32_t pss2_move2key(uint32_t* handle, uint32_t mode, const pss_descriptor* key, uint32_t* status);
 
-/* Moves the cursor to the next key (`location` PSS_NEXT); PSS_NO_KEY when there is none, and the cursor
- * then stands nowhere. A cursor whose key was deleted moves to the key that followed it. */
+/* Moves the cursor to the next key; `location` is PSS_NEXT. If there is none, PSS_NO_KEY, and the cursor is
+ * then at no key. If its key was deleted, the cursor moves to the key that followed it. Returns the status
+ * and stores it in *status. */
 uint32_t pss2_move2location(uint32_t* handle, uint32_t mode, uint32_t location, uint32_t* status);
 
-/* The key under the cursor, and its value as it is now; null and PSS_NO_KEY where the cursor stands
- * nowhere or its key was deleted. */
+/* Return the key at the cursor, and its current value, or null and PSS_NO_KEY if the cursor is at no key or
+ * its key was deleted. */
 pss_descriptor* pss2_getkey(uint32_t handle, uint32_t* status);
 pss_descriptor* pss2_getvalue(uint32_t handle, uint32_t* status);
 
-/* Text of a status of the store, of the library or of a transport failure. For any other number a text
- * that names it, in static storage that the next such call overwrites. Never null. */
+/* Returns the text of a status of the store, of the library or of a transport failure. For any other
+ * number returns a text with the number, in static storage that the next such call overwrites. Never
+ * returns null. */
 const char* syserr2str(uint32_t status);
 
-/* ---- Beyond what the library imports: for the program that owns a store. */
+/* ---- Not imported by the library: for the program that owns a store. */
 
-/* Blanks in the files of all open stores what was deleted or replaced. Cheap when there is nothing to do.
- * Answers the first failure; nothing is lost by one, and the next call tries again. */
+/* Checkpoints all open stores: overwrites deleted and replaced bytes in their files. Cheap if there is
+ * nothing to do. Returns 0 or the first failure; a failure loses no data, and the next call tries again. */
 uint32_t pss2_settle(void);
 
-/* Settles and closes a store; the handle is free afterwards whatever is answered. */
+/* Checkpoints and closes a store. Returns the status of the checkpoint; the handle is closed in any case. */
 uint32_t pss2_close(uint32_t handle);
 
 #pragma GCC visibility pop

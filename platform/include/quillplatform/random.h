@@ -9,8 +9,7 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/* A 32-bit number. The reference takes it from the kernel (getrandom(2)), whatever random(3) was seeded with.
- */
+/* Returns a random 32-bit number. The reference uses getrandom(2), not random(3). */
 uint32_t TRAL_random(void);
 
 #pragma GCC visibility pop

@@ -1,0 +1,109 @@
+#include "platform/channel/closer.h"
+
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+
+#include "platform/service.h"
+
+namespace quill {
+namespace {
+
+constexpr int kPassRights = 83;  // SO_PASSRIGHTS of Linux 6.16, which the headers do not have yet
+
+constexpr timeval kBatchTime{0, 20000};
+constexpr size_t kMostWaiting = 2048;  // more than there are connections
+
+// Whether nothing unread is left on a socket that was shut down, after which nothing arrives. An empty
+// message looks like the end of the connection but for its sender's credentials.
+bool is_empty(int socket) {
+    const int on = 1;
+    if (setsockopt(socket, SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0) return false;
+    for (int attempt = 0; attempt < 2; ++attempt) {  // the first may return an error that was left behind
+        alignas(cmsghdr) char credentials[CMSG_SPACE(sizeof(ucred))];
+        msghdr message{};
+        message.msg_control = credentials;
+        message.msg_controllen = sizeof credentials;  // no room for a descriptor
+        const ssize_t size = recvmsg(socket, &message, MSG_PEEK | MSG_DONTWAIT);
+        if (size >= 0)
+            return size == 0 && message.msg_controllen == 0 && (message.msg_flags & MSG_CTRUNC) == 0;
+    }
+    return false;
+}
+
+// Lives until it is killed, which is soon: the end of a process waits for none of the files that it closes.
+[[noreturn]] void hold_descriptors(pid_t daemon) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    while (getppid() == daemon) pause();
+    _exit(0);
+}
+
+}  // namespace
+
+Closer::Closer(event_base* base)
+    : timer_(make_event(
+          base, -1, 0,
+          [](evutil_socket_t, short, void* closer) { static_cast<Closer*>(closer)->close_waiting(); },
+          this)) {
+    // Nothing is allocated when a connection is closed.
+    waiting_.reserve(kMostWaiting);
+    children_.reserve(kMostChildren);
+}
+
+Closer::~Closer() { reap(); }
+
+void Closer::protect(int listener) {
+    const int off = 0;
+    kernel_refuses_ = setsockopt(listener, SOL_SOCKET, kPassRights, &off, sizeof off) == 0;
+}
+
+ssize_t Closer::receive(int socket, void* buffer, size_t room) const {
+    if (!kernel_refuses_) {
+        msghdr message{};  // no room for what comes along, which is not dropped, since it is only looked at
+        if (recvmsg(socket, &message, MSG_PEEK | MSG_DONTWAIT) < 0) return -1;
+        errno = EBADMSG;
+        if ((message.msg_flags & MSG_CTRUNC) != 0) return -1;
+    }
+    return recv(socket, buffer, room, MSG_DONTWAIT | MSG_TRUNC);
+}
+
+void Closer::close(int socket) {
+    if (kernel_refuses_) {
+        ::close(socket);
+        return;
+    }
+    shutdown(socket, SHUT_RDWR);
+    if (is_empty(socket)) {
+        ::close(socket);
+        return;
+    }
+    waiting_.push_back(socket);
+    if (is_full() || event_add(timer_.get(), &kBatchTime) != 0) close_waiting();
+}
+
+void Closer::reap() {
+    std::erase_if(children_, [](pid_t child) { return waitpid(child, nullptr, WNOHANG) != 0; });
+}
+
+void Closer::close_waiting() {
+    reap();
+    if (!waiting_.empty() && children_.size() < kMostChildren) {
+        const pid_t daemon = getpid();
+        const pid_t child = fork_without_handlers();
+        if (child == 0) hold_descriptors(daemon);
+        if (child > 0) {
+            for (const int socket : waiting_) ::close(socket);
+            waiting_.clear();
+            kill(child, SIGKILL);
+            children_.push_back(child);
+        }
+    }
+    if (!waiting_.empty() || !children_.empty()) event_add(timer_.get(), &kBatchTime);
+}
+
+}  // namespace quill

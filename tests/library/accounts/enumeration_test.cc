@@ -1,0 +1,143 @@
+#include <cerrno>
+#include <cstring>
+
+#include "tests/library/accounts/account_files.h"
+
+namespace {
+
+using Enumeration = AccountFiles;
+using Names = std::vector<std::string>;
+
+Names walk() {
+    Names names;
+    char name[128] = "";
+    while (security_conf_user_getnext(0, name) == 0 && names.size() < 10000) names.push_back(name);
+    return names;
+}
+
+TEST_F(Enumeration, NameOrderIsLengthFirst) {
+    const std::tuple<const char*, const char*, int> cases[] = {
+        {"b", "aa", -1}, {"aa", "b", 1}, {"a", "b", -1},    {"b", "a", 1},
+        {"a", "a", 0},   {"", "a", -1},  {"a\xff", "ab", 1}};
+    for (const auto& [a, b, want] : cases) {
+        const int order = security_conf_compare_username(a, b);
+        EXPECT_EQ(want, (order > 0) - (order < 0)) << a << " " << b;
+    }
+    EXPECT_EQ(-1, security_conf_compare_username("z", "aaaa"));
+    EXPECT_EQ(1, security_conf_compare_username("aaaa", "z"));
+}
+
+TEST_F(Enumeration, UsersOfAllContextsInNameOrder) {
+    write({{"b"}, {"aa"}, {"a"}, {"ab"}, {"a#02#"}, {"passwd-only", true, false}});
+    world().vdc = 2;
+    EXPECT_EQ((Names{"a", "b", "aa", "ab", "a#02#"}), walk());
+
+    char name[128] = "c";  // does not exist: the walk goes on after its place
+    EXPECT_EQ(0u, security_conf_user_getnext(0, name));
+    EXPECT_STREQ("aa", name);
+}
+
+TEST_F(Enumeration, OddFilesEndTheWalkAllTheSame) {
+    const std::string longest(127, 'n');
+    std::vector<Account> many;
+    Names expected;
+    for (int i = 1000; i < 1600; ++i) {
+        many.push_back({"u" + std::to_string(i)});
+        expected.push_back(many.back().name);
+    }
+    std::reverse(many.begin(), many.end());
+    const std::pair<std::vector<Account>, Names> cases[] = {
+        {{}, {}},
+        {{{"twice"}, {"twice"}, {"z"}, {"z"}}, {"z", "twice"}},
+        {{{longest}, {longest + "n"}, {std::string(300, 'x')}}, {longest}},
+        {many, expected},
+    };
+    for (const auto& [accounts, names] : cases) {
+        write(accounts);
+        EXPECT_EQ(names, walk());
+    }
+}
+
+TEST_F(Enumeration, UserTraces) {
+    write({{"b"}, {"a"}});
+    const std::string each = "security_conf_get_vdc_user(b)\n", other = "security_conf_get_vdc_user(a)\n";
+    const struct {
+        const char* given;
+        uint32_t want;
+        Names tail;
+    } cases[] = {
+        {"", 0, {each, other, "security_conf_compare_username\n", "return a\n"}},
+        {"b", 0x404a001c, {each, other, "security_conf_compare_username\n"}},
+        {"zz", 0x404a001c, {each, other, "security_conf_compare_username\n", "USER_END_OF_TABLE\n"}},
+    };
+    for (const auto& c : cases) {
+        world().traces.clear();
+        char name[128];
+        strcpy(name, c.given);
+        EXPECT_EQ(c.want, security_conf_user_getnext(0, name));
+        Names expected = c.tail;
+        expected.insert(expected.begin(), "security_conf_user_getnext(" + std::string(c.given) + ")\n");
+        EXPECT_EQ(expected, world().traces);
+    }
+    write({});
+    world().traces.clear();
+    char name[128] = "";
+    EXPECT_EQ(0x404a001cu, security_conf_user_getnext(0, name));
+    EXPECT_EQ((Names{"security_conf_user_getnext()\n", "USER_END_OF_TABLE\n"}), world().traces);
+}
+
+std::string roles_reply(int32_t count, const Names& roles) {
+    security_user_roles record{};
+    record.num_roles = count;
+    for (size_t i = 0; i < roles.size(); ++i) memcpy(record.roles[i], roles[i].data(), roles[i].size());
+    return {reinterpret_cast<const char*>(&record), sizeof record};
+}
+
+TEST_F(Enumeration, RolesOfAUserInNameOrder) {
+    world().reply.record = roles_reply(5, {"ops", "aa", "network-admin", "b", "aa"});
+    Names walked;
+    char role[65] = "";
+    while (security_conf_user_role_getnext(6, "alice", role) == 0) walked.push_back(role);
+    EXPECT_EQ((Names{"b", "aa", "ops", "network-admin"}), walked);
+    const Sent& sent = world().requests.at(0);
+    EXPECT_EQ(5155, sent.type);
+    EXPECT_EQ(1u, sent.operation);
+    EXPECT_EQ(6u, sent.connection);
+    std::string expected = "alice";
+    expected.resize(4292);
+    EXPECT_EQ(expected, sent.record);
+}
+
+TEST_F(Enumeration, RoleWalksThatEnd) {
+    const std::string full(65, 'r');
+    const struct {
+        const char* what;
+        Reply reply;
+        uint32_t want;
+        const char* role;
+    } cases[] = {
+        {"no roles", {.record = roles_reply(0, {"beyond"})}, 0x404a002d, ""},
+        {"a negative count", {.record = roles_reply(-1, {"beyond"})}, 0x404a002d, ""},
+        {"a status", {.status = 0x404a0014}, 0x404a0014, ""},
+        {"undeliverable", {.status = -1, .error = ECONNREFUSED}, 0x804a0000 | ECONNREFUSED, ""},
+        {"a short reply", {.record = std::string(4200, 'x')}, 0x804a0000 | EPROTO, ""},
+        {"a count too large", {.record = roles_reply(1 << 30, {})}, 0x404a002d, ""},
+        {"a slot without an end", {.record = roles_reply(1, {full})}, 0, full.c_str()},
+    };
+    for (const auto& c : cases) {
+        world().reply = c.reply;
+        char role[65] = "";
+        EXPECT_EQ(c.want, security_conf_user_role_getnext(0, "alice", role)) << c.what;
+        EXPECT_EQ(std::string(c.role).substr(0, 64), role) << c.what;
+    }
+    char role[65] = "";
+    EXPECT_EQ(0x404a0014u, security_conf_user_role_getnext(0, std::string(128, 'u').c_str(), role));
+}
+
+TEST_F(Enumeration, ErrorTextsWithoutTheToolsPrefix) {
+    char text[] = "userdel: user 'x' does not exist: userdel: ";
+    EXPECT_STREQ(" user 'x' does not exist: userdel: ", security_conf_get_stderr(text, "userdel:"));
+    EXPECT_EQ(text, security_conf_get_stderr(text, "passwd:"));
+}
+
+}  // namespace

@@ -1,0 +1,229 @@
+#include <cerrno>
+#include <cstring>
+#include <regex>
+
+#include "tests/fakes/library_test.h"
+
+namespace {
+
+using PrivInfo = LibraryTest;
+
+constexpr char kHash[] = "$1$1f$134cc78c882a1c63";  // of abc, with the salt of the fake random number
+
+security_priv_info level(int32_t number, int32_t encryption = 0, const std::string& secret = "") {
+    security_priv_info info{};
+    info.priv_lvl = number;
+    info.encryption_type = encryption;
+    memcpy(info.secret, secret.data(), secret.size());
+    info.secret_len = static_cast<int32_t>(secret.size());
+    return info;
+}
+
+security_priv_info hashed(int32_t number) {
+    auto info = level(number, 1, kHash);
+    info.shadow_style = 1;
+    return info;
+}
+
+std::string bytes_of(const security_priv_info& info) {
+    return {reinterpret_cast<const char*>(&info), sizeof info};
+}
+
+// The stored value: the words after the level are big-endian.
+std::string value(const security_priv_info& info) {
+    auto swapped = info;
+    security_conf_cmi_byteorder_convert(5159, &swapped);
+    return bytes_of(swapped).substr(4);
+}
+
+std::string wire(const security_priv_info& info) {
+    auto swapped = info;
+    security_conf_cmi_byteorder_convert(5159, &swapped);
+    return bytes_of(swapped);
+}
+
+uint32_t config(uint32_t operation, security_priv_info& info) {
+    return security_priv_info_config(kHandle, operation, &info);
+}
+
+// Traces without the line numbers of the handler.
+std::vector<std::string> traces() {
+    std::vector<std::string> found;
+    for (const auto& text : world().traces)
+        found.push_back(
+            std::regex_replace(text, std::regex("^security_priv_info_config\\([0-9]+\\):"), "(.):"));
+    return found;
+}
+
+TEST_F(PrivInfo, ClearSecretsAreHashedOnTheWayIn) {
+    auto info = level(3, 100, "abc");
+    memset(info.salt, 's', 10);
+    info.salt_len = 10;
+    EXPECT_EQ(0u, config(SET_REQ, info));
+
+    auto want = hashed(3);
+    memset(want.salt + 1, 's', 9);  // only the first byte of the salt is cleared
+    EXPECT_EQ(bytes_of(want), bytes_of(info));
+    EXPECT_EQ((std::map<std::string, std::string>{{number_key(22, 3), value(want)}}), world().store);
+
+    auto read = level(3);
+    EXPECT_EQ(0u, config(GET_REQ, read));
+    EXPECT_EQ(bytes_of(want), bytes_of(read));
+}
+
+// The hash string has no terminator: bytes behind it in the field are unchanged.
+TEST_F(PrivInfo, BytesBehindTheHashAreUnchanged) {
+    const std::string secret = "0123456789012345678901234567TAIL";
+    auto info = level(3, 100, secret);
+    EXPECT_EQ(0u, config(SET_REQ, info));
+    EXPECT_EQ(22, info.secret_len);
+    EXPECT_EQ(secret.substr(22), info.secret + 22);
+}
+
+TEST_F(PrivInfo, OtherTypesAreStoredAsGiven) {
+    for (const int32_t encryption : {0, 1, 7, 99}) {
+        const auto given = level(4, encryption, "as it is");
+        auto info = given;
+        EXPECT_EQ(0u, config(SET_REQ, info));
+        EXPECT_EQ(value(given), world().store[number_key(22, 4)]);
+        EXPECT_EQ(bytes_of(given), bytes_of(info));
+    }
+}
+
+TEST_F(PrivInfo, OnlySetHashes) {
+    for (const uint32_t operation : {0, +GET_REQ, +GETNEXT_REQ, +DEL_REQ}) {
+        auto info = level(3, 100, "abc");
+        config(operation, info);
+        EXPECT_EQ(bytes_of(level(3, 100, "abc")), bytes_of(info)) << operation;
+    }
+}
+
+TEST_F(PrivInfo, AFailedHashStoresAndChangesNothing) {
+    auto info = level(3, 100);
+    memset(info.secret, 'x', sizeof info.secret);  // no terminator
+    const auto before = info;
+    EXPECT_EQ(0x404a0009u, config(SET_REQ, info));
+    EXPECT_EQ(bytes_of(before), bytes_of(info));
+    EXPECT_TRUE(world().calls.empty());
+    EXPECT_EQ("encryption failed for secret:, encryption-type:1", world().traces.back());
+}
+
+TEST_F(PrivInfo, WalksLevelsUpwardsFromAnyStart) {
+    world().store = {{number_key(21, 1), "other"},
+                     {number_key(22, 3), value(hashed(0))},
+                     {number_key(22, 7), value(hashed(0))},
+                     {number_key(27, 0), "other"}};
+    const struct {
+        int32_t from;
+        uint32_t want;
+        int32_t found;
+    } cases[] = {{0, 0, 3}, {3, 0, 7}, {4, 0, 7}, {7, 0x404a0046, 7}, {8, 0x404a0046, 8}};
+    for (const auto& c : cases) {
+        world().traces.clear();
+        auto info = level(c.from);
+        EXPECT_EQ(c.want, config(GETNEXT_REQ, info)) << c.from;
+        EXPECT_EQ(bytes_of(c.want == 0 ? hashed(c.found) : level(c.found)), bytes_of(info)) << c.from;
+        EXPECT_EQ(1, std::count(world().traces.begin(), world().traces.end(), "My error")) << c.from;
+    }
+}
+
+TEST_F(PrivInfo, Traces) {
+    auto info = level(3, 100, "abc");
+    config(SET_REQ, info);
+    const std::vector<std::string> expected = {
+        "In security_priv_info_config:",
+        "(.):Not encrypted, encrypting",
+    };
+    const auto seen = traces();
+    ASSERT_GE(seen.size(), 11u);
+    EXPECT_TRUE(std::equal(expected.begin(), expected.end(), seen.begin()));
+    // The traces of the hash itself come between these.
+    const std::vector<std::string> tail = {
+        "(.):secret hash:$1$1f$134cc78c882a1c63c9d1ceedbade352e, secret hash-len:22 encryption-type:1",
+        "(.):encryption type before storing in pss: 1",
+        "(.):encryption type stored in pss: 16777216",
+        "SET operation for prvi_lvl:3",
+        "(.):encryption_type 1",
+        "(.):secret_len 22",
+        "(.):shadow_style TRUE",
+        "(.):salt_len 0",
+        "status for the operation 3: <[0]>",
+    };
+    EXPECT_EQ(tail, std::vector<std::string>(seen.end() - 9, seen.end()));
+}
+
+// ---- Client functions
+
+TEST_F(PrivInfo, ClientSendsTheRecordAndTakesTheReply) {
+    world().reply.record = wire(hashed(3));
+    auto info = level(3);
+    EXPECT_EQ(0u, cmi_security_priv_info_config(8, GET_REQ, &info));
+    EXPECT_EQ(bytes_of(hashed(3)), bytes_of(info));
+    ASSERT_EQ(1u, world().requests.size());
+    EXPECT_EQ(5159, world().requests[0].type);
+    EXPECT_EQ(8u, world().requests[0].connection);
+    EXPECT_EQ(wire(level(3)), world().requests[0].record);
+}
+
+std::vector<int32_t> levels_asked() {
+    std::vector<int32_t> asked;
+    for (const auto& sent : world().requests) asked.push_back(sent.record[3]);
+    return asked;
+}
+
+TEST_F(PrivInfo, AllLevelsUntilTheFirstFailure) {
+    auto info = level(9, 1, "given");
+    world().replies[2] = {.status = 0x40480003};
+    EXPECT_EQ(0x40480003u, cmi_security_priv_info_config_all(0, GET_REQ, &info));
+    EXPECT_EQ((std::vector<int32_t>{1, 2, 3}), levels_asked());
+    world().requests.clear();
+    world().replies.clear();
+    world().replies[0].record = wire(level(1, 1, "from level 1"));
+    EXPECT_EQ(0u, cmi_security_priv_info_config_all(0, SET_REQ, &info));
+    EXPECT_EQ(15u, world().requests.size());
+    EXPECT_EQ(wire(level(2, 1, "from level 1")), world().requests[1].record) << "as the last reply left it";
+}
+
+TEST_F(PrivInfo, CleanupGoesOnWhereALevelHasNone) {
+    for (size_t i = 0; i < 15; ++i)
+        if (i != 2 && i != 6) world().replies[i] = {.status = 0x40480003};
+    EXPECT_EQ(0u, cmi_security_vsh_callback_priv_info_cleanup(5));
+    EXPECT_EQ(15u, world().requests.size());
+    EXPECT_EQ(DEL_REQ, static_cast<int>(world().requests[14].operation));
+    EXPECT_EQ(wire(level(1)), world().requests[0].record) << "an empty record";
+
+    world().requests.clear();
+    world().replies = {{3, {.status = 0x4048000c}}};
+    EXPECT_EQ(0x4048000cu, cmi_security_priv_info_cleanup(5, DEL_REQ));
+    EXPECT_EQ((std::vector<int32_t>{1, 2, 3, 4}), levels_asked());
+
+    world().requests.clear();
+    world().replies = {{0, {.status = -1, .error = ENOENT}}};
+    EXPECT_EQ(0xffffffffu, cmi_security_priv_info_cleanup(5, DEL_REQ));
+}
+
+TEST_F(PrivInfo, VerifiesASecret) {
+    const struct {
+        const char* what;
+        Reply reply;
+        const char* candidate;
+        uint32_t want, matched;
+    } cases[] = {
+        {"right", {.record = wire(hashed(3))}, "abc", 0, 1},
+        {"wrong", {.record = wire(hashed(3))}, "abd", 0x404a0009, 0},
+        {"no secret", {.status = 0x404a0045}, "abc", 0x404a0045, 0},
+        {"a field without an end",
+         {.record = wire(level(3, 1, std::string(1024, '$')))},
+         "abc",
+         0x404a0008,
+         0},
+    };
+    for (const auto& c : cases) {
+        world().reply = c.reply;
+        uint32_t matched = 9;
+        EXPECT_EQ(c.want, security_verify_priv_level_secret(0, c.candidate, 3, 3, &matched)) << c.what;
+        EXPECT_EQ(c.matched, matched) << c.what;
+    }
+}
+
+}  // namespace
