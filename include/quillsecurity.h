@@ -34,7 +34,7 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-typedef struct pss_descriptor pss_descriptor; /* quillplatform/pss.h: bytes and their length */
+struct pss_descriptor; /* quillplatform/pss.h: bytes and their length */
 
 /* ---------------------------------------------------------------------------------------- byte order */
 
@@ -58,11 +58,12 @@ int32_t set_pss_version(uint32_t handle);
  * the cursor, or null if there is none. *status is 0 if `key` exists, and SECURITY_PSS_NO_KEY if the cursor
  * is at a key after it or at none; for any other status the result is null. The returned key belongs to the
  * store and is valid until the next call on this handle. */
-pss_descriptor* security_pss_move2key(uint32_t handle, const pss_descriptor* key, uint32_t* status);
+struct pss_descriptor* security_pss_move2key(uint32_t handle, const struct pss_descriptor* key,
+                                             uint32_t* status);
 
 /* Moves the cursor relative to its position; location 3 is the next key. Returns the key at the cursor, owned
  * by the store as above, or null if there is none or the move failed. *status is the store's status. */
-pss_descriptor* security_pss_move2location(uint32_t handle, uint32_t location, uint32_t* status);
+struct pss_descriptor* security_pss_move2location(uint32_t handle, uint32_t location, uint32_t* status);
 
 /* ------------------------------------------------------------------------------------------- services */
 

@@ -7,9 +7,10 @@
 #ifndef QUILLSECURITY_NOTIFY_H
 #define QUILLSECURITY_NOTIFY_H
 
-#include <assert.h>
 #include <stddef.h>
 #include <stdint.h>
+
+#include "quillsecurity/layout.h"
 
 /* Opcodes on the message transport. */
 enum security_mts_opcode {
@@ -32,7 +33,7 @@ typedef struct security_role_set {
     uint32_t count; /* names in use; names past it are ignored */
     char roles[64][65];
 } security_role_set;
-static_assert(sizeof(security_role_set) == 4164, "layout");
+QUILL_ASSERT_SIZE(security_role_set, 4164);
 
 /* Words are in host order. A name or text that fills its field has no terminator. */
 typedef struct security_notification {
@@ -42,9 +43,9 @@ typedef struct security_notification {
     security_role_set role_set;
     char text[40]; /* chosen by the sender */
 } security_notification;
-static_assert(sizeof(security_notification) == 4340, "layout");
-static_assert(offsetof(security_notification, number) == 132, "layout");
-static_assert(offsetof(security_notification, text) == 4300, "layout");
+QUILL_ASSERT_SIZE(security_notification, 4340);
+QUILL_ASSERT_OFFSET(security_notification, number, 132);
+QUILL_ASSERT_OFFSET(security_notification, text, 4300);
 
 /* A field table is a header, a descriptor for each field, and a terminator: a descriptor whose field_id,
  * width, offset, zero1, largest_length and minus_one are -1 and whose other words are 0. Each word is as wide
@@ -72,7 +73,7 @@ typedef struct tlvu_field_descriptor {
     intptr_t minus_one;
     uintptr_t zero2;
 } tlvu_field_descriptor;
-static_assert(sizeof(tlvu_field_descriptor) == 12 * sizeof(void*), "layout");
+QUILL_ASSERT_SIZE(tlvu_field_descriptor, 12 * sizeof(void*));
 
 /* ------------------------------------------------------------------------------------ self-test results */
 
@@ -100,15 +101,15 @@ typedef struct security_self_test_results {
         uint32_t passed; /* 1 or 0 */
     } entries[20];
 } security_self_test_results;
-static_assert(sizeof(security_self_test_results) == 176, "layout");
-static_assert(offsetof(security_self_test_results, num_entries) == 12, "layout");
+QUILL_ASSERT_SIZE(security_self_test_results, 176);
+QUILL_ASSERT_OFFSET(security_self_test_results, num_entries, 12);
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-typedef struct tlvu_field_itr tlvu_field_itr; /* quillplatform/tlv.h */
+struct tlvu_field_itr; /* quillplatform/tlv.h */
 
 /* -------------------------------------------------------------------------------------------- sending */
 
@@ -181,12 +182,13 @@ uint32_t tlvu_security_notification_get_field(const void* tlv, uint32_t tlv_leng
 uint32_t tlvu_role_set_get_field(const void* tlv, uint32_t tlv_length, uint32_t field_id, void** value,
                                  uint32_t* value_length);
 
-uint32_t tlvu_security_notification_field_itr_init(const void* tlv, uint32_t tlv_length, tlvu_field_itr* itr);
-uint32_t tlvu_role_set_field_itr_init(const void* tlv, uint32_t tlv_length, tlvu_field_itr* itr);
+uint32_t tlvu_security_notification_field_itr_init(const void* tlv, uint32_t tlv_length,
+                                                   struct tlvu_field_itr* itr);
+uint32_t tlvu_role_set_field_itr_init(const void* tlv, uint32_t tlv_length, struct tlvu_field_itr* itr);
 
-uint32_t tlvu_security_notification_field_get_next(tlvu_field_itr* itr, uint32_t* field_id, void** value,
-                                                   uint32_t* value_length);
-uint32_t tlvu_role_set_field_get_next(tlvu_field_itr* itr, uint32_t* field_id, void** value,
+uint32_t tlvu_security_notification_field_get_next(struct tlvu_field_itr* itr, uint32_t* field_id,
+                                                   void** value, uint32_t* value_length);
+uint32_t tlvu_role_set_field_get_next(struct tlvu_field_itr* itr, uint32_t* field_id, void** value,
                                       uint32_t* value_length);
 
 /* ----------------------------------------------------------------------------- self-tests at start-up */

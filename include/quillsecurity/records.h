@@ -7,9 +7,10 @@
 #ifndef QUILLSECURITY_RECORDS_H
 #define QUILLSECURITY_RECORDS_H
 
-#include <assert.h>
 #include <stddef.h>
 #include <stdint.h>
+
+#include "quillsecurity/layout.h"
 
 /* The operation of a request. Most handlers do nothing and return 0 for any other code. */
 enum security_operation {
@@ -56,18 +57,18 @@ typedef struct security_user {
     uint32_t encryption_type; /* enum security_encryption */
     char password[128];
 } security_user;
-static_assert(sizeof(security_user) == 264, "layout");
-static_assert(offsetof(security_user, user_type) == 128, "layout");
-static_assert(offsetof(security_user, encryption_type) == 132, "layout");
-static_assert(offsetof(security_user, password) == 136, "layout");
+QUILL_ASSERT_SIZE(security_user, 264);
+QUILL_ASSERT_OFFSET(security_user, user_type, 128);
+QUILL_ASSERT_OFFSET(security_user, encryption_type, 132);
+QUILL_ASSERT_OFFSET(security_user, password, 136);
 
 /* One service and its value. */
 typedef struct security_enable_info {
     uint32_t code; /* enum security_service */
     uint32_t value;
 } security_enable_info;
-static_assert(sizeof(security_enable_info) == 8, "layout");
-static_assert(offsetof(security_enable_info, value) == 4, "layout");
+QUILL_ASSERT_SIZE(security_enable_info, 8);
+QUILL_ASSERT_OFFSET(security_enable_info, value, 4);
 
 /* The secret of a privilege level. */
 typedef struct security_priv_info {
@@ -79,13 +80,13 @@ typedef struct security_priv_info {
     char salt[64];         /* empty if the salt is part of the hash string */
     int32_t salt_len;
 } security_priv_info;
-static_assert(sizeof(security_priv_info) == 1108, "layout");
-static_assert(offsetof(security_priv_info, encryption_type) == 4, "layout");
-static_assert(offsetof(security_priv_info, secret) == 8, "layout");
-static_assert(offsetof(security_priv_info, secret_len) == 1032, "layout");
-static_assert(offsetof(security_priv_info, shadow_style) == 1036, "layout");
-static_assert(offsetof(security_priv_info, salt) == 1040, "layout");
-static_assert(offsetof(security_priv_info, salt_len) == 1104, "layout");
+QUILL_ASSERT_SIZE(security_priv_info, 1108);
+QUILL_ASSERT_OFFSET(security_priv_info, encryption_type, 4);
+QUILL_ASSERT_OFFSET(security_priv_info, secret, 8);
+QUILL_ASSERT_OFFSET(security_priv_info, secret_len, 1032);
+QUILL_ASSERT_OFFSET(security_priv_info, shadow_style, 1036);
+QUILL_ASSERT_OFFSET(security_priv_info, salt, 1040);
+QUILL_ASSERT_OFFSET(security_priv_info, salt_len, 1104);
 
 /* The roles of a user. Names past the count are ignored. */
 typedef struct security_user_roles {
@@ -93,9 +94,9 @@ typedef struct security_user_roles {
     int32_t num_roles; /* 0 to 64 */
     char roles[64][65];
 } security_user_roles;
-static_assert(sizeof(security_user_roles) == 4292, "layout");
-static_assert(offsetof(security_user_roles, num_roles) == 128, "layout");
-static_assert(offsetof(security_user_roles, roles) == 132, "layout");
+QUILL_ASSERT_SIZE(security_user_roles, 4292);
+QUILL_ASSERT_OFFSET(security_user_roles, num_roles, 128);
+QUILL_ASSERT_OFFSET(security_user_roles, roles, 132);
 
 /* The locales of a user. */
 typedef struct security_user_locales {
@@ -103,9 +104,9 @@ typedef struct security_user_locales {
     int32_t num_locales; /* 0 to 64 */
     char locales[64][65];
 } security_user_locales;
-static_assert(sizeof(security_user_locales) == 4292, "layout");
-static_assert(offsetof(security_user_locales, num_locales) == 128, "layout");
-static_assert(offsetof(security_user_locales, locales) == 132, "layout");
+QUILL_ASSERT_SIZE(security_user_locales, 4292);
+QUILL_ASSERT_OFFSET(security_user_locales, num_locales, 128);
+QUILL_ASSERT_OFFSET(security_user_locales, locales, 132);
 
 /* An account to create, change or delete. The reply of a failed request has the text of the failure. */
 typedef struct security_user_manage {
@@ -122,15 +123,15 @@ typedef struct security_user_manage {
     char output[4096];   /* reply */
     char error[4096];    /* reply: error output of the program that failed, beginning with its name */
 } security_user_manage;
-static_assert(sizeof(security_user_manage) == 16960, "layout");
-static_assert(offsetof(security_user_manage, user_name) == 8, "layout");
-static_assert(offsetof(security_user_manage, password) == 136, "layout");
-static_assert(offsetof(security_user_manage, role) == 268, "layout");
-static_assert(offsetof(security_user_manage, num_roles) == 332, "layout");
-static_assert(offsetof(security_user_manage, roles) == 336, "layout");
-static_assert(offsetof(security_user_manage, expiry) == 8724, "layout");
-static_assert(offsetof(security_user_manage, return_code) == 8764, "layout");
-static_assert(offsetof(security_user_manage, error) == 12864, "layout");
+QUILL_ASSERT_SIZE(security_user_manage, 16960);
+QUILL_ASSERT_OFFSET(security_user_manage, user_name, 8);
+QUILL_ASSERT_OFFSET(security_user_manage, password, 136);
+QUILL_ASSERT_OFFSET(security_user_manage, role, 268);
+QUILL_ASSERT_OFFSET(security_user_manage, num_roles, 332);
+QUILL_ASSERT_OFFSET(security_user_manage, roles, 336);
+QUILL_ASSERT_OFFSET(security_user_manage, expiry, 8724);
+QUILL_ASSERT_OFFSET(security_user_manage, return_code, 8764);
+QUILL_ASSERT_OFFSET(security_user_manage, error, 12864);
 
 /* A new password for an account, as clear text. The reply of a failed request has the text of the failure. */
 typedef struct security_passwd {
@@ -140,23 +141,23 @@ typedef struct security_passwd {
     char output[4096]; /* reply */
     char error[4096];  /* reply: beginning with "passwd:" */
 } security_passwd;
-static_assert(sizeof(security_passwd) == 8452, "layout");
-static_assert(offsetof(security_passwd, output) == 260, "layout");
-static_assert(offsetof(security_passwd, error) == 4356, "layout");
+QUILL_ASSERT_SIZE(security_passwd, 8452);
+QUILL_ASSERT_OFFSET(security_passwd, output, 260);
+QUILL_ASSERT_OFFSET(security_passwd, error, 4356);
 
 /* Request to delete, with DEL_REQ, the records of users who have no account in the daemon's context. */
 typedef struct security_orphans {
     uint32_t dropped; /* reply: number of records deleted, in host order */
 } security_orphans;
-static_assert(sizeof(security_orphans) == 4, "layout");
+QUILL_ASSERT_SIZE(security_orphans, 4);
 
 /* The SSH key of a user as one line of OpenSSH text. */
 typedef struct ssh_key_rec {
     char user_name[128];
     char key_text[2200];
 } ssh_key_rec;
-static_assert(sizeof(ssh_key_rec) == 2328, "layout");
-static_assert(offsetof(ssh_key_rec, key_text) == 128, "layout");
+QUILL_ASSERT_SIZE(ssh_key_rec, 2328);
+QUILL_ASSERT_OFFSET(ssh_key_rec, key_text, 128);
 
 /* The SSH key of a user as the text of a key file in another format. */
 typedef struct ssh_key_new_rec {
@@ -164,9 +165,9 @@ typedef struct ssh_key_new_rec {
     char key_text[8192];
     uint8_t key_format; /* enum security_sshkey_format */
 } ssh_key_new_rec;
-static_assert(sizeof(ssh_key_new_rec) == 8321, "layout");
-static_assert(offsetof(ssh_key_new_rec, key_text) == 128, "layout");
-static_assert(offsetof(ssh_key_new_rec, key_format) == 8320, "layout");
+QUILL_ASSERT_SIZE(ssh_key_new_rec, 8321);
+QUILL_ASSERT_OFFSET(ssh_key_new_rec, key_text, 128);
+QUILL_ASSERT_OFFSET(ssh_key_new_rec, key_format, 8320);
 
 /* A command about a user's own key pair, see cmi_user_sshkey_config(). */
 typedef struct ssh_key_cmd_rec {
@@ -177,12 +178,12 @@ typedef struct ssh_key_cmd_rec {
     char second_text[256]; /* import and export: path of the file */
     char rest[5200];
 } ssh_key_cmd_rec;
-static_assert(sizeof(ssh_key_cmd_rec) == 5720, "layout");
-static_assert(offsetof(ssh_key_cmd_rec, value) == 4, "layout");
-static_assert(offsetof(ssh_key_cmd_rec, user_name) == 8, "layout");
-static_assert(offsetof(ssh_key_cmd_rec, first_text) == 136, "layout");
-static_assert(offsetof(ssh_key_cmd_rec, second_text) == 264, "layout");
-static_assert(offsetof(ssh_key_cmd_rec, rest) == 520, "layout");
+QUILL_ASSERT_SIZE(ssh_key_cmd_rec, 5720);
+QUILL_ASSERT_OFFSET(ssh_key_cmd_rec, value, 4);
+QUILL_ASSERT_OFFSET(ssh_key_cmd_rec, user_name, 8);
+QUILL_ASSERT_OFFSET(ssh_key_cmd_rec, first_text, 136);
+QUILL_ASSERT_OFFSET(ssh_key_cmd_rec, second_text, 264);
+QUILL_ASSERT_OFFSET(ssh_key_cmd_rec, rest, 520);
 
 /* Items of an nginx_cert_rec, as the daemon of this system uses them. */
 enum security_web_item { SECURITY_WEB_CERTIFICATE = 0, SECURITY_WEB_KEY = 1 };
@@ -193,14 +194,14 @@ typedef struct nginx_cert_rec {
     char text[2100];
     uint32_t enable; /* 1: use the stored certificate and key; item and text are then ignored */
 } nginx_cert_rec;
-static_assert(sizeof(nginx_cert_rec) == 2108, "layout");
-static_assert(offsetof(nginx_cert_rec, text) == 4, "layout");
-static_assert(offsetof(nginx_cert_rec, enable) == 2104, "layout");
+QUILL_ASSERT_SIZE(nginx_cert_rec, 2108);
+QUILL_ASSERT_OFFSET(nginx_cert_rec, text, 4);
+QUILL_ASSERT_OFFSET(nginx_cert_rec, enable, 2104);
 
 /* The ports of the web server and its switch, all big-endian: see cmi_security_nginx_configure(). */
 typedef struct nginx_port_rec {
     uint32_t word[3];
 } nginx_port_rec;
-static_assert(sizeof(nginx_port_rec) == 12, "layout");
+QUILL_ASSERT_SIZE(nginx_port_rec, 12);
 
 #endif

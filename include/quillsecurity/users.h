@@ -69,10 +69,10 @@ typedef struct common_user_frame {
 
 #pragma pack(pop)
 
-static_assert(sizeof(common_user_record) == 621, "layout");
-static_assert(offsetof(common_user_record, ssh_key) == 299, "layout");
-static_assert(sizeof(common_user_member) == 193, "layout");
-static_assert(sizeof(common_user_frame) == 881, "layout");
+QUILL_ASSERT_SIZE(common_user_record, 621);
+QUILL_ASSERT_OFFSET(common_user_record, ssh_key, 299);
+QUILL_ASSERT_SIZE(common_user_member, 193);
+QUILL_ASSERT_SIZE(common_user_frame, 881);
 
 enum security_frame_kind {
     SECURITY_FRAME_USER = 1,
