@@ -12,7 +12,7 @@ SHELL := /bin/bash
 .SHELLFLAGS := -eu -o pipefail -c
 .NOTPARALLEL:
 .PHONY: help demo shell check check-asan check-i386 check-format check-static check-headers torture torture-brief \
-        fuzz bench bench-i386 bench-smoke build install format
+        fuzz bench bench-i386 bench-smoke build install uninstall deb format
 
 # $(call build,PRESET,OPTIONS): configuring is quick where nothing changed, so it is not skipped.
 build = cmake --preset $(1) $(2) --log-level=NOTICE >/dev/null && cmake --build --preset $(1) -j $(JOBS)
@@ -106,6 +106,13 @@ install: ## install what `make build` built; DESTDIR is honoured
 	    { echo "nothing is built for PREFIX=$(PREFIX); run 'make build PREFIX=$(PREFIX)' first" >&2; exit 1; }
 	@DESTDIR=$(DESTDIR) cmake --install build/release
 	@if [ -z "$(DESTDIR)" ] && [ "$$(id -u)" = 0 ]; then ldconfig; fi
+
+uninstall: ## remove what `make install` installed; DESTDIR is honoured
+	@packaging/uninstall build/release/install_manifest.txt "$(DESTDIR)"
+
+deb: ## build Debian packages into build/deb
+	@packaging/install-deps --deb
+	@packaging/build-deb
 
 format: ## put every source into the format of .clang-format
 	@packaging/install-deps --ci
