@@ -12,7 +12,7 @@ SHELL := /bin/bash
 .SHELLFLAGS := -eu -o pipefail -c
 .NOTPARALLEL:
 .PHONY: help demo shell check check-asan check-i386 check-format check-static check-headers torture torture-brief \
-        fuzz bench bench-i386 bench-smoke build install uninstall deb format
+        fuzz bench bench-i386 bench-smoke build install uninstall deb check-deb format
 
 # $(call build,PRESET,OPTIONS): configuring is quick where nothing changed, so it is not skipped.
 build = cmake --preset $(1) $(2) --log-level=NOTICE >/dev/null && cmake --build --preset $(1) -j $(JOBS)
@@ -113,6 +113,10 @@ uninstall: ## remove what `make install` installed; DESTDIR is honoured
 deb: ## build Debian packages into build/deb
 	@packaging/install-deps --deb
 	@packaging/build-deb
+
+check-deb: deb ## build the packages, check them, and install, upgrade and purge them in a Debian of their own
+	@lintian --allow-root --fail-on warning build/deb/*.changes
+	@tests/install/packages_test build/deb
 
 format: ## put every source into the format of .clang-format
 	@packaging/install-deps --ci
