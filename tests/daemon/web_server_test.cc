@@ -11,6 +11,7 @@
 #include "quillplatform.h"
 #include "quillsecurity.h"
 #include "tests/support/box.h"
+#include "tests/support/store.h"
 
 namespace {
 
@@ -157,6 +158,29 @@ TEST_F(WebServerRequests, OnlyAPairThatServesReplacesTheOldOne) {
     EXPECT_EQ(SECURITY_ERR_NOT_PERMITTED, ask(SECURITY_NGINX_CERT_REQUEST, GET_REQ, record, false));
     EXPECT_EQ(SECURITY_OK, ask(SECURITY_NGINX_CERT_REQUEST, DEL_REQ, record));
     EXPECT_EQ("none", stored(0));
+}
+
+// Byte for byte what daemons store before they store a pair, so that an updated one completes the change.
+TEST_F(WebServerRequests, JournalEntriesOfEarlierVersionsAreCompleted) {
+    const Keys first, second;
+    const std::string journal("\0\1\0\1", 4);
+    const auto interrupted = [&](uint32_t complete, const std::string& certificate, const std::string& key) {
+        std::string entry(reinterpret_cast<const char*>(&complete), 4);
+        entry.append(certificate).resize(4 + 2100);
+        entry.append(key).resize(4 + 2 * 2100);
+        EXPECT_EQ(PSS_OK, put(store, journal, entry));
+        reopen();
+    };
+    interrupted(1, first.certificate(1000), first.pem());
+    EXPECT_EQ(SECURITY_OK, enable());
+    EXPECT_EQ(first.pem(), stored(1));
+    EXPECT_EQ("[40480003]", fetch(store, journal)) << "completed";
+    interrupted(0, second.certificate(1000), "");
+    EXPECT_EQ(SECURITY_ERR_WEB_INCOMPLETE, enable());
+    EXPECT_EQ(SECURITY_OK, send(1, second.pem()));
+    EXPECT_EQ(second.pem(), stored(1));
+    EXPECT_EQ(PSS_OK, put(store, journal, "of another program"));
+    EXPECT_EQ(SECURITY_OK, enable()) << "is not ours";
 }
 
 TEST_F(WebServerRequests, PortsHaveOneHome) {
