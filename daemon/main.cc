@@ -209,9 +209,9 @@ int serve(const Options& options, Background& background) {
     const gid_t administrators = administrators_of(context, options.administrators);
     Server server(
         {.administrators = administrators,
-         .answer = [store](const Peer& peer, ConnectionState& state,
+         .handle = [store](const Peer& peer, ConnectionState& state,
                            Request& request) { return dispatch(routes(), store, peer, state, request); },
-         .settle =
+         .checkpoint =
              [store] {
                  activate_changes(store);
                  const bool homes_left = remove_old_homes(std::chrono::milliseconds(0));
