@@ -22,8 +22,7 @@ namespace {
 
 constexpr size_t kMostOrphans = 25;
 
-// The tables of roles, locales, and both formats of SSH keys. The last two handlers of a walk would go on
-// into other tables, so all are walked by their keys.
+// They are walked by their keys: the handlers of locales and SSH keys would walk on into other tables.
 constexpr uint32_t kTablesOfUsers[] = {kRolesTable, kLocalesTable, kSshKeysTable, kSshKeyFilesTable};
 
 template <class Record, uint32_t (*handler)(uint32_t, uint32_t, Record*)>
@@ -45,8 +44,8 @@ bool collect_orphans(uint32_t store, uint32_t table, std::set<std::string>& orph
     uint32_t status = SECURITY_OK;
     const pss_descriptor* found = security_pss_move2key(store, &start, &status);
     while (orphans.size() < kMostOrphans && key.read_name(found, user)) {
-        // A plain name is that of an account of this context; a qualified one, which only keys have, says
-        // itself whose it is.
+        // A plain name is that of an account of this context; a qualified one, which only SSH keys have, names
+        // its context.
         const bool qualified = context_of(user) != kDefaultContext;
         const AccountNames account = find_account(qualified ? user : security_get_system_username(user));
         if (!account.known) return false;
