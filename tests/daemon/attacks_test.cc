@@ -178,10 +178,6 @@ class Attack : public testing::Test {
     std::string children() const {
         return read_file(of_process("task/" + std::to_string(daemon->pid()) + "/children"));
     }
-    bool logs(const std::string& text) const {
-        for (int i = 0; i < 300 && daemon->log().find(text) == std::string::npos; ++i) sleep_for(0.01);
-        return daemon->log().find(text) != std::string::npos;
-    }
 
     Box box;
     Fault* fault = nullptr;
@@ -276,26 +272,6 @@ TEST_F(Attack, PlacesAreLeftForRoot) {
     for (const int end : ends) close(end);
 }
 
-void send_rubbish(uid_t uid, int times) {
-    EXPECT_EQ(0, in_child([=] {
-                  become_nobody(65534, {}, uid);
-                  RawClient client;
-                  for (int i = 0; i < times; ++i) client.ask("rubbish");
-              }));
-}
-
-TEST_F(Attack, RubbishHidesNobodyElses) {
-    start();
-    for (uid_t user = 2001; user < 2006; ++user) {
-        send_rubbish(kNobody, 200);
-        send_rubbish(user, 1);
-        EXPECT_TRUE(logs("from uid " + std::to_string(user) + ",")) << user;
-    }
-    EXPECT_TRUE(logs("more lines about uid 65534 left out"));
-    const std::string log = daemon->log();
-    EXPECT_GT(200, std::count(log.begin(), log.end(), '\n'));
-}
-
 TEST_F(Attack, ALogThatNobodyReadsHoldsNobodyUp) {
     const int log = bound_socket(SOCK_DGRAM, "/dev/log");
     chmod("/dev/log", 0666);
@@ -307,7 +283,12 @@ TEST_F(Attack, ALogThatNobodyReadsHoldsNobodyUp) {
     fcntl(ends[1], F_SETFL, 0);
     start(ends[1]);
     const auto refused = [] {
-        for (uid_t user = 2001; user < 2011; ++user) send_rubbish(user, 25);
+        for (uid_t user = 2001; user < 2011; ++user)
+            in_child([=] {
+                become_nobody(65534, {}, user);
+                RawClient client;
+                for (int i = 0; i < 25; ++i) client.ask("rubbish");
+            });
     };
     ASSERT_GT(kLongestWait, longest_wait(refused));
     EXPECT_EQ(0, fcntl(ends[1], F_GETFL) & O_NONBLOCK) << "whose pipe it is as well";
@@ -336,12 +317,9 @@ TEST_F(Attack, AStoppedListenerCostsLittleMemory) {
     EXPECT_EQ(0, in_child([&] {
                   uint32_t handle = 0;
                   EXPECT_EQ(0, quill_mts_listen(0, MTS_ANY_OPCODE, &handle));
-                  security_user_roles roles{};
-                  strcpy(roles.user_name, "root");
-                  const auto record = [&] {
-                      return std::string(reinterpret_cast<const char*>(&roles), sizeof roles);
-                  };
-                  const std::string request = request_frame(SECURITY_ROLES_REQUEST, SET_REQ, record());
+                  std::string record = "root";
+                  record.resize(sizeof(security_user_roles));
+                  const std::string request = request_frame(SECURITY_ROLES_REQUEST, SET_REQ, record);
                   RawClient client;
                   for (int i = 0; i < 100; ++i) ASSERT_EQ(word(0), client.ask(request).substr(8, 4));
                   const unsigned before = daemon->kilobytes();

@@ -1,9 +1,5 @@
 // What stands between a request and its handler: the checks of all routes, the change log and lost updates of
 // lists, over a real store.
-#include "daemon/dispatch.h"
-
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -11,31 +7,13 @@
 #include <new>
 
 #include "base/name_list.h"
-#include "quillplatform.h"
-#include "quillsecurity.h"
+#include "tests/daemon/routes_test.h"
 #include "tests/fakes/log.h"
-#include "tests/support/box.h"
 
 namespace {
 
 using quill::Access, quill::Answer, quill::Field, quill::NameList, quill::Peer, quill::Route;
 
-constexpr Peer kRoot{true, true, 0, 321}, kOther{true, false, 1000, 321}, kUnknown{};
-
-template <class Record>
-std::string bytes_of(const Record& record) {
-    return {reinterpret_cast<const char*>(&record), sizeof record};
-}
-
-// Records in wire order, from what matters of them.
-std::string word(uint32_t number) {
-    const uint32_t bytes = __builtin_bswap32(number);
-    return bytes_of(bytes);
-}
-std::string service(uint32_t code, uint32_t value) { return word(code) + word(value); }
-std::string in_field(const std::string& text, size_t size) {
-    return text + std::string(size - text.size(), '\0');
-}
 std::string secret(uint32_t level, uint32_t type, const std::string& text, uint32_t length) {
     return word(level) + word(type) + in_field(text, 1024) + word(length) + word(0) + std::string(64, '\0') +
            word(0);
@@ -66,35 +44,9 @@ std::string list(const std::string& name, const std::vector<std::string>& names)
 std::string key_pair(uint32_t kind, const std::string& name) {
     return in_field(word(kind) + word(0) + name, sizeof(ssh_key_cmd_rec));
 }
-std::string web(uint32_t http, uint32_t https, uint32_t on) { return word(http) + word(https) + word(on); }
-std::string web_text(uint32_t item, const std::string& text, uint32_t enable = 0) {
-    return bytes_of(item) + in_field(text, 2100) + bytes_of(enable);
-}
-
-class Dispatch : public testing::Test {
+class Dispatch : public RoutesTest {
  protected:
-    Dispatch() {
-        log_lines().clear();
-        EXPECT_EQ(0u, security_pss_create(&store, "security", 0, 0));
-    }
-    ~Dispatch() override { pss2_close(store); }
-
-    // The reply's record is in `bytes`.
-    Answer dispatch(uint32_t type, uint32_t operation, const std::string& record, const Peer& peer = kRoot,
-                    const char* name = "ann") {
-        record.copy(reinterpret_cast<char*>(bytes), sizeof bytes);
-        quill::Request request{type, operation, 7, name, bytes, static_cast<uint32_t>(record.size())};
-        return quill::dispatch(routes, store, peer, state, request);
-    }
-    uint32_t ask(uint32_t type, uint32_t operation, const std::string& record, const Peer& peer = kRoot) {
-        return dispatch(type, operation, record, peer).status;
-    }
-
-    Box box;
-    uint32_t store = 0;
-    std::span<const Route> routes = quill::routes();
-    quill::ConnectionState state;
-    alignas(16) unsigned char bytes[SECURITY_CMI_MAX_RECORD];
+    Dispatch() { log_lines().clear(); }
 };
 
 // Clients that set only the key leave anything in the other fields.
@@ -227,12 +179,12 @@ TEST_F(Dispatch, ARecordIsReturnedOnSuccessAndWhereItExplains) {
         EXPECT_EQ(c.returned ? c.record.size() : 0, answer.length) << c.type;
         EXPECT_EQ(c.operation != GET_REQ, answer.changed) << "also if it failed: " << c.type;
         if (c.type != 161) continue;
-        EXPECT_EQ(service(2, 77), std::string(reinterpret_cast<char*>(bytes), 8));
+        EXPECT_EQ(service(2, 77), returned(0, 8));
     }
     // Clients change a password in the record that they got, which may hold the rest of a longer one.
     EXPECT_EQ(SECURITY_OK, ask(165, SET_REQ, user("amy", std::string("new\0ecthorse", 12))));
     EXPECT_EQ(SECURITY_OK, ask(165, GET_REQ, user("amy", "")));
-    EXPECT_EQ(user("amy", "new"), std::string(reinterpret_cast<char*>(bytes), 264));
+    EXPECT_EQ(user("amy", "new"), returned(0, 264));
 }
 
 // Each of a user of its own, whose budget has room for it.
