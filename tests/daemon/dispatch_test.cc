@@ -9,6 +9,7 @@
 #include "base/name_list.h"
 #include "tests/daemon/routes_test.h"
 #include "tests/fakes/log.h"
+#include "tests/support/store.h"
 
 namespace {
 
@@ -262,6 +263,22 @@ TEST_F(Dispatch, ChangesAndRefusalsAreToldInWords) {
         EXPECT_EQ(c.line + refusal + by, log_lines()[0].substr(2));
         EXPECT_EQ(std::string::npos, log_lines()[0].find("S3cr3t"));
     }
+}
+
+// A walk over the accounts returns qualified names.
+TEST_F(Dispatch, QualifiedNamesOfTheOwnContextMeanPlainOnes) {
+    setenv("SYSMGR_VDC_ID", "2", 1);
+    EXPECT_EQ(SECURITY_OK, ask(170, SET_REQ, in_field("zoe", 2328)));
+    EXPECT_EQ(SECURITY_OK, ask(170, GET_REQ, in_field("zoe#02#", 2328)));
+    EXPECT_EQ(in_field("zoe#02#", 128), returned(0, 128));
+    EXPECT_EQ(SECURITY_ERR_NO_USER, ask(170, SET_REQ, in_field("zoe#03#", 2328)));
+    unsetenv("SYSMGR_VDC_ID");
+}
+
+TEST_F(Dispatch, ListsWaitForTheRepairOfAccounts) {
+    EXPECT_EQ(PSS_OK, put(store, word(0x10000), "a journal entry of another version"));
+    for (const uint32_t type : {158u, 5155u, 5161u})
+        EXPECT_EQ(SECURITY_ERR_ACCOUNT_REPAIR, ask(type, SET_REQ, list("root", {}))) << type;
 }
 
 std::vector<uint32_t> handled;  // operations
