@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <utility>
@@ -114,6 +115,11 @@ TEST_F(SecurityDaemon, RefusesFoldersThatAreNotSafe) {
                       setenv(name, "relative", 1);
                       expect_exit(1, {}, {name + std::string(" is relative;")});
                   }));
+    EXPECT_EQ(0, in_child([&] {
+                  setenv("QUILL_RUNTIME_DIR", (box / std::string(100, 'x')).c_str(), 1);
+                  expect_exit(1, {}, {"cannot listen for requests: File name too long"});
+              }));
+    std::filesystem::remove_all(box.state());
     mkdir(box.run().c_str(), 0755);
     chmod(box.run().c_str(), 0775);
     expect_exit(1, {}, {box.run()});
@@ -156,6 +162,9 @@ TEST_F(SecurityDaemon, OutlivesWritesThatFail) {
     limit_files(RLIM_INFINITY);
     EXPECT_EQ(reply(SECURITY_SERVICE_FIPS, 1), client.ask(set(1)));
     EXPECT_NE(std::string::npos, daemon->log().find("writing works again"));
+    EXPECT_NE(
+        std::string::npos,
+        read_file("/proc/" + std::to_string(daemon->pid()) + "/limits").find("Max core file size        0 "));
     const std::string facts = read_file("/proc/" + std::to_string(daemon->pid()) + "/status");
     const uint64_t ignored = std::stoull(facts.substr(facts.find("SigIgn:") + 8), nullptr, 16);
     for (const int signal : {SIGPIPE, SIGXFSZ})

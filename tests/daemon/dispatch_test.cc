@@ -7,6 +7,7 @@
 #include <new>
 
 #include "base/name_list.h"
+#include "platform/log.h"
 #include "tests/daemon/routes_test.h"
 #include "tests/fakes/log.h"
 #include "tests/support/store.h"
@@ -182,6 +183,12 @@ TEST_F(Dispatch, ARecordIsReturnedOnSuccessAndWhereItExplains) {
         if (c.type != 161) continue;
         EXPECT_EQ(service(2, 77), returned(0, 8));
     }
+    // A clear secret is stored as a hash without a salt, whatever the client left there.
+    std::string with_salt = secret(4, 100, "text", 4);
+    with_salt.replace(1104, 4, word(5));
+    EXPECT_EQ(SECURITY_OK, ask(5159, SET_REQ, with_salt));
+    EXPECT_EQ(SECURITY_OK, ask(5159, GET_REQ, secret(4, 0, "", 0)));
+    EXPECT_EQ(word(0), returned(1104, 4));
     // Clients change a password in the record that they got, which may hold the rest of a longer one.
     EXPECT_EQ(SECURITY_OK, ask(165, SET_REQ, user("amy", std::string("new\0ecthorse", 12))));
     EXPECT_EQ(SECURITY_OK, ask(165, GET_REQ, user("amy", "")));
@@ -206,7 +213,9 @@ TEST_F(Dispatch, ChangesAndRefusalsAreToldInWords) {
         {161, SET_REQ, service(22, 70000), "service ploty http port: set to 70000",
          SECURITY_ERR_WEB_SETTINGS},
         {171, SET_REQ, "@", "banner delimiter: # to @"},
-        {171, SET_REQ, "\n", "banner delimiter: @ to byte 10"},
+        {171, SET_REQ, "\x7f", "banner delimiter: @ to byte 127"},
+        {171, SET_REQ, " ", "banner delimiter: byte 127 to byte 32"},
+        {171, SET_REQ, "\n", "banner delimiter: byte 32 to byte 10"},
         {171, DEL_REQ, "\n", "banner delimiter: deleted"},
         {5159, SET_REQ, secret(15, 100, "S3cr3t", 6), "secret of level 15: changed"},
         {5159, GET_REQ, secret(15, 0, "", 0), "secret of level 15: read", SECURITY_ERR_NOT_PERMITTED, false},
@@ -226,6 +235,16 @@ TEST_F(Dispatch, ChangesAndRefusalsAreToldInWords) {
          SECURITY_ERR_NOT_FOUND},
         {158, SET_REQ, list("no-such", {"a", "b"}), "roles of 'no-such': set to a, b",
          SECURITY_ERR_NOT_FOUND},
+        {158, SET_REQ, list("root", {"priv-1", "priv-2"}), "roles of 'root': +priv-1, +priv-2"},
+        {158, SET_REQ, list("root", {"priv-2", "priv-1"}), "roles of 'root': put in another order"},
+        {158, SET_REQ, list("root", {"priv-2", "priv-1"}), "roles of 'root': unchanged"},
+        {158, SET_REQ, list("root", {"priv-2", "x, y"}), "roles of 'root': +x..y, -priv-1",
+         SECURITY_ERR_UNKNOWN_ROLE},
+        {158, DEL_REQ, list("root", {"priv-2"}), "roles of 'root': -priv-2"},
+        {158, DEL_REQ, list("root", {"priv-2"}), "roles of 'root': -priv-2", SECURITY_ERR_ROLE_NOT_HELD},
+        {158, DEL_REQ, list("root", {}), "request of type 158, operation 4, 4292 bytes",
+         SECURITY_ERR_REQUEST_COUNT},
+        {158, SET_REQ, list("root", {}), "roles of 'root': -priv-1"},
         {5155, SET_REQ, list("no-such", {}), "roles of 'no-such': emptying", SECURITY_ERR_NOT_FOUND},
         {5161, DEL_REQ, list("no-such", {"de"}), "locales of 'no-such': -de", SECURITY_ERR_NOT_FOUND},
         {170, SET_REQ, in_field("zoe", 2328), "SSH key of 'zoe': changed"},
@@ -281,10 +300,25 @@ TEST_F(Dispatch, ListsWaitForTheRepairOfAccounts) {
         EXPECT_EQ(SECURITY_ERR_ACCOUNT_REPAIR, ask(type, SET_REQ, list("root", {}))) << type;
 }
 
+// Of users without an account, 25 at a time; a user record alone needs none.
+TEST_F(Dispatch, OrphansAreDropped) {
+    const std::string record = in_field("no-such", 128) + word(1) + word(0) + std::string(128, '\0');
+    EXPECT_EQ(SECURITY_OK, ask(165, SET_REQ, record));
+    for (int i = 10; i < 40; ++i)
+        EXPECT_EQ(SECURITY_OK, ask(170, SET_REQ, in_field("no-such" + std::to_string(i), 2328)));
+    for (const uint32_t dropped : {25u, 5u, 0u}) {
+        EXPECT_EQ(SECURITY_OK, ask(SECURITY_ORPHANS_REQUEST, DEL_REQ, word(0)));
+        EXPECT_EQ(bytes_of(dropped), returned(0, 4));
+    }
+    EXPECT_EQ(SECURITY_OK, ask(165, GET_REQ, record));
+}
+
 std::vector<uint32_t> handled;  // operations
+bool muted = false;
 
 uint32_t fail(uint32_t, uint32_t operation, void*) {
     handled.push_back(operation);
+    muted = quill::client_log().muted;
     return operation == GET_REQ ? SECURITY_ERR_NO_VALUE : throw std::bad_alloc();
 }
 
@@ -303,6 +337,12 @@ TEST_F(Dispatch, ExceptionsOfHandlersAreLoggedAndPassedOn) {
 TEST_F(Dispatch, NobodyFloodsTheLogOrTakesItFromOthers) {
     for (int i = 0; i < 1000; ++i) ask(161, SET_REQ, service(2, 1), {true, false, 4001, 321});
     EXPECT_GT(50u, log_lines().size());
+    const Route failing{161, 8, fail, {Access::kEveryone, Access::kEveryone}};
+    routes = {&failing, 1};
+    EXPECT_THROW(ask(161, SET_REQ, service(2, 1), {true, false, 4001, 321}), std::bad_alloc);
+    EXPECT_TRUE(muted) << "lines of the handler too";
+    EXPECT_FALSE(quill::client_log().muted);
+    routes = quill::routes();
     ask(161, SET_REQ, service(2, 1), {true, true, 4002, 321});
     EXPECT_EQ(0u, log_lines().back().find("5 service telnet: set to 1, by uid 4002")) << log_lines().back();
 }
@@ -409,6 +449,13 @@ TEST_F(Dispatch, NoChangeOfAListIsLost) {
     EXPECT_EQ(SECURITY_OK, ask_list(2, kToChange, SET_REQ, "1", "y")) << "by others it is";
     EXPECT_EQ(SECURITY_OK, ask_list(0, kToChange, GET_REQ, "0", ""));
     EXPECT_EQ(SECURITY_OK, ask_list(0, kToChange, SET_REQ, "0", "xy"));
+
+    // A list that was read under the qualified name, as a walk over the accounts returns it.
+    setenv("SYSMGR_VDC_ID", "2", 1);
+    lists = {{"ramy", "a"}, {"ramy#02#", ""}};
+    EXPECT_EQ(SECURITY_OK, ask_list(2, kToChange, GET_REQ, "amy#02#", ""));
+    EXPECT_EQ(SECURITY_ERR_CHANGED, ask_list(2, kToChange, SET_REQ, "amy", "b"));
+    unsetenv("SYSMGR_VDC_ID");
 }
 
 }  // namespace

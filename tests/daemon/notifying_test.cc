@@ -92,6 +92,7 @@ TEST(SelfTests, AreRunOnRequestAndToldApart) {
                                                       {55, std::string("\1\0\1\0", 4)},
                                                       {55, std::string("\2\0\1\0\1\0\0\0", 8)},
                                                       {55, std::string("\1\0\2\0\1\0\0\0", 8)},
+                                                      {55, std::string("\1\0\1\0\1\0\0\0x", 9)},
                                                       {56, "short"}};
     for (const auto& [sap, payload] : cases)
         EXPECT_EQ(0, mts_send(broadcast.handle(), MTS_THIS_NODE, sap, 2213, payload.data(),

@@ -32,12 +32,12 @@ struct Keys {
                                  const_cast<char*>(passphrase));
         return taken(bio);
     }
-    std::string certificate(long seconds_left) const {
+    std::string certificate(long seconds_left, const EVP_MD* digest = EVP_sha256()) const {
         X509* made = X509_new();
         X509_set_pubkey(made, key);
         X509_gmtime_adj(X509_getm_notBefore(made), -100);
         X509_gmtime_adj(X509_getm_notAfter(made), seconds_left);
-        X509_sign(made, key, EVP_sha256());
+        X509_sign(made, key, digest);
         BIO* bio = BIO_new(BIO_s_mem());
         PEM_write_bio_X509(bio, made);
         X509_free(made);
@@ -84,6 +84,8 @@ TEST_F(WebServerRequests, OnlyAPairThatServesReplacesTheOldOne) {
     const Keys first, second;
     const std::string certificate = first.certificate(1000), other = second.certificate(1000);
     EXPECT_EQ(SECURITY_ERR_WEB_INCOMPLETE, enable());
+    EXPECT_EQ(SECURITY_OK, send(0, first.certificate(1000, EVP_sha1())))
+        << "nobody verifies its own signature";
     EXPECT_EQ(SECURITY_OK, send(0, certificate));
     EXPECT_EQ(SECURITY_ERR_WEB_INCOMPLETE, enable());
     EXPECT_EQ(SECURITY_ERR_WEB_MISMATCH, send(1, second.pem()));
@@ -155,7 +157,7 @@ TEST_F(WebServerRequests, JournalEntriesOfEarlierVersionsAreCompleted) {
     EXPECT_EQ(SECURITY_ERR_WEB_INCOMPLETE, enable());
     EXPECT_EQ(SECURITY_OK, send(1, second.pem()));
     EXPECT_EQ(second.pem(), stored(1));
-    EXPECT_EQ(PSS_OK, put(store, journal, "of another program"));
+    EXPECT_EQ(PSS_OK, put(store, journal, std::string(5000, 'x')));
     EXPECT_EQ(SECURITY_OK, enable()) << "is not ours";
 }
 
