@@ -21,4 +21,8 @@ constexpr uint32_t kOtherPortTable = 31;    // the same for every code but that 
 constexpr uint32_t kFirstWebTable = 32;     // zero word; text of item 0 of an nginx_cert_rec
 constexpr uint32_t kSecondWebTable = 33;    // the same for every other item
 
+// Journal entries of the daemon, behind all tables of records; the key is the number alone.
+constexpr uint32_t kAccountJournal = 0x10000;    // daemon/account_changes.cc
+constexpr uint32_t kWebServerJournal = 0x10001;  // daemon/web_server.cc
+
 }  // namespace quill

@@ -45,7 +45,7 @@ struct Pending {
     Pending& operator=(const Pending&) = delete;
 };
 
-Journal<Pending> journal(0x10000);
+Journal<Pending> journal(kAccountJournal);
 
 // The files that programs replaced are on the disk before the entry goes.
 uint32_t end(uint32_t store) {

@@ -7,9 +7,9 @@
 #include <set>
 #include <string>
 
-#include "base/byte_order.h"
 #include "base/context_name.h"
 #include "base/name_list.h"
+#include "base/store_key.h"
 #include "base/tables.h"
 #include "base/text_field.h"
 #include "daemon/account_files.h"
@@ -22,15 +22,8 @@ namespace {
 
 constexpr size_t kMostOrphans = 25;
 
-// The tables of roles, locales, and both formats of SSH keys. The last two handlers of a walk would go on
-// into other tables, so all are walked by their keys.
+// They are walked by their keys: the handlers of locales and SSH keys would walk on into other tables.
 constexpr uint32_t kTablesOfUsers[] = {kRolesTable, kLocalesTable, kSshKeysTable, kSshKeyFilesTable};
-
-struct RecordKey {
-    uint32_t table;
-    char user[128];
-};
-static_assert(sizeof(RecordKey) == 132);
 
 template <class Record, uint32_t (*handler)(uint32_t, uint32_t, Record*)>
 uint32_t drop(uint32_t store, const char* user, uint32_t* dropped, uint32_t type = 0) {
@@ -45,21 +38,18 @@ uint32_t drop(uint32_t store, const char* user, uint32_t* dropped, uint32_t type
 // Adds users of the table who have no account. Stops when there are enough of them. Returns false if an account
 // could not be looked up or the store could not be read.
 bool collect_orphans(uint32_t store, uint32_t table, std::set<std::string>& orphans) {
-    RecordKey key{big_endian(table), ""};
-    const pss_descriptor start{&key, sizeof key};
+    char user[kNameField] = "";
+    const Key key(table, user);
+    const pss_descriptor start = key.descriptor();
     uint32_t status = SECURITY_OK;
     const pss_descriptor* found = security_pss_move2key(store, &start, &status);
-    while (found != nullptr && found->length == sizeof key && orphans.size() < kMostOrphans) {
-        memcpy(&key, found->bytes, sizeof key);
-        if (key.table != big_endian(table)) break;
-        terminate(key.user);
-        // A plain name is that of an account of this context; a qualified one, which only keys have, says
-        // itself whose it is.
-        const bool qualified = context_of(key.user) != kDefaultContext;
-        const AccountNames account =
-            find_account(qualified ? key.user : security_get_system_username(key.user));
+    while (orphans.size() < kMostOrphans && key.read_name(found, user)) {
+        // A plain name is that of an account of this context; a qualified one, which only SSH keys have, names
+        // its context.
+        const bool qualified = context_of(user) != kDefaultContext;
+        const AccountNames account = find_account(qualified ? user : security_get_system_username(user));
         if (!account.known) return false;
-        if (*key.user != '\0' && !account.passwd && !account.shadow) orphans.insert(key.user);
+        if (*user != '\0' && !account.passwd && !account.shadow) orphans.insert(user);
         found = security_pss_move2location(store, PSS_NEXT, &status);
     }
     return status == SECURITY_OK || status == SECURITY_PSS_NO_KEY;

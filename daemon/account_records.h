@@ -1,4 +1,4 @@
-// What the store keeps of a user: roles, locales, SSH key, user records.
+// The records of a user in the store: roles, locales, SSH keys and user records.
 #pragma once
 
 #include <cstdint>
@@ -7,27 +7,28 @@
 
 namespace quill {
 
-// The name under which this daemon's records of a user stand, for a name that a client asks by: the plain
-// name for a qualified one ("amy#02#") of the daemon's own context, any other name as it is. In place; what
-// follows the text is zero.
+// Converts the name of a request to the one under which the user's records are stored: the qualified name
+// ("amy#02#") of a user of this daemon's context to the plain one; other names are unchanged. The rest of the
+// field is zero.
 void make_plain(char (&name)[128]);
 
 // Reads a user's roles. Returns SECURITY_ERR_NOT_FOUND, with an empty list, if none are stored.
 uint32_t read_roles(uint32_t store, const char* user, security_user_roles& list);
 
-// Adds roles to those that the user has.
+// Adds the roles of the record to those that the user has. Returns SECURITY_ERR_TOO_MANY_ROLES, and stores
+// nothing, if the list has no room.
 uint32_t add_roles(uint32_t store, const security_user_manage& wish);
 
-// Removes the list of roles, or everything that the store keeps of a user. What is not there counts as
-// removed. `dropped`, if given, is increased by the number of records that were there.
+// Removes the list of roles, or all records of a user. Returns 0 also if there are none. Adds the number of
+// removed records to `dropped`.
 uint32_t drop_roles(uint32_t store, const char* user);
 uint32_t drop_records(uint32_t store, const char* user, uint32_t* dropped = nullptr);
 
-// Handler of SECURITY_ORPHANS_REQUEST, for DEL_REQ alone: removes the records of users without an account in
-// this daemon's context, those of 25 users at most, and tells how many records that were; a client asks until
-// it is none. A user is looked for whose roles, locales or SSH key are stored; his user records go with them,
-// but user records alone are nobody's sign of an account and stay. Accounts are those of the local files. If
-// these cannot be read, nothing is removed and SECURITY_ERR_FILE_READ returned.
+// Handler of SECURITY_ORPHANS_REQUEST, which has DEL_REQ only: removes the records of at most 25 users without
+// an account in the local files, and returns the number of removed records; the client repeats the request
+// until it is 0. Users with stored roles, locales or SSH keys are considered, and their user records are
+// removed as well; a user with user records only needs no account. Returns SECURITY_ERR_FILE_READ, and removes
+// nothing, if the account files cannot be read.
 uint32_t drop_orphans(uint32_t store, uint32_t operation, void* record);
 
 }  // namespace quill

@@ -24,14 +24,14 @@ namespace fs = std::filesystem;
 
 bool web_server_changed, banner_changed;
 
-// The folder is there under its name with all its files or not at all: the hook takes it away whenever it
-// runs.
+// Renames the folder in one step, replacing an earlier one: the hook, which may run at any time and moves the
+// folder away, finds it complete or not at all.
 bool publish(const std::string& draft, const std::string& name) {
     return renameat2(AT_FDCWD, draft.c_str(), AT_FDCWD, name.c_str(), RENAME_EXCHANGE) == 0 ||
            rename(draft.c_str(), name.c_str()) == 0;
 }
 
-// `live` is where the files will lie when they are used.
+// `live` is the folder in which nginx will read the files.
 std::string nginx_configuration(const WebServer& web, const std::string& live) {
     std::string listen;
     if (web.on && web.http_port != 0) listen += "    listen " + std::to_string(web.http_port) + ";\n";
@@ -40,14 +40,14 @@ std::string nginx_configuration(const WebServer& web, const std::string& live) {
         listen += "    ssl_certificate \"" + live + "/certificate.pem\";\n";
         listen += "    ssl_certificate_key \"" + live + "/key.pem\";\n";
     }
-    const std::string head = "# Written by quillsecurityd; what it serves stands in web-site.conf.\n";
-    if (listen.empty()) return head + "# The web service is off.\n";
-    return head + "server {\n" + listen + "    include /etc/quillsecurity/web-site[.]conf;\n}\n";
+    const std::string header = "# Written by quillsecurityd; what it serves stands in web-site.conf.\n";
+    if (listen.empty()) return header + "# The web service is off.\n";
+    return header + "server {\n" + listen + "    include /etc/quillsecurity/web-site[.]conf;\n}\n";
 }
 
 bool write_web_server(const WebServer& web, const std::string& folder) {
     const std::string draft = folder + ".draft";
-    std::error_code ignored;  // nothing is thrown into the loop; a draft that stays is seen by mkdir(2)
+    std::error_code ignored;  // if a draft cannot be removed, mkdir(2) fails
     fs::remove_all(draft, ignored);
     const bool written = mkdir(draft.c_str(), 0700) == 0 &&
                          write_file(draft + "/nginx.conf", nginx_configuration(web, folder), 0600) &&
@@ -56,7 +56,7 @@ bool write_web_server(const WebServer& web, const std::string& folder) {
                            write_file(draft + "/key.pem", web.key, 0600))) &&
                          publish(draft, folder + ".next");
     if (!written) syslog(LOG_ERR, "web server: %s cannot be written: %m", draft.c_str());
-    fs::remove_all(draft, ignored);  // what is left, or the one that was never taken
+    fs::remove_all(draft, ignored);  // after a failure, or the earlier folder that publish() replaced
     return written;
 }
 

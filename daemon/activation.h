@@ -1,9 +1,8 @@
-// From the store to the system: what was set is put into effect by hooks, programs that platform/hook.h
-// finds, soon after a change and when the daemon starts. A hook that fails leaves a line in the log and
-// everything stored as it is; the next change tries again.
+// Applies stored settings to the system by hooks (platform/hook.h), soon after a change and when the daemon
+// starts. A hook that fails is logged and changes nothing in the store; the next change tries again.
 //
-// The settings are those of the whole device, so only the daemon of context 1 puts them into effect. Another
-// context's keeps what is set there, and its log says so.
+// These are settings of the whole device, so only the daemon of context 1 applies them. The daemon of another
+// context only stores them, and says so in its log.
 #pragma once
 
 #include <cstdint>
@@ -12,13 +11,13 @@ namespace quill {
 
 enum class Setting { kWebServer, kBanner };
 
-// Notes that a setting changed. Several changes at a time are put into effect once.
+// Marks a setting as changed. Several changes of a setting are applied together.
 void activate_later(Setting setting);
 
-// Puts into effect what changed since. Waits for no hook.
+// Applies the settings that are marked, and clears the marks. Does not wait for hooks.
 void activate_changes(uint32_t store);
 
-// The same for all settings that this system has: it may have lost what the last daemon did.
+// The same for all settings, in context 1: what an earlier daemon applied may have been lost.
 void activate_all(uint32_t store);
 
 }  // namespace quill

@@ -1,6 +1,6 @@
-// Changes of users, told to the rest of the system: an account that was added, deleted or modified, a list of
-// roles that was replaced or lost one (modified as well), and a password that was changed. Lists of locales,
-// keys and user records are nothing that an announcement could carry; logins are no business of the daemon.
+// Announces changes of users on the message transport: an account that was added, deleted or modified, a
+// password that was changed, and a list of roles that was replaced or lost a role (as a modification). An
+// announcement cannot carry locales, keys or user records. Logins are not announced by the daemon.
 #pragma once
 
 #include <cstdint>
@@ -9,12 +9,11 @@
 
 namespace quill {
 
-// Where announcements go: a handle for sending on the message transport. Until it is set they go nowhere.
+// Sets the handle on which announcements are sent. Until then, or with 0, nothing is announced.
 void announce_on(uint32_t mts_handle);
 
-// Announces a change that was made (enum security_user_change), with the roles that the user holds after it.
-// Announcements are counted from 1 in their number. Nothing fails by one that cannot be sent; the log says
-// so.
+// Announces a change (enum security_user_change), with the roles that the user has after it and a number that
+// counts announcements from 1. A failure is only logged.
 void announce_user_change(uint32_t type, const char* user, const security_user_roles& roles);
 
 }  // namespace quill

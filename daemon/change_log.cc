@@ -11,14 +11,14 @@
 namespace quill {
 namespace {
 
-// Of what changes, which may be the names of two lists. What follows it, the verdict and who asked, must fit in
-// a line of the log too (platform/syslog.cc).
+// Bytes of the description, which may hold the names of two lists. The verdict and who asked must fit into the
+// line as well (platform/syslog.cc).
 constexpr size_t kLongestText = 1400;
 
-Deed deed_of(const Description& description, const Request& request, const void* stored) {
+Phrase phrase_of(const Description& description, const Request& request, const void* stored) {
     if (request.operation == GET_REQ || request.operation == GETNEXT_REQ) return {"", "read"};
     if (request.operation != SET_REQ && request.operation != DEL_REQ) return {};
-    return description.deed({request.operation, request.record, stored});
+    return description.phrase({request.operation, request.record, stored});
 }
 
 void cut(std::string& text) {
@@ -34,8 +34,8 @@ ChangeLine::ChangeLine(const Peer& peer, const Request& request)
     client_log().muted = !has_room_;
     if (!has_room_) return;
     user_ = log_safe(request.user_name);
-    asked_ = "request of type " + std::to_string(request.type) + ", operation " +
-             std::to_string(request.operation) + ", " + std::to_string(request.length) + " bytes";
+    requested_ = "request of type " + std::to_string(request.type) + ", operation " +
+                 std::to_string(request.operation) + ", " + std::to_string(request.length) + " bytes";
 }
 
 ChangeLine::~ChangeLine() { client_log().muted = false; }
@@ -49,32 +49,32 @@ bool ChangeLine::shows_old_value(const Request& request) const {
 void ChangeLine::describe(const Request& request, const void* stored) {
     const Description* description = has_room_ ? find_description(request.type) : nullptr;
     if (description == nullptr) return;
-    const Deed deed = deed_of(*description, request, stored);
-    if (deed.asked.empty()) return;
+    const Phrase phrase = phrase_of(*description, request, stored);
+    if (phrase.requested.empty()) return;
     const std::string object = description->object(request.record) + ": ";
-    asked_ = object + deed.asked;
-    if (!deed.done.empty()) done_ = object + deed.done;
-    cut(asked_);
+    requested_ = object + phrase.requested;
+    if (!phrase.done.empty()) done_ = object + phrase.done;
+    cut(requested_);
     cut(done_);
 }
 
 void ChangeLine::write(uint32_t status) const {
     if (status == SECURITY_OK) {
-        if (!done_.empty()) say(LOG_NOTICE, done_.c_str(), "", "");
+        if (!done_.empty()) log(LOG_NOTICE, done_.c_str(), "", "");
         return;
     }
     constexpr uint32_t kFamily = 0xffff0000;
     const bool store_failed = (status & kFamily) == (PSS_NO_KEY & kFamily) && status != PSS_NO_KEY;
-    say(LOG_WARNING, asked_.c_str(), store_failed ? " failed: " : " refused: ", syserr2str(status));
+    log(LOG_WARNING, requested_.c_str(), store_failed ? " failed: " : " refused: ", syserr2str(status));
 }
 
 void ChangeLine::write_failure(const char* reason) const {
-    say(LOG_WARNING, asked_.c_str(), " failed: ", reason);
+    log(LOG_WARNING, requested_.c_str(), " failed: ", reason);
 }
 
-void ChangeLine::say(int priority, const char* deed, const char* verdict, const char* reason) const {
+void ChangeLine::log(int priority, const char* text, const char* verdict, const char* reason) const {
     if (!has_room_) return;
-    syslog(priority, "%s%s%s, by uid %u pid %d for '%s' in session %u", deed, verdict, reason, peer_.uid,
+    syslog(priority, "%s%s%s, by uid %u pid %d for '%s' in session %u", text, verdict, reason, peer_.uid,
            peer_.pid, user_.c_str(), session_);
 }
 

@@ -24,7 +24,7 @@ std::string text_of(const char (&field)[size]) {
     return log_safe({field, strnlen(field, size)});
 }
 
-// One name of a list: nothing in it looks like the end of the list.
+// One name of a list, without the characters that separate names.
 template <size_t size>
 std::string word_of(const char (&field)[size]) {
     std::string word = text_of(field);
@@ -38,20 +38,20 @@ std::string quoted(const char (&field)[size]) {
     return std::string("'").append(text_of(field)).append("'");
 }
 
-// "0 to 1", or "set to 1" where the old value is not known.
+// "0 to 1", or "set to 1" if the old value is not known.
 std::string from_to(const Change& change, std::string (*value_of)(const void* record)) {
     const std::string before = change.stored != nullptr ? value_of(change.stored) + " to " : "set to ";
     return before + value_of(change.record);
 }
 
-// ---- What changes. Records whose values are secret, and those that are replaced as a whole.
+// ---- Records that are secret, or replaced as a whole: their values are not shown.
 
 template <class Record>
 std::string user_of(const void* record) {
     return quoted(as<Record>(record).user_name);
 }
 
-Deed replaced(const Change& change) {
+Phrase replaced(const Change& change) {
     if (change.operation == SET_REQ) return {"changed", "change"};
     return {"deleted", "deletion"};
 }
@@ -67,10 +67,10 @@ std::string secret(const void* record) {
 
 std::string password(const void* record) { return "password of " + user_of<security_passwd>(record); }
 
-// Both formats have the name in front.
+// Both key formats begin with the name.
 std::string ssh_key(const void* record) { return "SSH key of " + user_of<ssh_key_rec>(record); }
 
-// ---- Services, ports and the banner, whose old and new values are told.
+// ---- Services, ports and the banner, with their old and new values.
 
 std::string service(const void* record) {
     const uint32_t code = as<security_enable_info>(record).code;
@@ -78,15 +78,15 @@ std::string service(const void* record) {
     return "service " + (name != nullptr ? name : std::to_string(code));
 }
 
-Deed service_value(const Change& change) {
-    if (change.operation != SET_REQ) return {};  // they are never removed
+Phrase service_value(const Change& change) {
+    if (change.operation != SET_REQ) return {};  // values of services are never removed
     return from_to(change,
                    [](const void* record) { return std::to_string(as<security_enable_info>(record).value); });
 }
 
 std::string delimiter(const void*) { return "banner delimiter"; }
 
-Deed delimiter_value(const Change& change) {
+Phrase delimiter_value(const Change& change) {
     if (change.operation == DEL_REQ) return replaced(change);
     return from_to(change, [](const void* record) {
         const auto byte = as<unsigned char>(record);
@@ -98,7 +98,7 @@ Deed delimiter_value(const Change& change) {
 std::string web_server(const void*) { return "web server"; }
 
 // "http port 80 to 8080, https port 443, switch 0 to 1"
-Deed web_settings(const Change& change) {
+Phrase web_settings(const Change& change) {
     if (change.operation != SET_REQ) return {};
     constexpr const char* kNames[] = {"http port ", "https port ", "switch "};
     uint32_t words[3], old_words[3];
@@ -115,8 +115,8 @@ Deed web_settings(const Change& change) {
     return text;
 }
 
-// A certificate that the stored key does not fit waits for its own: it is not yet what is served.
-Deed web_text(const Change& change) {
+// "received", not "stored": a certificate that the stored key does not fit waits for its key.
+Phrase web_text(const Change& change) {
     const auto& text = as<nginx_cert_rec>(change.record);
     const std::string what = text.item == SECURITY_WEB_CERTIFICATE ? "certificate" : "key";
     if (change.operation == DEL_REQ) return {what + " deleted", "deletion of the " + what};
@@ -126,11 +126,11 @@ Deed web_text(const Change& change) {
 
 std::string self_tests(const void*) { return "self-tests"; }
 
-Deed self_test_run(const Change& change) {
-    return change.operation == SET_REQ ? Deed{std::string("run")} : Deed{};
+Phrase self_test_run(const Change& change) {
+    return change.operation == SET_REQ ? Phrase{std::string("run")} : Phrase{};
 }
 
-// ---- Lists of names, whose differences are told.
+// ---- Lists of names, with their differences.
 
 using Names = std::vector<std::string>;
 
@@ -150,7 +150,7 @@ std::string joined(const Names& names, const char* before_each = "") {
     return text;
 }
 
-// The names of the first list that the second has not.
+// Returns the names that are not among `others`.
 Names missing(const Names& names, const Names& others) {
     Names result;
     std::copy_if(names.begin(), names.end(), std::back_inserter(result), [&others](const std::string& name) {
@@ -159,17 +159,17 @@ Names missing(const Names& names, const Names& others) {
     return result;
 }
 
-Deed list_change(const Change& change) {
+Phrase list_change(const Change& change) {
     const auto& list = as<NameList>(change.record);
     const Names names = names_of(list.names, list.count);
     if (change.operation == DEL_REQ) return joined(names, "-");
     if (change.stored == nullptr)
-        return names.empty() ? Deed{"emptied", "emptying"} : "set to " + joined(names);
+        return names.empty() ? Phrase{"emptied", "emptying"} : "set to " + joined(names);
     const auto& stored = as<NameList>(change.stored);
     const Names old_names = names_of(stored.names, stored.count);
     const Names added = missing(names, old_names), removed = missing(old_names, names);
     if (added.empty() && removed.empty())
-        return names == old_names ? Deed{"unchanged", "change"} : Deed{"put in another order", "change"};
+        return names == old_names ? Phrase{"unchanged", "change"} : Phrase{"put in another order", "change"};
     const char* between = added.empty() || removed.empty() ? "" : ", ";
     return joined(added, "+") + between + joined(removed, "-");
 }
@@ -178,8 +178,8 @@ Deed list_change(const Change& change) {
 
 std::string account(const void* record) { return "account " + user_of<security_user_manage>(record); }
 
-// What a request gives to the account.
-std::string given(const security_user_manage& wish) {
+// " (password, expiry 2031-2-28)": what a request sets.
+std::string settings_of(const security_user_manage& wish) {
     Names parts;
     if (wish.password[0] != '\0') parts.emplace_back("password");
     if (wish.expiry[0] != '\0') parts.push_back("expiry " + text_of(wish.expiry));
@@ -188,13 +188,13 @@ std::string given(const security_user_manage& wish) {
     return parts.empty() ? "" : " (" + joined(parts) + ")";
 }
 
-Deed account_change(const Change& change) {
+Phrase account_change(const Change& change) {
     if (change.operation == DEL_REQ) return {"deleted", "deletion"};
     const auto& wish = as<security_user_manage>(change.record);
     const std::string name(wish.user_name, strnlen(wish.user_name, sizeof wish.user_name));
     const bool exists = find_account(security_get_system_username(name.c_str())).passwd;
-    const std::string what = given(wish);
-    return exists ? Deed{"changed" + what, "change" + what} : Deed{"created" + what, "creation" + what};
+    const std::string what = settings_of(wish);
+    return exists ? Phrase{"changed" + what, "change" + what} : Phrase{"created" + what, "creation" + what};
 }
 
 // ---- Key pairs of users.
@@ -208,7 +208,7 @@ std::string key_pair(const void* record) {
     return (dsa ? "DSA key pair of " : "RSA key pair of ") + quoted(command.user_name);
 }
 
-Deed key_pair_change(const Change& change) {
+Phrase key_pair_change(const Change& change) {
     const auto& command = as<ssh_key_cmd_rec>(change.record);
     switch (command.kind) {
     case SECURITY_KEY_PAIR_GENERATE_RSA:
@@ -226,7 +226,7 @@ Deed key_pair_change(const Change& change) {
 
 std::string orphans(const void*) { return "records of users without an account"; }
 
-// ---- The table of all that clients may change.
+// ---- One row for each request type that can change something.
 
 constexpr Description kDescriptions[] = {
     {SECURITY_ENABLE_INFO_REQUEST, true, service, service_value},

@@ -1,4 +1,4 @@
-// What requests ask for, in words for the log of changes: a table with a row for each type of request.
+// The words of the change log: a table with a row for each request type.
 #pragma once
 
 #include <cstdint>
@@ -7,36 +7,35 @@
 
 namespace quill {
 
-// What is asked for: the record of the request, and the one that is stored or null.
+// A change that a request asks for.
 struct Change {
     uint32_t operation;
-    const void* record;
-    const void* stored;
+    const void* record;  // of the request
+    const void* stored;  // the record that is stored now; null if there is none or it is not known
 };
 
-// The same thing in two forms: "created" for the line of what was done, "creation" for a refusal. Both are
-// empty where the operation changes nothing.
-struct Deed {
-    Deed() = default;
-    Deed(std::string either)
-        : done(either), asked(std::move(either)) {}  // NOLINT(google-explicit-constructor)
-    Deed(std::string when_done, std::string when_asked)
-        : done(std::move(when_done)), asked(std::move(when_asked)) {}
+// A change in two forms: "created" for a success, "creation" for a refusal. Both are empty if the operation
+// changes nothing.
+struct Phrase {
+    Phrase() = default;
+    Phrase(std::string both)
+        : done(both), requested(std::move(both)) {}  // NOLINT(google-explicit-constructor)
+    Phrase(std::string when_done, std::string when_requested)
+        : done(std::move(when_done)), requested(std::move(when_requested)) {}
 
-    std::string done, asked;
+    std::string done, requested;
 };
 
-// How requests of one type are put into words. The functions take records of the type's size, in host order,
-// that need not have been checked; they put no secret into words, and nothing that log_safe() would not
-// leave.
+// Describes the requests of one type. The functions take records of the type's size, in host order, whose
+// fields need not have been checked. Their texts contain no secret, and outside text as log_safe() returns it.
 struct Description {
     uint32_t type;
     bool shows_old_value;
     std::string (*object)(const void* record);  // "service telnet"
-    Deed (*deed)(const Change& change);         // "0 to 1"; of SET_REQ and DEL_REQ
+    Phrase (*phrase)(const Change& change);     // "0 to 1"; for SET_REQ and DEL_REQ
 };
 
-// Null for a type that has none.
+// Returns null for a type without a description.
 const Description* find_description(uint32_t type);
 
 }  // namespace quill

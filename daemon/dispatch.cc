@@ -46,24 +46,36 @@ uint32_t check_field(const Field& field, const unsigned char* record) {
 }
 
 uint32_t check_record(const Route& route, uint32_t operation, const unsigned char* record) {
-    const bool keys_alone = reads(operation) || operation == DEL_REQ;
+    const bool keys_only = reads(operation) || operation == DEL_REQ;
     for (const Field& field : route.fields) {
-        if (keys_alone && field.use != Field::Use::kKey) continue;
+        if (keys_only && field.use != Field::Use::kKey) continue;
         const uint32_t status = check_field(field, record);
         if (status != SECURITY_OK) return status;
     }
     return SECURITY_OK;
 }
 
-// What the store has where the request is about to change it, read with the route's own handler.
-class Stored {
+// One request that passed the checks.
+struct Call {
+    const Route& route;
+    uint32_t store;
+    const Peer& peer;
+    ConnectionState& state;
+    const Request& request;
+
+    uint32_t handle() const { return route.handle(store, request.operation, request.record); }
+};
+
+// The stored record that a request is about to change, read by the route's own handler.
+class StoredRecord {
  public:
-    void read(const Route& route, uint32_t store, const Request& request) {
+    void read(const Call& call) {
+        const Request& request = call.request;
         record_.assign(request.record, request.record + request.length);
-        status_ = route.handle(store, GET_REQ, record_.data());
+        status_ = call.route.handle(call.store, GET_REQ, record_.data());
     }
     uint32_t status() const { return status_; }
-    // Null where there is none, or it was not read.
+    // Null if there is none, or it was not read.
     const void* record() const { return status_ == SECURITY_OK ? record_.data() : nullptr; }
 
  private:
@@ -71,44 +83,43 @@ class Stored {
     std::vector<unsigned char> record_;  // aligned for any type
 };
 
-uint32_t read(const Route& route, uint32_t store, const Peer& peer, ConnectionState& state,
-              const Request& request) {
-    const uint32_t status = route.handle(store, request.operation, request.record);
-    if (status == SECURITY_OK && reads_to_change(request.type, request.operation))
-        note_read_list(peer, state, request);
+uint32_t read(const Call& call) {
+    const uint32_t status = call.handle();
+    if (status == SECURITY_OK && reads_to_change(call.request.type, call.request.operation))
+        remember_read_list(call.peer, call.state, call.request);
     return status;
 }
 
-// Whether the list that was read in order to change it is still what is stored.
-uint32_t check_list(const ConnectionState& state, const Request& request, const Stored& stored) {
+uint32_t check_list(const Call& call, const StoredRecord& stored) {
     if (stored.status() != SECURITY_OK) return stored.status();
-    return check_race(state, request, *static_cast<const NameList*>(stored.record()));
+    return check_race(call.state, call.request, *static_cast<const NameList*>(stored.record()));
 }
 
-uint32_t change(const Route& route, uint32_t store, const Peer& peer, ConnectionState& state,
-                const Request& request) {
-    // A repair may change what is stored, and would overwrite what is stored now.
-    const bool repaired = (route.flags & kOfAccounts) == 0 || repair_accounts(store);
-    const bool replaces_list = request.operation == SET_REQ && carries_list(request.type);
-    const bool compares = replaces_list && was_read(state, request);
-    ChangeLine line(peer, request);
-    uint32_t status = repaired ? SECURITY_OK : SECURITY_ERR_ACCOUNT_REPAIR;
+uint32_t change(const Call& call) {
+    const bool replaces_list = call.request.operation == SET_REQ && carries_list(call.request.type);
+    const bool compares = replaces_list && has_read_list(call.state, call.request);
+    // Before the stored record is read: a repair may change it.
+    const bool ready = (call.route.flags & kRepairsFirst) == 0 || repair_accounts(call.store);
+    uint32_t status = ready ? SECURITY_OK : SECURITY_ERR_ACCOUNT_REPAIR;
+
+    ChangeLine line(call.peer, call.request);
     try {
-        Stored stored;
-        if (compares || line.shows_old_value(request)) stored.read(route, store, request);
-        line.describe(request, stored.record());
-        if (status == SECURITY_OK && compares) status = check_list(state, request, stored);
-        if (status == SECURITY_OK) status = route.handle(store, request.operation, request.record);
+        StoredRecord stored;
+        if (compares || line.shows_old_value(call.request)) stored.read(call);
+        line.describe(call.request, stored.record());
+        if (status == SECURITY_OK && compares) status = check_list(call, stored);
+        if (status == SECURITY_OK) status = call.handle();
     } catch (const std::exception& failure) {
         line.write_failure(failure.what());
         throw;
     }
     line.write(status);
-    if (status == SECURITY_OK && replaces_list) note_stored_list(state, request);
+
+    if (status == SECURITY_OK && replaces_list) remember_stored_list(call.state, call.request);
     return status;
 }
 
-// The record is in host order where there is a route.
+// Logs the refusal. `route` is null if there is none; else the record is in host order.
 Answer refuse(const Route* route, const Peer& peer, const Request& request, uint32_t status) {
     ChangeLine line(peer, request);
     if (route != nullptr) line.describe(request);
@@ -131,11 +142,12 @@ Answer dispatch(std::span<const Route> routes, uint32_t store, const Peer& peer,
                  : SECURITY_ERR_NOT_PERMITTED;
     if (status != SECURITY_OK) return refuse(route, peer, request, status);
 
-    status = reads(request.operation) ? read(*route, store, peer, state, request)
-                                      : change(*route, store, peer, state, request);
+    const bool changes = !reads(request.operation);
+    const Call call{*route, store, peer, state, request};
+    status = changes ? change(call) : read(call);
     security_conf_cmi_byteorder_convert(type, request.record);
-    const bool goes_back = status == SECURITY_OK || (route->flags & kExplains) != 0;
-    return {status, goes_back ? request.length : 0, !reads(request.operation)};
+    const bool with_record = status == SECURITY_OK || (route->flags & kExplains) != 0;
+    return {status, with_record ? request.length : 0, changes};
 }
 
 }  // namespace quill

@@ -1,5 +1,5 @@
-// The trust boundary: nothing of a request reaches a handler before its route, size, caller and what the
-// operation reads of its texts and counts have been found right.
+// The trust boundary: a handler is called only after the request's type and size, the rights of its caller, and
+// the text and count fields that the operation uses have been checked.
 #pragma once
 
 #include <span>
@@ -9,15 +9,13 @@
 
 namespace quill {
 
-// Serves one request with the store: checks it, converts its record to host order, has the route's handler do
-// it and converts the record back. A record goes back with success, and with failures that its route
-// explains.
+// Handles one request: checks it, converts its record to host order, calls the route's handler and converts the
+// record back. The record is returned on success, and on failures of routes with kExplains.
 //
-// A user's list that this connection read in order to change it, and that is another by now, is not stored:
-// SECURITY_ERR_CHANGED. What the connection read is kept in `state`.
+// A user's list that this connection read in order to change it is stored only if it is still the stored one;
+// else the status is SECURITY_ERR_CHANGED (daemon/list_race.h). `state` is that of the connection.
 //
-// Each change that was made, and each request that was refused, is a line of the log (daemon/change_log.h).
-// What a handler throws passes through.
+// Each change, and each refused request, is logged (daemon/change_log.h). Exceptions of a handler are passed on.
 Answer dispatch(std::span<const Route> routes, uint32_t store, const Peer& peer, ConnectionState& state,
                 Request& request);
 

@@ -1,50 +1,52 @@
-// What is under way: one entry in the store, written before the first step of a change and erased after the
-// last one. A daemon that finds an entry when it starts undoes or finishes what its predecessor began.
+// A journal entry for a change of several steps: it is stored before the first step and erased after the last
+// one. A daemon that finds an entry at its start undoes or completes what its predecessor began.
 #pragma once
 
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
 
-#include "base/byte_order.h"
+#include "base/store_key.h"
+#include "base/tables.h"
 #include "quillplatform/pss.h"
 #include "quillsecurity.h"
 
 namespace quill {
 
-// `Entry` is stored byte for byte, with its words in host order: only this machine reads it again.
+// `Entry` is stored byte for byte, with its words in host order: only this machine reads it again. Its layout
+// is a format of the store, which an updated daemon has to read.
 template <class Entry>
 class Journal {
     static_assert(std::is_standard_layout_v<Entry>);
 
  public:
-    // `number` is the entry's key, behind those of all tables of records (0x10000 and up).
-    explicit Journal(uint32_t number) : key_(big_endian(number)) {}
+    // `table` is the number of this journal in base/tables.h.
+    explicit Journal(uint32_t table) : key_(table) {}
 
-    uint32_t write(uint32_t store, Entry& entry) {
-        const pss_descriptor value{&entry, sizeof entry};
-        return pss2_store(store, descriptor(), &value);
+    // Returns 0 or the failure of the store, which then has the entry that it had before.
+    uint32_t write(uint32_t store, const Entry& entry) const {
+        const pss_descriptor key = key_.descriptor(), value{const_cast<Entry*>(&entry), sizeof entry};
+        return pss2_store(store, &key, &value);
     }
-    // Returns SECURITY_PSS_NO_KEY if nothing is under way, and SECURITY_ERR_REQUEST_SIZE if the entry is of
-    // another version of the daemon.
-    uint32_t find(uint32_t store, Entry& entry) {
+    // Returns SECURITY_PSS_NO_KEY if there is no entry, and SECURITY_ERR_REQUEST_SIZE if the entry is of
+    // another version of the daemon. On failure `entry` is unchanged.
+    uint32_t find(uint32_t store, Entry& entry) const {
+        const pss_descriptor key = key_.descriptor();
         uint32_t status = SECURITY_OK;
-        const pss_descriptor* found = pss2_fetch(store, descriptor(), &status);
+        const pss_descriptor* found = pss2_fetch(store, &key, &status);
         if (status != SECURITY_OK) return status;
         if (found == nullptr || found->length != sizeof entry) return SECURITY_ERR_REQUEST_SIZE;
         memcpy(static_cast<void*>(&entry), found->bytes, sizeof entry);
         return SECURITY_OK;
     }
-    uint32_t erase(uint32_t store) { return pss2_delete(store, descriptor(), 1); }
-
- private:
-    const pss_descriptor* descriptor() {
-        descriptor_ = {&key_, sizeof key_};
-        return &descriptor_;
+    // Returns SECURITY_PSS_NO_KEY if there is no entry.
+    uint32_t erase(uint32_t store) const {
+        const pss_descriptor key = key_.descriptor();
+        return pss2_delete(store, &key, 1);
     }
 
-    uint32_t key_;
-    pss_descriptor descriptor_{};
+ private:
+    const Key key_;
 };
 
 }  // namespace quill

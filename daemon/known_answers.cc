@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "base/block.h"
 #include "quillsecurity/notify.h"
 
 namespace quill {
@@ -19,11 +20,7 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 
 template <class Object, void (*release)(Object*)>
-struct Release {
-    void operator()(Object* object) const { release(object); }
-};
-template <class Object, void (*release)(Object*)>
-using Owned = std::unique_ptr<Object, Release<Object, release>>;
+using Owned = std::unique_ptr<Object, Release<release>>;
 
 Bytes from_hex(const char* text) {
     Bytes bytes(strlen(text) / 2);
@@ -67,8 +64,8 @@ bool hmac() {
 
 using CipherContext = Owned<EVP_CIPHER_CTX, EVP_CIPHER_CTX_free>;
 
-// One run of a cipher in one direction; empty where it failed. A tag is made, or asked for, where it is not
-// null.
+// Encrypts or decrypts the input. With `tag`, encrypting sets it and decrypting verifies it. Returns an empty
+// result on failure.
 Bytes ciphered(const EVP_CIPHER* kind, bool encrypt, const Bytes& key, const Bytes& vector,
                const Bytes& input, Bytes* tag = nullptr) {
     const CipherContext context(EVP_CIPHER_CTX_new());
@@ -105,7 +102,7 @@ bool cbc() {
            ciphered(EVP_aes_128_cbc(), false, key, vector, cipher) == plain;
 }
 
-// Test case 14 of those that came with GCM itself; a tag that is not right must be found out.
+// Test case 14 of the GCM submission; a wrong tag must be refused.
 bool gcm() {
     const Bytes key(32);
     const Bytes vector(12);
@@ -120,9 +117,9 @@ bool gcm() {
     return ciphered(EVP_aes_256_gcm(), false, key, vector, cipher, &tag).empty();
 }
 
-using Key = Owned<EVP_PKEY, EVP_PKEY_free>;
+using PublicKey = Owned<EVP_PKEY, EVP_PKEY_free>;
 
-Key p256_key(const char* point) {
+PublicKey p256_key(const char* point) {
     Bytes bytes = from_hex(point);
     char group[] = "P-256";
     OSSL_PARAM parameters[] = {
@@ -134,7 +131,7 @@ Key p256_key(const char* point) {
     if (context == nullptr || EVP_PKEY_fromdata_init(context.get()) != 1 ||
         EVP_PKEY_fromdata(context.get(), &key, EVP_PKEY_PUBLIC_KEY, parameters) != 1)
         return nullptr;
-    return Key(key);
+    return PublicKey(key);
 }
 
 bool verifies(EVP_PKEY* key, const std::string& text, const Bytes& signature) {
@@ -145,9 +142,9 @@ bool verifies(EVP_PKEY* key, const std::string& text, const Bytes& signature) {
                             reinterpret_cast<const unsigned char*>(text.data()), text.size()) == 1;
 }
 
-// RFC 6979, A.2.5: the signature of "sample" with SHA-256, here as DER; and of nothing else.
+// RFC 6979, A.2.5: the signature of "sample" with SHA-256, as DER; it must not verify another text.
 bool ecdsa() {
-    const Key key = p256_key(
+    const PublicKey key = p256_key(
         "0460fed4ba255a9d31c961eb74c6356d68c049b8923b61fa6ce669622e60f29fb6"
         "7903fe1008b8bc99a41ae9e95628bc64f2f1b20c2d7e9f5177a3c294d4462299");
     const Bytes signature = from_hex(

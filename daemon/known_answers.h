@@ -1,4 +1,4 @@
-// Known-answer tests: whether OpenSSL, as it is on this machine, computes what the standards say it must.
+// Known-answer tests: does the installed OpenSSL compute the results that the standards give?
 #pragma once
 
 #include <cstdint>
@@ -8,10 +8,10 @@ namespace quill {
 
 struct KnownAnswer {
     uint32_t test;  // enum security_self_test
-    bool (*holds)();
+    bool (*passes)();
 };
 
-// All there are, in the order of their numbers.
+// All tests, ordered by number.
 std::span<const KnownAnswer> known_answers();
 
 }  // namespace quill

@@ -1,5 +1,6 @@
-// Changes of a list that a client reads, changes and stores as a whole, at the same time as another does: the
-// connection's last read of the list is compared with what is stored when the changed list arrives.
+// Lost updates of lists: a client reads a list, changes it and stores it as a whole, and must not undo what
+// another client stored in between. So the list that a connection read last is compared with the stored one
+// when the changed list arrives.
 #pragma once
 
 #include <cstdint>
@@ -9,19 +10,18 @@
 
 namespace quill {
 
-// Remembers in the connection's state what it was given of a list: the record of a request that succeeded,
-// which read the list in order to change it (base/last_reads.h) or stored it. Only administrators may store a
-// list, so nothing is remembered of others. Throws std::bad_alloc where it cannot; the connection must end
-// then.
-void note_read_list(const Peer& peer, ConnectionState& state, const Request& request);
-void note_stored_list(ConnectionState& state, const Request& request);
+// Remember in the connection's state the list in the record of a request that succeeded: one that read it in
+// order to change it (base/last_reads.h), or one that stored it. Only administrators may store a list, so reads
+// of others are not remembered. Throw std::bad_alloc; then the connection must be closed.
+void remember_read_list(const Peer& peer, ConnectionState& state, const Request& request);
+void remember_stored_list(ConnectionState& state, const Request& request);
 
-// Whether a list that arrives may be compared: this connection read it before in order to change it, or that
-// is no longer known.
-bool was_read(const ConnectionState& state, const Request& request);
+// Returns true if this connection read the list in order to change it, or may have: it has read more lists than
+// are remembered.
+bool has_read_list(const ConnectionState& state, const Request& request);
 
-// SECURITY_ERR_CHANGED where the list that is stored now is another than the one that this connection read,
-// or where that is no longer known: who reads it again may store it.
+// Returns SECURITY_ERR_CHANGED if the stored list differs from the one that this connection read, or if that is
+// no longer known; after reading it again, the client may store it. Else returns 0.
 uint32_t check_race(const ConnectionState& state, const Request& request, const NameList& stored);
 
 }  // namespace quill

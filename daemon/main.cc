@@ -56,7 +56,7 @@ constexpr char kUsage[] =
     "else 1).\n"
     "In context N, other than 1, it uses the folder vdc_N in each of the two directories.\n";
 
-// Exits itself where the command line asks for nothing else or is wrong.
+// Parses the command line. Exits if it is wrong, or asks for the version or the usage.
 Options parse(int count, char** arguments) {
     const option known[] = {{"foreground", no_argument, nullptr, 'f'},
                             {"admin-group", required_argument, nullptr, 'g'},
@@ -90,9 +90,9 @@ Options parse(int count, char** arguments) {
     return options;
 }
 
-// The number of the administrators' group, or 0 (root alone) where there is none of that name. An account of
-// the same name, which the administrators of context 1 can make, brings a group of its own: that one does not
-// make its user an administrator of another context.
+// Returns the administrators' group, or 0 (root alone) if there is none of its name. The administrators of
+// context 1 can create an account, and with it a private group, of any name: such a group does not make its
+// user an administrator of another context.
 gid_t administrators_of(int32_t context, const char* given) {
     std::string name = kAdministrators;
     if (context != kDefaultContext) name += "-vdc" + std::to_string(context);
@@ -107,7 +107,7 @@ gid_t administrators_of(int32_t context, const char* given) {
     return 0;
 }
 
-// Whoever starts a daemon may have closed these: nothing that is opened later may take their numbers, or
+// Opens descriptors 0 to 2 if they are closed: else a file that is opened later could get such a number, and
 // messages would be written into it.
 void open_standard_files() {
     int opened;
@@ -117,7 +117,7 @@ void open_standard_files() {
     if (opened >= 0) close(opened);
 }
 
-// Secrets pass through this memory: no core file of it, and nobody but root looks inside.
+// The memory contains secrets: no core files, and nobody but root may read it.
 void protect_memory() {
     const rlimit none{0, 0};
     setrlimit(RLIMIT_CORE, &none);
@@ -131,9 +131,9 @@ void allow_many_clients() {
     setrlimit(RLIMIT_NOFILE, &files);
 }
 
-// The reader of its messages may end before it, and a file may reach the size that is allowed: both are
-// errors of the call that writes. Caught rather than ignored, so that the commands it runs get them as usual.
-void outlive_failed_writes() {
+// A reader of the daemon's messages that ended, and the limit of file sizes, become errors of the write. The
+// signals are caught, not ignored: programs that the daemon runs would inherit that.
+void survive_failed_writes() {
     for (const int number : {SIGPIPE, SIGXFSZ}) signal(number, [](int) {});
 }
 
@@ -148,14 +148,14 @@ bool open_store(uint32_t& store) {
         return false;
     }
     status = security_conf_default_check(store);
-    // Half the defaults are better than no service: what is missing is written at the next start.
+    // Serve nevertheless: the missing defaults are stored at the next start.
     if (status != SECURITY_OK)
         syslog(LOG_ERR, "not all defaults are stored: %s (%#x)", syserr2str(status), status);
-    pss2_settle();
+    pss2_checkpoint();
     return true;
 }
 
-// The history shows secrets, so the file is root's alone from its first byte.
+// The history contains secrets, so the file is created for root only.
 void dump_traces() {
     const std::string path = runtime_directory() + "/quillsecurityd.traces";
     unlink(path.c_str());
@@ -167,7 +167,7 @@ void dump_traces() {
     if (descriptor >= 0) close(descriptor);
 }
 
-// The daemon leaves the folder in which it was started, so a relative path would name something else.
+// The daemon leaves the folder in which it was started, so relative paths are refused.
 bool paths_are_absolute() {
     bool absolute = true;
     for (const char* name : {"QUILL_STATE_DIR", "QUILL_RUNTIME_DIR", "QUILL_PLATFORM_CONF"}) {
@@ -203,19 +203,19 @@ int serve(const Options& options, Background& background) {
     uint32_t store = 0;
     if (!open_store(store)) return 1;
 
-    repair_accounts(store);  // what it cannot do now is tried again before the next change
+    repair_accounts(store);  // after a failure, tried again before the next change
     remove_old_homes(kHomeTimeAtStart);
 
     const gid_t administrators = administrators_of(context, options.administrators);
     Server server(
         {.administrators = administrators,
-         .answer = [store](const Peer& peer, ConnectionState& state,
+         .handle = [store](const Peer& peer, ConnectionState& state,
                            Request& request) { return dispatch(routes(), store, peer, state, request); },
-         .settle =
+         .checkpoint =
              [store] {
                  activate_changes(store);
                  const bool homes_left = remove_old_homes(std::chrono::milliseconds(0));
-                 return pss2_settle() == PSS_OK && !homes_left;
+                 return pss2_checkpoint() == PSS_OK && !homes_left;
              },
          .dump = dump_traces,
          .context = static_cast<uint32_t>(context)});
@@ -225,7 +225,7 @@ int serve(const Options& options, Background& background) {
     }
     Broadcast broadcast(server.loop(), administrators, static_cast<uint32_t>(context));
     if (!broadcast.listen()) {
-        syslog(LOG_ERR, "cannot take listeners for announcements: %m");
+        syslog(LOG_ERR, "cannot listen for subscribers to announcements: %m");
         return 1;
     }
     announce_on(broadcast.handle());
@@ -234,11 +234,12 @@ int serve(const Options& options, Background& background) {
     notify_manager("READY=1");
     syslog(LOG_INFO, "ready, in context %d", context);
     background.ready();
-    activate_all(store);  // the hooks' messages are for the log now
+    activate_all(store);  // after ready(): messages of hooks go to the log, not to the terminal
     const bool served = server.run();
     notify_manager("STOPPING=1");
     const uint32_t status = pss2_close(store);
-    if (status != PSS_OK) syslog(LOG_ERR, "the store was not settled: %s (%#x)", syserr2str(status), status);
+    if (status != PSS_OK)
+        syslog(LOG_ERR, "the store was not closed cleanly: %s (%#x)", syserr2str(status), status);
     syslog(LOG_INFO, "stopped");
     return served ? 0 : 1;
 }
@@ -250,16 +251,16 @@ int main(int count, char** arguments) {
     using namespace quill;
     Server::hold_signals();
     open_standard_files();
-    outlive_failed_writes();
+    survive_failed_writes();
     const Options options = parse(count, arguments);
     Background background;
     if (!options.foreground && !background.enter()) {
         perror("quillsecurityd: cannot go into the background");
         return 1;
     }
-    // Until it is ready, a daemon on its way to the background tells the terminal what is wrong.
+    // Until it is ready, a daemon that goes into the background writes its messages to the terminal as well.
     openlog("quillsecurityd", log_options(), LOG_DAEMON);
-    atexit(closelog);  // which sends what the reader of the log had no room for
+    atexit(closelog);  // sends the lines that are still queued
     protect_memory();
     allow_many_clients();
     if (chdir("/") != 0) perror("quillsecurityd: /");

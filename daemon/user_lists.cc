@@ -17,13 +17,13 @@
 namespace quill {
 namespace {
 
-// What differs between the two records, which have one shape.
+// What differs between roles and locales, whose records have the same layout.
 struct Kind {
     uint32_t (*stored)(uint32_t store, uint32_t operation, void* record);
     int32_t (*verify)(uint32_t connection, const char* name);
     uint32_t unknown;
     uint32_t not_held;
-    bool walked;  // the handler of locales would walk into other people's records
+    bool has_walk;  // the handler of locales would walk on into other tables
 };
 
 uint32_t stored_roles(uint32_t store, uint32_t operation, void* record) {
@@ -38,7 +38,7 @@ constexpr Kind kRoles{stored_roles, vshd_perm_group_role_name_verify, SECURITY_E
 constexpr Kind kLocales{stored_locales, vshd_perm_locale_name_verify, SECURITY_ERR_UNKNOWN_LOCALE,
                         SECURITY_ERR_LOCALE_NOT_HELD, false};
 
-// SECURITY_ERR_NOT_FOUND where none is stored.
+// Reads a stored list. Returns SECURITY_ERR_NOT_FOUND if there is none; on failure `list` is unchanged.
 uint32_t find(const Kind& kind, uint32_t store, NameList& list) {
     NameList found{};
     copy_field(found.user_name, list.user_name);
@@ -49,6 +49,7 @@ uint32_t find(const Kind& kind, uint32_t store, NameList& list) {
     return SECURITY_OK;
 }
 
+// Reads a stored list, or an empty one if there is none.
 uint32_t read(const Kind& kind, uint32_t store, NameList& list) {
     const uint32_t status = find(kind, store, list);
     if (status != SECURITY_ERR_NOT_FOUND) return status;
@@ -57,8 +58,9 @@ uint32_t read(const Kind& kind, uint32_t store, NameList& list) {
     return SECURITY_OK;
 }
 
-// Anybody may ask, for any name: an account is looked for only where no list is stored, and in memory. A walk
-// over all users asks by stored names; the accounts of other contexts have no lists here.
+// Reads the list of any user, for any client: so an account is looked up only if no list is stored. The name
+// may be the one in the account files, as a walk over all users returns it; accounts of other contexts have
+// empty lists here.
 uint32_t read_of_any(const Kind& kind, uint32_t store, NameList& list) {
     NameList found = list;
     make_plain(found.user_name);
@@ -76,7 +78,7 @@ uint32_t read_of_any(const Kind& kind, uint32_t store, NameList& list) {
     return SECURITY_OK;
 }
 
-// The handler leaves the count as the store has it.
+// Stores the list. The handler leaves the count big-endian, as it is stored.
 uint32_t write(const Kind& kind, uint32_t store, NameList& list) {
     const int32_t count = list.count;
     const uint32_t status = kind.stored(store, SET_REQ, &list);
@@ -113,7 +115,7 @@ uint32_t take_out(const Kind& kind, uint32_t store, NameList& list) {
 
 uint32_t serve(const Kind& kind, uint32_t store, uint32_t operation, NameList& list) {
     if (operation == GETNEXT_REQ)
-        return kind.walked ? kind.stored(store, operation, &list) : SECURITY_ERR_NOT_SUPPORTED;
+        return kind.has_walk ? kind.stored(store, operation, &list) : SECURITY_ERR_NOT_SUPPORTED;
     if (operation == GET_REQ) return read_of_any(kind, store, list);
     const char* stored = security_get_system_username(list.user_name);
     if (context_of(stored) != sysmgrcmn_vdc_id_get()) return SECURITY_ERR_NOT_FOUND;  // of another context
@@ -129,7 +131,7 @@ uint32_t serve(const Kind& kind, uint32_t store, uint32_t operation, NameList& l
     return SECURITY_ERR_NOT_SUPPORTED;
 }
 
-// Roles alone are what a change of a user is told with.
+// Announces the user's roles after a change.
 void announce(uint32_t store, const NameList& list) {
     security_user_roles now{};
     copy_field(now.user_name, list.user_name);

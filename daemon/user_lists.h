@@ -1,5 +1,6 @@
-// Role and locale lists of accounts, as requests see them: an account without a stored list has an empty one,
-// names must exist, and a removal takes one name out of the list.
+// Handlers of the requests for role and locale lists of accounts. An account without a stored list has an empty
+// one. GET_REQ reads the list; SET_REQ replaces it, by names that must exist; DEL_REQ removes the one name of
+// the record from it.
 #pragma once
 
 #include <cstdint>

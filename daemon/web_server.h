@@ -1,5 +1,5 @@
-// Requests about the web server, between the dispatcher and the records: what would not serve is refused here
-// and the old settings stay.
+// Requests about the web server: refuses settings that would not work, so that the old ones stay, and keeps
+// the certificate and the key a pair.
 #pragma once
 
 #include <cstdint>
@@ -9,18 +9,19 @@
 
 namespace quill {
 
-// Adapters for daemon/routes.cc. A port has one home, whichever of two requests brings it.
+// Handlers for daemon/routes.cc. The ports and the switch are stored once, whichever of two request types sets
+// them. The words of web_ports() are big-endian, those of the others in host order.
 uint32_t web_switch(uint32_t store, uint32_t operation, security_enable_info& info);
 uint32_t web_port(uint32_t store, uint32_t operation, security_enable_info& info);
 uint32_t web_ports(uint32_t store, uint32_t operation, void* record);
 uint32_t web_pair(uint32_t store, uint32_t operation, void* record);
 
-// What the web server is to do, by the store.
+// The stored settings of the web server. The key is wiped by the destructor.
 struct WebServer {
     bool on = false;
     uint32_t http_port = 0, https_port = 0;  // 0 for none
     std::string certificate, key;            // PEM; both or none
-    uint32_t pair = SECURITY_OK;             // why there is none
+    uint32_t pair = SECURITY_OK;             // the reason if there are none
 
     WebServer() = default;
     ~WebServer();
@@ -28,8 +29,8 @@ struct WebServer {
     WebServer& operator=(const WebServer&) = delete;
 };
 
-// The store's status. A pair that an earlier daemon, or a store without room, left half stored is stored
-// first; where that fails again nothing is read, and what was put into effect stays so.
+// Reads the settings. A pair whose storing was interrupted, by the end of a daemon or a full disk, is stored
+// first. Returns 0 or the failure of the store; then `web` is incomplete and not to be put into effect.
 uint32_t read_web_server(uint32_t store, WebServer& web);
 
 }  // namespace quill

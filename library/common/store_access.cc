@@ -17,11 +17,6 @@ constexpr uint32_t kIdentityOffset = sizeof(uint32_t);  // offset of the name or
 
 mode_t previous_umask;
 
-void put_big_endian(unsigned char* at, uint32_t word) {
-    flip(word);
-    memcpy(at, &word, sizeof word);
-}
-
 // Copies at most to.length bytes and zeroes the rest. A stored value may be shorter than its record, if
 // the store is damaged or another program wrote it; bytes that the caller had there must not pass for
 // stored ones.
@@ -58,23 +53,6 @@ uint32_t read_found_as(uint32_t handle, const pss_descriptor& found, Field& iden
 }
 
 }  // namespace
-
-Key::Key(uint32_t table) : bytes_{}, length_(kIdentityOffset) { put_big_endian(bytes_, table); }
-
-Key::Key(uint32_t table, uint32_t number) : Key(table) {
-    put_big_endian(bytes_ + kIdentityOffset, number);
-    length_ = kIdentityOffset + sizeof number;
-}
-
-Key::Key(uint32_t table, const char (&name)[kNameField]) : Key(table) {
-    memcpy(bytes_ + kIdentityOffset, name, strnlen(name, kNameField - 1));
-    length_ = kIdentityOffset + kNameField;
-}
-
-bool Key::same_table(const pss_descriptor* found) const {
-    return found != nullptr && found->length >= kIdentityOffset &&
-           memcmp(found->bytes, bytes_, kIdentityOffset) == 0;
-}
 
 uint32_t fetch(uint32_t handle, const Key& key, Run value) {
     const pss_descriptor descriptor = key.descriptor();

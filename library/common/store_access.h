@@ -1,38 +1,16 @@
-// Access of the handlers to the persistent store: keys, and fetching, walking, storing and deleting values.
-//
-// A key is a big-endian table number, followed by a name in a zero-filled field, a big-endian number, or
-// nothing. The store orders keys by their bytes, so the keys of a table are adjacent, and a walk ends where
-// the table number changes. A value is a range of bytes of the request record, chosen by the handler.
+// Access of the handlers to the persistent store: fetching, walking, storing and deleting the values of keys.
+// A value is a range of bytes of the request record, chosen by the handler.
 //
 // Statuses of the store are returned unchanged unless a function says otherwise.
 #pragma once
 
 #include <cstdint>
 
+#include "base/store_key.h"
 #include "quillplatform/pss.h"
 #include "quillsecurity.h"
 
 namespace quill {
-
-constexpr uint32_t kNameField = 128;
-
-class Key {
- public:
-    explicit Key(uint32_t table);
-    Key(uint32_t table, uint32_t number);
-    Key(uint32_t table, int32_t number) : Key(table, static_cast<uint32_t>(number)) {}
-    // Uses at most 127 characters of the name, also if the field has no terminator.
-    Key(uint32_t table, const char (&name)[kNameField]);
-
-    pss_descriptor descriptor() const { return {const_cast<unsigned char*>(bytes_), length_}; }
-
-    // Returns true if a key found in the store is of the same table; false for null.
-    bool same_table(const pss_descriptor* found) const;
-
- private:
-    unsigned char bytes_[sizeof(uint32_t) + kNameField];
-    uint32_t length_;
-};
 
 // The run of bytes of a request record that is its value in the store.
 using Run = pss_descriptor;

@@ -1,24 +1,20 @@
 #include "platform/mts/broadcast.h"
 
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/uio.h>
-#include <sys/un.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <deque>
-#include <exception>
 #include <list>
 #include <map>
 #include <new>
-#include <string>
 #include <utility>
 
 #include "platform/channel/closer.h"
 #include "platform/channel/peer.h"
+#include "platform/listener.h"
 #include "platform/log.h"
 #include "platform/mts/message.h"
 
@@ -30,10 +26,11 @@ constexpr size_t kKeptBytes = 4UL * 1024 * 1024;
 constexpr Places::Limits kListeners{.all = 64, .for_administrators = 64, .for_root = 16, .for_one_user = 16};
 constexpr timeval kSubscriptionTime{10, 0};
 constexpr int kBacklog = 32;
-constexpr timeval kPause{0, 100000};  // before what failed for want of something is tried again
+constexpr timeval kShortagePause{0, 100000};
+constexpr char kServing[] = "serving a listener";
 
-// Half of what a socket may hold, which is then just above one message of the greatest size: what a sleeping
-// listener has been sent and not received is little beside what is kept for it.
+// The kernel doubles it, to just more than one message of the largest size. So a listener that does not receive
+// takes little memory of the kernel, compared with the ring.
 constexpr int kSocketBuffer = 64 * 1024;
 static_assert(static_cast<size_t>(kSocketBuffer) > (MTS_MAX_PAYLOAD + 4096) / 2);
 
@@ -41,114 +38,90 @@ struct Sent {
     uint32_t sap;
     MtsMessage message;
 
-    // What it takes in memory, with what the heap adds.
+    // Memory that it takes, with the overhead of the heap.
     size_t bytes() const { return sizeof(Sent) + message.size() + 32; }
 };
 
 }  // namespace
 
 struct Broadcast::Ring {
-    struct Listener {
+    struct Subscriber {
         Ring& ring;
         int socket = -1;
         Peer peer{};
         Places::Place place{};
-        Event readable{}, writable{}, later{};
+        Event readable{}, writable{};
+        Timer retry{};
         bool subscribed = false;
         uint32_t sap = MTS_SAP_ALL;
         uint32_t opcode = MTS_ANY_OPCODE;
-        uint64_t next = 0;  // the message that it has not been sent yet
-        uint32_t lost = 0;  // messages that are no longer there for it
-        std::list<Listener>::iterator self{};
+        uint64_t next = 0;  // number of the first message that it has not been sent
+        uint32_t lost = 0;  // messages dropped since the last one that it was sent
+        std::list<Subscriber>::iterator self{};
 
-        explicit Listener(Ring& owner) : ring(owner) {}
-        ~Listener() {
+        explicit Subscriber(Ring& owner) : ring(owner) {}
+        ~Subscriber() {
             readable.reset();
             writable.reset();
-            later.reset();
             if (socket >= 0) ring.closer.close(socket);
         }
-        Listener(const Listener&) = delete;
-        Listener& operator=(const Listener&) = delete;
+        Subscriber(const Subscriber&) = delete;
+        Subscriber& operator=(const Subscriber&) = delete;
 
         bool wants(const Sent& sent) const {
             return (sent.sap == MTS_SAP_ALL || sent.sap == sap) &&
                    (opcode == MTS_ANY_OPCODE || opcode == sent.message.opcode);
         }
-        bool waits() const {
-            return event_pending(writable.get(), EV_WRITE, nullptr) != 0 ||
-                   event_pending(later.get(), EV_TIMEOUT, nullptr) != 0;
+        bool is_waiting() const {
+            return event_pending(writable.get(), EV_WRITE, nullptr) != 0 || retry.is_running();
         }
-        static void go_on(evutil_socket_t, short, void* argument);
-        // These answer false when the listener is done.
+        void on_readable(short what);
+        void send_more();
+        // These return false if the connection is to be closed.
         bool welcome(int error);
         bool subscribe();
-        bool pump();
+        bool send_pending();
         bool send(const Sent& sent);
     };
+
+    Ring(event_base* loop, gid_t group, uint32_t own_context)
+        : base(loop), administrators(group), context(own_context), closer(loop) {}
+    ~Ring() {
+        subscribers.clear();
+        quill_mts_close(handle);
+    }
+    Ring(const Ring&) = delete;
+    Ring& operator=(const Ring&) = delete;
+
+    bool admit();
+    int refusal(Subscriber& arrived);
+    void broadcast(uint32_t to_sap, const MtsMessage& message);
+    void drop_oldest();
+    void pop_oldest();
+    void drop_sent();
 
     event_base* base;
     gid_t administrators;
     uint32_t context;
     uint32_t handle = 0;
-    int listener = -1;
-    std::string path;
-    Event acceptable, resume;
     Closer closer;
+    Listener listener{base, closer, [this] { return guarded(kServing, [this] { return admit(); }); }};
     Places places{kListeners};
     std::deque<Sent> kept;
     size_t kept_bytes = 0;
-    uint64_t first = 0;  // number of the oldest message that is kept; they are counted from 0
-    std::list<Listener> listeners;
+    uint64_t first = 0;  // number of the oldest message in the ring, counted from 0
+    std::list<Subscriber> subscribers;
     std::map<uint32_t, std::function<void(const void*)>> services;
-
-    Ring(event_base* loop, gid_t group, uint32_t own_context)
-        : base(loop), administrators(group), context(own_context), closer(loop) {}
-    ~Ring() {
-        listeners.clear();
-        acceptable.reset();
-        resume.reset();
-        quill_mts_close(handle);
-        if (listener < 0) return;
-        closer.close(listener);
-        unlink(path.c_str());
-    }
-    Ring(const Ring&) = delete;
-    Ring& operator=(const Ring&) = delete;
-
-    bool admit_listener();
-    void accept_listener();
-    int refusal(Listener& listener);
-    void carry(uint32_t to_sap, const MtsMessage& message);
-    void drop_oldest();
-    void pop_oldest();
-    void forget();
-
-    Event make(evutil_socket_t descriptor, short what, event_callback_fn callback, void* argument) const {
-        return make_event(base, descriptor, what, callback, argument);
-    }
-
-    // Nothing may be thrown through libevent, which is C.
-    template <class Call>
-    bool guarded(Call call) {
-        try {
-            return call();
-        } catch (const std::exception& failure) {
-            if (client_log().has_room(0, true))
-                syslog(LOG_ERR, "serving a listener failed: %s", failure.what());
-            return false;
-        }
-    }
 };
 
-bool Broadcast::Ring::Listener::welcome(int error) {
+bool Broadcast::Ring::Subscriber::welcome(int error) {
     MtsWelcome frame;
     frame.error = static_cast<uint32_t>(error);
     return ::send(socket, &frame, sizeof frame, MSG_DONTWAIT | MSG_NOSIGNAL) == sizeof frame && error == 0;
 }
 
-// The one thing a listener says. Anything after it, the end of the connection as well, is its end.
-bool Broadcast::Ring::Listener::subscribe() {
+// Receives the one message that a listener sends. Anything after it ends the connection.
+bool Broadcast::Ring::Subscriber::subscribe() {
     MtsSubscription frame;
     const ssize_t received = ring.closer.receive(socket, &frame, sizeof frame);
     if (received < 0) return errno == EAGAIN || errno == EINTR;
@@ -166,12 +139,12 @@ bool Broadcast::Ring::Listener::subscribe() {
     return event_remove_timer(readable.get()) == 0 && welcome(0);
 }
 
-bool Broadcast::Ring::Listener::send(const Sent& sent) {
-    MtsHeader head;
-    head.opcode = sent.message.opcode;
-    head.lost = lost;
-    head.length = sent.message.size();
-    iovec parts[] = {{&head, sizeof head},
+bool Broadcast::Ring::Subscriber::send(const Sent& sent) {
+    MtsHeader header;
+    header.opcode = sent.message.opcode;
+    header.lost = lost;
+    header.length = sent.message.size();
+    iovec parts[] = {{&header, sizeof header},
                      {const_cast<unsigned char*>(sent.message.payload()), sent.message.size()}};
     msghdr whole{};
     whole.msg_iov = parts;
@@ -179,32 +152,37 @@ bool Broadcast::Ring::Listener::send(const Sent& sent) {
     return sendmsg(socket, &whole, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
 }
 
-// Sends what is there for it, as far as its socket takes it. That the system has no memory just now is
-// nothing that a writable socket would end.
-bool Broadcast::Ring::Listener::pump() {
+// Sends messages until the socket is full. If the system is short of memory, it tries again after a pause: the
+// socket may be writable all the time.
+bool Broadcast::Ring::Subscriber::send_pending() {
     for (; next < ring.first + ring.kept.size(); ++next) {
         const Sent& sent = ring.kept[static_cast<size_t>(next - ring.first)];
         if (!wants(sent)) continue;
         if (!send(sent)) {
-            const bool scarce = errno == ENOBUFS || errno == ENOMEM;
-            if (errno != EAGAIN && !scarce) return false;
-            add_event(scarce ? later : writable, scarce ? &kPause : nullptr);
-            return true;
+            if (errno == ENOBUFS || errno == ENOMEM) return retry.start();
+            return errno == EAGAIN && event_add(writable.get(), nullptr) == 0;
         }
         lost = 0;
     }
     return true;
 }
 
-void Broadcast::Ring::Listener::go_on(evutil_socket_t, short, void* argument) {
-    auto& ready = *static_cast<Listener*>(argument);
-    Ring& ring = ready.ring;
-    if (!ring.guarded([&] { return ready.pump(); })) ring.listeners.erase(ready.self);
-    ring.forget();
+// Also the end of the time for the subscription.
+void Broadcast::Ring::Subscriber::on_readable(short what) {
+    Ring& owner = ring;
+    const bool timed_out = (what & EV_READ) == 0;
+    if (timed_out || !guarded(kServing, [this] { return subscribe(); })) owner.subscribers.erase(self);
+    owner.drop_sent();
 }
 
-// Returns 0, or the errno with which a listener is turned away.
-int Broadcast::Ring::refusal(Listener& arrived) {
+void Broadcast::Ring::Subscriber::send_more() {
+    Ring& owner = ring;
+    if (!send_pending()) owner.subscribers.erase(self);
+    owner.drop_sent();
+}
+
+// Returns 0, or the errno of a refusal.
+int Broadcast::Ring::refusal(Subscriber& arrived) {
     const Peer& peer = arrived.peer = identify(arrived.socket, administrators);
     if (peer.administrator) arrived.place = places.take(peer);
     if (arrived.place) return 0;
@@ -214,44 +192,27 @@ int Broadcast::Ring::refusal(Listener& arrived) {
     return peer.administrator ? EUSERS : EACCES;
 }
 
-// False where nobody can be let in just now.
-bool Broadcast::Ring::admit_listener() {
-    if (closer.is_full()) return false;
-    std::list<Listener> arrived;
-    Listener& added = arrived.emplace_front(*this);
+// Returns false if no connection can be accepted now.
+bool Broadcast::Ring::admit() {
+    // Allocated first: a connection that was accepted without memory for it would be lost.
+    std::list<Subscriber> arrived;
+    Subscriber& added = arrived.emplace_front(*this);
     added.self = arrived.begin();
-    const int socket = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (socket < 0) return errno != EMFILE && errno != ENFILE && errno != ENOBUFS && errno != ENOMEM;
-    added.socket = socket;
-    setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &kSocketBuffer, sizeof kSocketBuffer);
+    added.socket = listener.accept();
+    if (added.socket < 0) return !Listener::is_shortage(errno);
+    setsockopt(added.socket, SOL_SOCKET, SO_SNDBUF, &kSocketBuffer, sizeof kSocketBuffer);
     if (!added.welcome(refusal(added))) return true;
-    added.readable = make(
-        socket, EV_READ | EV_PERSIST,
-        [](evutil_socket_t, short what, void* argument) {
-            auto& spoken = *static_cast<Listener*>(argument);
-            Ring& ring = spoken.ring;
-            const bool readable = (what & EV_READ) != 0;  // else its time to subscribe is up
-            if (!readable || !ring.guarded([&] { return spoken.subscribe(); }))
-                ring.listeners.erase(spoken.self);
-            ring.forget();
-        },
-        &added);
-    added.writable = make(socket, EV_WRITE, Listener::go_on, &added);
-    added.later = make(-1, 0, Listener::go_on, &added);
+    added.readable = make_event<&Subscriber::on_readable>(base, added.socket, EV_READ | EV_PERSIST, added);
+    added.writable = make_event<&Subscriber::send_more>(base, added.socket, EV_WRITE, added);
+    added.retry = make_timer<&Subscriber::send_more>(base, kShortagePause, added);
     event_base_update_cache_time(base);  // a request may have taken long
     add_event(added.readable, &kSubscriptionTime);
-    listeners.splice(listeners.begin(), arrived);
+    subscribers.splice(subscribers.begin(), arrived);
     return true;
 }
 
-void Broadcast::Ring::accept_listener() {
-    if (guarded([this] { return admit_listener(); })) return;
-    // Trying again at once would only burn the processor.
-    if (event_add(resume.get(), &kPause) == 0) event_del(acceptable.get());
-}
-
 void Broadcast::Ring::drop_oldest() {
-    for (Listener& behind : listeners) {
+    for (Subscriber& behind : subscribers) {
         if (!behind.subscribed || behind.next > first) continue;
         if (behind.wants(kept.front())) ++behind.lost;
         behind.next = first + 1;
@@ -265,25 +226,24 @@ void Broadcast::Ring::pop_oldest() {
     ++first;
 }
 
-// Drops what every listener has been sent.
-void Broadcast::Ring::forget() {
+// Drops the messages that every listener has been sent.
+void Broadcast::Ring::drop_sent() {
     uint64_t needed = first + kept.size();
-    for (const Listener& each : listeners)
+    for (const Subscriber& each : subscribers)
         if (each.subscribed) needed = std::min(needed, each.next);
     while (first < needed) pop_oldest();
 }
 
-void Broadcast::Ring::carry(uint32_t to_sap, const MtsMessage& message) {
+void Broadcast::Ring::broadcast(uint32_t to_sap, const MtsMessage& message) {
     kept.push_back({to_sap, message});
     kept_bytes += kept.back().bytes();
     while (kept.size() > kKept || kept_bytes > kKeptBytes) drop_oldest();
-    for (auto at = listeners.begin(); at != listeners.end();) {
-        Listener& each = *at++;
-        if (each.subscribed && !each.waits() && !guarded([&] { return each.pump(); }))
-            listeners.erase(each.self);
+    for (auto at = subscribers.begin(); at != subscribers.end();) {
+        Subscriber& each = *at++;
+        if (each.subscribed && !each.is_waiting() && !each.send_pending()) subscribers.erase(each.self);
     }
-    forget();
-    // Last, since a service may send in its turn.
+    drop_sent();
+    // Last, since a service may send as well.
     const auto service = services.find(to_sap);
     if (service != services.end()) service->second(&message);
 }
@@ -293,7 +253,7 @@ Broadcast::Broadcast(event_base* base, gid_t administrators, uint32_t own_contex
     ring_->handle = quill_mts_attach(
         [](void* context, uint32_t sap, uint32_t opcode, const void* payload, uint32_t length) -> int32_t {
             try {
-                static_cast<Ring*>(context)->carry(sap, MtsMessage(opcode, payload, length));
+                static_cast<Ring*>(context)->broadcast(sap, MtsMessage(opcode, payload, length));
                 return 0;
             } catch (const std::bad_alloc&) {
                 return ENOMEM;
@@ -305,32 +265,7 @@ Broadcast::Broadcast(event_base* base, gid_t administrators, uint32_t own_contex
 
 Broadcast::~Broadcast() = default;
 
-bool Broadcast::listen() {
-    Ring& ring = *ring_;
-    sockaddr_un address;
-    if (!socket_address(address, kAnnouncementSocket)) return false;
-    ring.path = address.sun_path;
-    if (unlink(address.sun_path) != 0 && errno != ENOENT) return false;
-    ring.listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (ring.listener < 0) return false;
-    ring.closer.protect(ring.listener);
-    // Everybody may knock; who is let in is decided by who they are.
-    if (bind(ring.listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        chmod(address.sun_path, 0666) != 0 || ::listen(ring.listener, kBacklog) != 0)
-        return false;
-    ring.acceptable = ring.make(
-        ring.listener, EV_READ | EV_PERSIST,
-        [](evutil_socket_t, short, void* argument) { static_cast<Ring*>(argument)->accept_listener(); },
-        &ring);
-    ring.resume = ring.make(
-        -1, 0,
-        [](evutil_socket_t, short, void* argument) {
-            auto& paused = *static_cast<Ring*>(argument);
-            if (event_add(paused.acceptable.get(), nullptr) != 0) event_add(paused.resume.get(), &kPause);
-        },
-        &ring);
-    return event_add(ring.acceptable.get(), nullptr) == 0;
-}
+bool Broadcast::listen() { return ring_->listener.listen(kAnnouncementSocket, kBacklog); }
 
 void Broadcast::serve(uint32_t sap, std::function<void(const void* message)> service) {
     ring_->services[sap] = std::move(service);

@@ -1,12 +1,12 @@
 // The fan-out of the message transport (quillplatform/mts.h), in the daemon's loop.
 //
-// The newest messages are kept once, in a ring; a listener is a place in it. Whoever cannot take a message
-// just now keeps its place and goes on from there when its socket has room, and is moved forward when the
-// ring drops what it still waits for. So a listener that sleeps costs the others nothing, and the daemon no
-// more memory than the ring: 8192 messages and 4 MiB at most.
+// The newest messages are kept once, in a ring buffer of at most 8192 messages and 4 MiB; each listener has a
+// position in it. A listener whose socket is full continues from its position when the socket has room. When
+// the ring drops messages that it was not sent yet, its position moves forward and the messages count as lost.
+// So a listener that does not receive delays nobody, and takes no memory beside the ring.
 //
-// There are 64 places for listeners, 16 of them for root alone, and no other uid has more than 16. A listener
-// that does not subscribe within 10 seconds loses its place.
+// Up to 64 listeners can be connected at a time; 16 of these connections are reserved for root, and no other
+// uid has more than 16. A listener that does not subscribe within 10 seconds is disconnected.
 #pragma once
 
 #include <sys/types.h>
@@ -21,17 +21,18 @@ namespace quill {
 
 class Broadcast {
  public:
-    // Root and the members of the group, unless it is 0, may listen, from `context` alone.
+    // Root and the members of the group (0 for none) may listen, if they run in `context`. Throws
+    // std::bad_alloc.
     Broadcast(event_base* base, gid_t administrators, uint32_t context);
     ~Broadcast();
     Broadcast(const Broadcast&) = delete;
     Broadcast& operator=(const Broadcast&) = delete;
 
-    // Takes over the socket's name, as the request channel does with its own. False with errno set.
+    // Starts listening (platform/listener.h). Returns false with errno set.
     bool listen();
 
-    // Answers at a service point inside this process: the function is given each message to it, for
-    // mts_opc_get and the like, before mts_send() returns, and may send in its turn.
+    // Provides a service point in this process: the function is called with each message to it (for
+    // mts_opc_get() and the like) before mts_send() returns. It may send messages.
     void serve(uint32_t sap, std::function<void(const void* message)> service);
 
     // For mts_send().

@@ -265,7 +265,7 @@ pss_descriptor* pss2_getvalue(uint32_t handle, uint32_t* status) {
     return quill::describe(store.value, store.cursor.value);
 }
 
-uint32_t pss2_settle() {
+uint32_t pss2_checkpoint() {
     uint32_t first = PSS_OK;
     for (auto& store : quill::stores) {
         if (store == nullptr) continue;

@@ -96,14 +96,6 @@ Change next_change(std::mt19937& numbers) {
     return change;
 }
 
-uint32_t open_store() {
-    const uint32_t parameters[4] = {};
-    uint32_t status = 0;
-    const uint32_t handle = pss2_open("s", PSS_READ_WRITE | PSS_CREATE, 0, 0, parameters, &status);
-    EXPECT_EQ(PSS_OK, status);
-    return handle;
-}
-
 TEST_F(Kill, TheStoreKeepsEveryAcknowledgedChangeWhole) {
     std::map<std::string, std::string> records;
     for (unsigned round = 0; round < rounds(); ++round) {
@@ -111,7 +103,8 @@ TEST_F(Kill, TheStoreKeepsEveryAcknowledgedChangeWhole) {
         int ends[2];
         ASSERT_EQ(0, pipe(ends));
         const pid_t writer = start_child([&] {
-            const uint32_t handle = open_store();
+            uint32_t handle = 0;
+            EXPECT_EQ(PSS_OK, open_store(handle));
             for (std::mt19937 numbers(seed);;) {
                 const Change change = next_change(numbers);
                 const uint32_t status =
@@ -133,13 +126,14 @@ TEST_F(Kill, TheStoreKeepsEveryAcknowledgedChangeWhole) {
         close(ends[0]);
         const Change under_way = next_change(numbers);
         const double start = seconds_now();
-        const uint32_t handle = open_store();
+        uint32_t handle = 0;
+        ASSERT_EQ(PSS_OK, open_store(handle));
         restarts.push_back(seconds_now() - start);
-        if (fetch(handle, under_way.key) == (under_way.value.empty() ? "[40480003]" : under_way.value))
-            records[under_way.key] = under_way.value;
-        for (const auto& [key, value] : records)
-            ASSERT_TRUE(fetch(handle, key) == (value.empty() ? "[40480003]" : value))
-                << key << ", round " << round;
+        const auto holds = [handle](const std::string& key, const std::string& value) {
+            return fetch(handle, key) == (value.empty() ? "[40480003]" : value);
+        };
+        if (holds(under_way.key, under_way.value)) records[under_way.key] = under_way.value;
+        for (const auto& [key, value] : records) ASSERT_TRUE(holds(key, value)) << key << ", round " << round;
         ASSERT_EQ(PSS_OK, pss2_close(handle));
     }
 }

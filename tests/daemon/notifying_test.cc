@@ -92,11 +92,13 @@ TEST(SelfTests, AreRunOnRequestAndToldApart) {
                                                       {55, std::string("\1\0\1\0", 4)},
                                                       {55, std::string("\2\0\1\0\1\0\0\0", 8)},
                                                       {55, std::string("\1\0\2\0\1\0\0\0", 8)},
+                                                      {55, std::string("\1\0\1\0\1\0\0\0x", 9)},
                                                       {56, "short"}};
     for (const auto& [sap, payload] : cases)
         EXPECT_EQ(0, mts_send(broadcast.handle(), MTS_THIS_NODE, sap, 2213, payload.data(),
                               static_cast<uint32_t>(payload.size()), 0, 0, 0));
-    EXPECT_EQ(std::vector<std::string>{"3 the answer of the self-test service cannot be read"}, log_lines());
+    EXPECT_EQ(std::vector<std::string>{"3 the response of the self-test service cannot be read"},
+              log_lines());
     const auto kept = results(GET_REQ);
     EXPECT_EQ(0, memcmp(&record, &kept, sizeof record));
     EXPECT_EQ(0u, results(DEL_REQ).num_entries);

@@ -1,16 +1,11 @@
 // What the daemon takes and refuses about the web server, through its own routes and over a real store.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <openssl/ec.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
 
-#include <cstring>
-
-#include "daemon/dispatch.h"
-#include "quillplatform.h"
-#include "quillsecurity.h"
-#include "tests/support/box.h"
+#include "tests/daemon/routes_test.h"
+#include "tests/support/store.h"
 
 namespace {
 
@@ -37,12 +32,12 @@ struct Keys {
                                  const_cast<char*>(passphrase));
         return taken(bio);
     }
-    std::string certificate(long seconds_left) const {
+    std::string certificate(long seconds_left, const EVP_MD* digest = EVP_sha256()) const {
         X509* made = X509_new();
         X509_set_pubkey(made, key);
         X509_gmtime_adj(X509_getm_notBefore(made), -100);
         X509_gmtime_adj(X509_getm_notAfter(made), seconds_left);
-        X509_sign(made, key, EVP_sha256());
+        X509_sign(made, key, digest);
         BIO* bio = BIO_new(BIO_s_mem());
         PEM_write_bio_X509(bio, made);
         X509_free(made);
@@ -50,63 +45,47 @@ struct Keys {
     }
 };
 
-class WebServerRequests : public testing::Test {
+class WebServerRequests : public RoutesTest {
  protected:
-    WebServerRequests() { EXPECT_EQ(0u, security_pss_create(&store, "security", 0, 0)); }
-    ~WebServerRequests() override { pss2_close(store); }
-
     void reopen() {
         pss2_close(store);
         EXPECT_EQ(0u, security_pss_create(&store, "security", 0, 0));
     }
-
-    template <class Record>
-    uint32_t ask(uint32_t type, uint32_t operation, Record& record, bool administrator = true) {
-        quill::Request request{type,         operation, 0, "", reinterpret_cast<unsigned char*>(&record),
-                               sizeof record};
-        quill::ConnectionState state;
-        return quill::dispatch(quill::routes(), store, {true, administrator, 1000, 1}, state, request).status;
-    }
-
     uint32_t send(uint32_t item, const std::string& text) {
-        nginx_cert_rec record{item, {}, 0};
-        text.copy(record.text, sizeof record.text - 1);
-        const uint32_t status = ask(SECURITY_NGINX_CERT_REQUEST, SET_REQ, record);
-        EXPECT_EQ(0, record.text[0]) << "a key does not go back";
+        const uint32_t status = ask(SECURITY_NGINX_CERT_REQUEST, SET_REQ, web_text(item, text));
+        EXPECT_EQ("", std::string(returned(4, 2100).c_str())) << "a key is not returned";
         return status;
     }
     std::string stored(uint32_t item) {
-        nginx_cert_rec record{item, "", 0};
-        return ask(SECURITY_NGINX_CERT_REQUEST, GET_REQ, record) == 0 ? record.text : "none";
+        const uint32_t status = ask(SECURITY_NGINX_CERT_REQUEST, GET_REQ, web_text(item, ""));
+        return status == SECURITY_OK ? returned(4, 2100).c_str() : "none";
     }
-    uint32_t enable() {
-        nginx_cert_rec record{0, "", 1};
-        return ask(SECURITY_NGINX_CERT_REQUEST, SET_REQ, record);
-    }
-    uint32_t configure(uint32_t on, uint32_t http, uint32_t https) {
-        nginx_port_rec record{{htonl(http), htonl(https), htonl(on)}};
-        return ask(SECURITY_NGINX_PORT_REQUEST, SET_REQ, record);
-    }
-    std::vector<uint32_t> configured() {
-        nginx_port_rec record{};
-        EXPECT_EQ(0u, ask(SECURITY_NGINX_PORT_REQUEST, GET_REQ, record, false));
-        return {ntohl(record.word[2]), ntohl(record.word[0]), ntohl(record.word[1])};
-    }
-    uint32_t service(uint32_t operation, uint32_t code, uint32_t& value) {
-        security_enable_info info{htonl(code), htonl(value)};
-        const uint32_t status = ask(SECURITY_ENABLE_INFO_REQUEST, operation, info);
-        value = ntohl(info.value);
-        return status;
-    }
+    uint32_t enable() { return ask(SECURITY_NGINX_CERT_REQUEST, SET_REQ, web_text(0, "", 1)); }
+    uint32_t remove_certificate() { return ask(SECURITY_NGINX_CERT_REQUEST, DEL_REQ, web_text(0, "")); }
 
-    Box box;
-    uint32_t store = 0;
+    uint32_t configure(uint32_t http, uint32_t https, uint32_t on) {
+        return ask(SECURITY_NGINX_PORT_REQUEST, SET_REQ, web(http, https, on));
+    }
+    std::string configured() {
+        EXPECT_EQ(SECURITY_OK, ask(SECURITY_NGINX_PORT_REQUEST, GET_REQ, web(7, 7, 7), kOther));
+        return returned(0, 12);
+    }
+    uint32_t set_service(uint32_t code, uint32_t value) {
+        return ask(SECURITY_ENABLE_INFO_REQUEST, SET_REQ, service(code, value));
+    }
+    // Its value, or the status of a failure.
+    std::string get_service(uint32_t code) {
+        const uint32_t status = ask(SECURITY_ENABLE_INFO_REQUEST, GET_REQ, service(code, 5));
+        return status == SECURITY_OK ? returned(4, 4) : word(status);
+    }
 };
 
 TEST_F(WebServerRequests, OnlyAPairThatServesReplacesTheOldOne) {
     const Keys first, second;
     const std::string certificate = first.certificate(1000), other = second.certificate(1000);
     EXPECT_EQ(SECURITY_ERR_WEB_INCOMPLETE, enable());
+    EXPECT_EQ(SECURITY_OK, send(0, first.certificate(1000, EVP_sha1())))
+        << "nobody verifies its own signature";
     EXPECT_EQ(SECURITY_OK, send(0, certificate));
     EXPECT_EQ(SECURITY_ERR_WEB_INCOMPLETE, enable());
     EXPECT_EQ(SECURITY_ERR_WEB_MISMATCH, send(1, second.pem()));
@@ -153,36 +132,57 @@ TEST_F(WebServerRequests, OnlyAPairThatServesReplacesTheOldOne) {
     EXPECT_EQ(SECURITY_ERR_WEB_MISMATCH, send(1, first.pem())) << "whatever its certificate's date";
     EXPECT_EQ(second.pem(), stored(1));
     EXPECT_EQ(SECURITY_OK, send(1, second.pem()));
-    nginx_cert_rec record{0, "", 0};
-    EXPECT_EQ(SECURITY_ERR_NOT_PERMITTED, ask(SECURITY_NGINX_CERT_REQUEST, GET_REQ, record, false));
-    EXPECT_EQ(SECURITY_OK, ask(SECURITY_NGINX_CERT_REQUEST, DEL_REQ, record));
+    EXPECT_EQ(SECURITY_OK, send(0, certificate));
+    EXPECT_EQ(SECURITY_OK, remove_certificate());
     EXPECT_EQ("none", stored(0));
+    EXPECT_EQ(SECURITY_OK, send(1, second.pem())) << "nor does one wait";
 }
 
-TEST_F(WebServerRequests, PortsHaveOneHome) {
-    uint32_t value = 5;
-    EXPECT_EQ((std::vector<uint32_t>{0, 0, 0}), configured());
-    EXPECT_EQ(SECURITY_ERR_NO_VALUE, service(GET_REQ, 22, value));
-    EXPECT_EQ(SECURITY_OK, configure(1, 8080, 8443));
-    EXPECT_EQ(SECURITY_OK, service(GET_REQ, 22, value));
-    EXPECT_EQ(8080u, value);
-    EXPECT_EQ(SECURITY_OK, service(GET_REQ, 21, value));
-    EXPECT_EQ(1u, value);
+// Byte for byte what daemons store before they store a pair, so that an updated one completes the change.
+TEST_F(WebServerRequests, JournalEntriesOfEarlierVersionsAreCompleted) {
+    const Keys first, second;
+    const std::string journal("\0\1\0\1", 4);
+    const auto interrupted = [&](uint32_t complete, const std::string& certificate, const std::string& key) {
+        std::string entry(reinterpret_cast<const char*>(&complete), 4);
+        entry.append(certificate).resize(4 + 2100);
+        entry.append(key).resize(4 + 2 * 2100);
+        EXPECT_EQ(PSS_OK, put(store, journal, entry));
+        reopen();
+    };
+    interrupted(1, first.certificate(1000), first.pem());
+    EXPECT_EQ(SECURITY_OK, enable());
+    EXPECT_EQ(first.pem(), stored(1));
+    EXPECT_EQ("[40480003]", fetch(store, journal)) << "completed";
+    interrupted(0, second.certificate(1000), "");
+    EXPECT_EQ(SECURITY_ERR_WEB_INCOMPLETE, enable());
+    EXPECT_EQ(SECURITY_OK, send(1, second.pem()));
+    EXPECT_EQ(second.pem(), stored(1));
+    EXPECT_EQ(PSS_OK, put(store, journal, std::string(5000, 'x')));
+    EXPECT_EQ(SECURITY_OK, enable()) << "is not ours";
+}
 
-    for (const auto& [on, http, https] :
-         {std::tuple{2, 80, 443}, {1, 80, 80}, {1, 65536, 443}, {1, 80, 65536}})
-        EXPECT_EQ(SECURITY_ERR_WEB_SETTINGS, configure(on, http, https)) << on << http << https;
-    for (const uint32_t port : {8443u, 65536u})
-        EXPECT_EQ(SECURITY_ERR_WEB_SETTINGS, service(SET_REQ, 22, value = port)) << port;
-    EXPECT_EQ(SECURITY_ERR_WEB_SETTINGS, service(SET_REQ, 21, value = 2));
-    EXPECT_EQ(SECURITY_OK, service(DEL_REQ, 23, value));
-    EXPECT_EQ((std::vector<uint32_t>{1, 8080, 8443}), configured());
+TEST_F(WebServerRequests, TwoRequestTypesSetOnePort) {
+    EXPECT_EQ(web(0, 0, 0), configured());
+    EXPECT_EQ(word(SECURITY_ERR_NO_VALUE), get_service(22));
+    EXPECT_EQ(SECURITY_OK, configure(8080, 8443, 1));
+    EXPECT_EQ(word(8080), get_service(22));
+    EXPECT_EQ(word(1), get_service(21));
 
-    EXPECT_EQ(SECURITY_OK, service(SET_REQ, 23, value = 443));
-    EXPECT_EQ(SECURITY_OK, service(SET_REQ, 21, value = 0));
-    EXPECT_EQ((std::vector<uint32_t>{0, 8080, 443}), configured());
-    EXPECT_EQ(SECURITY_OK, configure(1, 0, 65535));
-    EXPECT_EQ((std::vector<uint32_t>{1, 0, 65535}), configured());
+    for (const auto& [http, https, on] :
+         {std::tuple{80, 443, 2}, {80, 80, 1}, {65536, 443, 1}, {80, 65536, 1}})
+        EXPECT_EQ(SECURITY_ERR_WEB_SETTINGS, configure(http, https, on)) << http << " " << https << " " << on;
+    for (const auto& [code, value] : {std::pair{22, 8443}, {22, 65536}, {21, 2}})
+        EXPECT_EQ(SECURITY_ERR_WEB_SETTINGS, set_service(code, value)) << code << " " << value;
+    EXPECT_EQ(SECURITY_OK, ask(SECURITY_ENABLE_INFO_REQUEST, DEL_REQ, service(23, 0)));
+    EXPECT_EQ(web(8080, 8443, 1), configured());
+
+    EXPECT_EQ(SECURITY_OK, set_service(23, 443));
+    EXPECT_EQ(SECURITY_OK, set_service(21, 0));
+    EXPECT_EQ(web(8080, 443, 0), configured());
+    EXPECT_EQ(SECURITY_OK, configure(0, 65535, 1));
+    EXPECT_EQ(web(0, 65535, 1), configured());
+    EXPECT_EQ(SECURITY_OK, configure(0, 0, 1)) << "no port is set twice";
+    EXPECT_EQ(web(0, 0, 1), configured());
 }
 
 }  // namespace

@@ -201,12 +201,12 @@ TEST_F(SqliteFaults, AFailedCheckpointIsRepeated) {
             ASSERT_EQ(PSS_OK, put(handle, "key", "first secret"));
             ASSERT_EQ(PSS_OK, put(handle, "key", "second"));
             fault = {call, after, EIO, true};
-            const uint32_t status = pss2_settle();
+            const uint32_t status = pss2_checkpoint();
             EXPECT_EQ(fault.happened && (after == 0 || strcmp(call, "pwrite") != 0) ? PSS_IO : PSS_OK, status)
                 << "a log that cannot be overwritten is truncated";
             EXPECT_EQ("second", fetch(handle, "key"));
             fault = {};
-            EXPECT_EQ(PSS_OK, pss2_settle());
+            EXPECT_EQ(PSS_OK, pss2_checkpoint());
             EXPECT_FALSE(unflushed) << "a power failure would restore the log";
             expect_no_file_holds("first secret");
             reopen();
@@ -227,7 +227,7 @@ TEST_F(SqliteFaults, OpeningCompletesAnInterruptedCheckpoint) {
                 ASSERT_EQ(PSS_OK, erase(handle, numbered("key", i)));
             }
             fault = {"pwrite", after, 0, false};
-            pss2_settle();
+            pss2_checkpoint();
         });
         ASSERT_EQ(PSS_OK, open());
         expect_no_file_holds(kSecret);

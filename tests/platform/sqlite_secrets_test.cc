@@ -82,7 +82,7 @@ TEST_P(SqliteSecrets, AreErasedOnceTheyAreReplacedOrDeleted) {
 
     for (int round = 0; round < 30; ++round) {
         for (int i = 0; i < 25; ++i) change();
-        ASSERT_EQ(PSS_OK, pss2_settle());
+        ASSERT_EQ(PSS_OK, pss2_checkpoint());
         ASSERT_EQ(none, leftovers()) << "after a checkpoint, round " << round;
     }
     for (int i = 0; i < 25; ++i) change();
@@ -93,7 +93,7 @@ TEST_P(SqliteSecrets, AreErasedOnceTheyAreReplacedOrDeleted) {
     for (const auto& [key, id] : live) EXPECT_EQ(id, *ids_in(fetch(handle, key)).begin());
     for (const auto& [key, id] : live) erase(handle, key);
     live.clear();
-    pss2_settle();
+    pss2_checkpoint();
     EXPECT_EQ(none, leftovers()) << "in an empty store";
 }
 

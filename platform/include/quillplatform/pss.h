@@ -10,7 +10,7 @@
  *  - A write that returned 0 is on disk. A write that returned any other status changed nothing, except if
  *    flushing it failed and the system crashed before the failure was repaired.
  *  - Deleted and replaced bytes are overwritten in the store's files: after 256 further changes at the
- *    latest, when the store is next opened or closed, and when pss2_settle() is called, which the daemon does
+ *    latest, when the store is next opened or closed, and when pss2_checkpoint() is called, which the daemon does
  *    within a second of a change. Until then they may be in the write-ahead log, NAME.db-wal. The log keeps
  *    up to 4 MiB of disk space for later changes, and frees it when the disk is full, so that no change is
  *    refused because of it. While the disk is too full for a checkpoint of the log into NAME.db, neither is
@@ -128,7 +128,7 @@ const char* syserr2str(uint32_t status);
 
 /* Checkpoints all open stores: overwrites deleted and replaced bytes in their files. Cheap if there is
  * nothing to do. Returns 0 or the first failure; a failure loses no data, and the next call tries again. */
-uint32_t pss2_settle(void);
+uint32_t pss2_checkpoint(void);
 
 /* Checkpoints and closes a store. Returns the status of the checkpoint; the handle is closed in any case. */
 uint32_t pss2_close(uint32_t handle);
