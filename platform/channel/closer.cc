@@ -1,15 +1,10 @@
 #include "platform/channel/closer.h"
 
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
-
-#include "platform/service.h"
 
 namespace quill {
 namespace {
@@ -36,11 +31,10 @@ bool is_empty(int socket) {
     return false;
 }
 
-// Lives until it is killed, which is soon: the end of a process waits for none of the files that it closes.
-[[noreturn]] void hold_descriptors(pid_t daemon) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    while (getppid() == daemon) pause();
-    _exit(0);
+// Keeps the descriptors until it is killed: the end of a process does not wait for the files that it closes.
+[[noreturn]] int hold_descriptors(pid_t daemon) {
+    die_with_parent(daemon);
+    for (;;) pause();
 }
 
 }  // namespace
@@ -54,8 +48,6 @@ Closer::Closer(event_base* base)
     waiting_.reserve(kMostWaiting);
     children_.reserve(kMostChildren);
 }
-
-Closer::~Closer() { reap(); }
 
 void Closer::protect(int listener) {
     const int off = 0;
@@ -86,21 +78,19 @@ void Closer::close(int socket) {
     if (is_full() || event_add(timer_.get(), &kBatchTime) != 0) close_waiting();
 }
 
-void Closer::reap() {
-    std::erase_if(children_, [](pid_t child) { return waitpid(child, nullptr, WNOHANG) != 0; });
+void Closer::forget_ended_children() {
+    std::erase_if(children_, [](Child& child) { return child.has_ended(); });
 }
 
 void Closer::close_waiting() {
-    reap();
+    forget_ended_children();
     if (!waiting_.empty() && children_.size() < kMostChildren) {
-        const pid_t daemon = getpid();
-        const pid_t child = fork_without_handlers();
-        if (child == 0) hold_descriptors(daemon);
-        if (child > 0) {
+        Child child = Child::call([daemon = getpid()] { return hold_descriptors(daemon); });
+        if (child.id() > 0) {
             for (const int socket : waiting_) ::close(socket);
             waiting_.clear();
-            kill(child, SIGKILL);
-            children_.push_back(child);
+            child.kill();
+            children_.push_back(std::move(child));
         }
     }
     if (!waiting_.empty() || !children_.empty()) event_add(timer_.get(), &kBatchTime);

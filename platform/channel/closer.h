@@ -15,17 +15,15 @@
 #include <array>
 #include <vector>
 
+#include "base/non_copyable.h"
+#include "base/process.h"
 #include "platform/event.h"
 
 namespace quill {
 
-class Closer {
+class Closer : NonCopyable {
  public:
     explicit Closer(event_base* base);
-    // What could not be closed without waiting is left open, for the end of the process.
-    ~Closer();
-    Closer(const Closer&) = delete;
-    Closer& operator=(const Closer&) = delete;
 
     // To be called for a socket before listen(2); its connections inherit what it does.
     void protect(int listener);
@@ -45,11 +43,11 @@ class Closer {
     static constexpr size_t kMostChildren = 4;
 
     void close_waiting();
-    void reap();
+    void forget_ended_children();
 
     bool kernel_refuses_ = false;
     std::vector<int> waiting_;  // shut down; what they hold is still to be dropped
-    std::vector<int> children_;
+    std::vector<Child> children_;
     Event timer_;
 };
 
