@@ -14,12 +14,12 @@ constexpr int kPassRights = 83;  // SO_PASSRIGHTS of Linux 6.16, which the heade
 constexpr timeval kBatchTime{0, 20000};
 constexpr size_t kMostWaiting = 2048;  // more than there are connections
 
-// Whether nothing unread is left on a socket that was shut down, after which nothing arrives. An empty
-// message looks like the end of the connection but for its sender's credentials.
+// Whether a socket that was shut down, so that nothing more arrives, has no unread data. An empty message differs
+// from the end of the connection only by its sender's credentials.
 bool is_empty(int socket) {
     const int on = 1;
     if (setsockopt(socket, SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0) return false;
-    for (int attempt = 0; attempt < 2; ++attempt) {  // the first may return an error that was left behind
+    for (int attempt = 0; attempt < 2; ++attempt) {  // the first may return a pending error
         alignas(cmsghdr) char credentials[CMSG_SPACE(sizeof(ucred))];
         msghdr message{};
         message.msg_control = credentials;
@@ -44,7 +44,7 @@ Closer::Closer(event_base* base)
           base, -1, 0,
           [](evutil_socket_t, short, void* closer) { static_cast<Closer*>(closer)->close_waiting(); },
           this)) {
-    // Nothing is allocated when a connection is closed.
+    // close() must not allocate memory.
     waiting_.reserve(kMostWaiting);
     children_.reserve(kMostChildren);
 }
@@ -56,7 +56,7 @@ void Closer::protect(int listener) {
 
 ssize_t Closer::receive(int socket, void* buffer, size_t room) const {
     if (!kernel_refuses_) {
-        msghdr message{};  // no room for what comes along, which is not dropped, since it is only looked at
+        msghdr message{};  // no room for files; they are not dropped, because of MSG_PEEK
         if (recvmsg(socket, &message, MSG_PEEK | MSG_DONTWAIT) < 0) return -1;
         errno = EBADMSG;
         if ((message.msg_flags & MSG_CTRUNC) != 0) return -1;
