@@ -2,27 +2,53 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <thread>
 #include <vector>
 
-#include "base/descriptor.h"
-
 namespace quill {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr size_t kMostInput = 4096;
-constexpr size_t kMostErrors = 4095;
 constexpr milliseconds kDeathTime{1000};
+constexpr int kLook = 10;  // milliseconds, if only the end of the process counts and not that of its output
+constexpr int kLastReads = 16;  // of its output after that, which others may write without end
+
+// Children that nobody waits for any more; 0 for a free place. If there is none, a child stays a zombie until
+// this process ends.
+std::array<pid_t, 16> unreaped;
+
+void reap_others() {
+    for (pid_t& child : unreaped)
+        if (child > 0 && waitpid(child, nullptr, WNOHANG) != 0) child = 0;
+}
+
+pid_t fork_without_handlers() {
+    sigset_t all, before, none;
+    sigfillset(&all);
+    sigprocmask(SIG_SETMASK, &all, &before);
+    const pid_t child = fork();
+    if (child != 0) {
+        sigprocmask(SIG_SETMASK, &before, nullptr);
+        return child;
+    }
+    // Those that are ignored stay so, as SIGINT in a shell's background jobs.
+    for (const int number : {SIGTERM, SIGINT, SIGUSR1})
+        if (signal(number, SIG_DFL) == SIG_IGN) signal(number, SIG_IGN);
+    for (const int number : {SIGALRM, SIGPIPE, SIGXFSZ, SIGCHLD}) signal(number, SIG_DFL);
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    return child;
+}
 
 struct Pipe {
     Descriptor out, in;
@@ -35,86 +61,118 @@ struct Pipe {
     }
 };
 
+// Returns a descriptor from which the input can be read.
+Descriptor open_input(std::string_view input) {
+    if (input.empty()) return Descriptor(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    Pipe pipe;
+    if (!pipe.in || input.size() > kMostInput) return Descriptor();
+    // All of it fits into the pipe, so nobody has to read yet.
+    if (write(pipe.in.get(), input.data(), input.size()) != static_cast<ssize_t>(input.size()))
+        return Descriptor();
+    return std::move(pipe.out);
+}
+
 // Between fork and exec: async-signal-safe calls only.
-[[noreturn]] void execute(char* const* words, int input, int errors, int held) {
+int execute(const Program& program, char* const* words, int input, int output) {
     umask(022);
     setsid();  // no terminal to ask at, and a process group to kill
-    const int nothing = open("/dev/null", O_RDWR);
+    const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
     dup2(input, STDIN_FILENO);
-    dup2(nothing, STDOUT_FILENO);
-    dup2(errors, STDERR_FILENO);
-    if (held >= 0) fcntl(held, F_SETFD, 0);
-    char path[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
+    dup2(program.capture == Program::kErrors ? nothing : output, STDOUT_FILENO);
+    dup2(program.capture == Program::kOutput ? nothing : output, STDERR_FILENO);
+    if (program.held >= 0) fcntl(program.held, F_SETFD, 0);
     char locale[] = "LC_ALL=C";
-    char* const environment[] = {path, locale, nullptr};
+    char* const environment[] = {const_cast<char*>(program.path), locale, nullptr};
     execve(words[0], words, environment);
-    _exit(ProgramResult::kNotStarted);
+    return ProgramResult::kNotStarted;
 }
 
 }  // namespace
 
-pid_t fork_without_handlers() {
-    sigset_t all, before, none;
-    sigfillset(&all);
-    sigprocmask(SIG_SETMASK, &all, &before);
-    const pid_t child = fork();
-    if (child != 0) {
-        sigprocmask(SIG_SETMASK, &before, nullptr);
-        return child;
-    }
-    for (const int number : {SIGTERM, SIGINT, SIGUSR1, SIGALRM, SIGPIPE, SIGXFSZ, SIGCHLD})
-        signal(number, SIG_DFL);
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    return child;
+void die_with_parent(pid_t parent) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) raise(SIGKILL);
 }
 
-RunningProgram::RunningProgram(const Program& program) {
-    Pipe input, errors;
-    if (!input.in || !errors.in || program.input.size() > kMostInput) return;
-    // All of it fits into the pipe, so nobody has to read yet.
-    if (write(input.in.get(), program.input.data(), program.input.size()) !=
-        static_cast<ssize_t>(program.input.size()))
-        return;
+void Child::Unreaped::reap_later() {
+    if (number <= 0) return;
+    if (auto* const place = std::ranges::find(unreaped, 0); place != unreaped.end()) *place = number;
+    number = -1;
+}
+
+// Returns the end that the child writes to.
+Descriptor Child::capture(size_t most_output) {
+    Pipe pipe;
+    if (pipe.out) fcntl(pipe.out.get(), F_SETFL, O_NONBLOCK);  // the child's end stays as it is
+    output_ = std::move(pipe.out);
+    most_output_ = most_output;
+    return std::move(pipe.in);
+}
+
+// Returns true in the child.
+bool Child::start() {
+    reap_others();
+    pid_.number = fork_without_handlers();
+    if (pid_.number < 0) output_.reset();
+    return pid_.number == 0;
+}
+
+Child Child::run(const Program& program) {
+    Child child;
+    const pid_t parent = getpid();
+    const Descriptor input = open_input(program.input);
+    const Descriptor output = child.capture(program.most_output);
+    child.leaves_processes_ = program.leaves_processes;
     std::vector<char*> words;
     for (const char* word : program.words) words.push_back(const_cast<char*>(word));
     words.push_back(nullptr);
-
-    child_ = fork_without_handlers();
-    if (child_ == 0) execute(words.data(), input.out.get(), errors.in.get(), program.held);
-    if (child_ > 0) errors_ = std::move(errors.out);
+    if (!input || !output) {
+        child.output_.reset();
+    } else if (child.start()) {
+        if (program.dies_with_parent) die_with_parent(parent);
+        exit_with([&] { return execute(program, words.data(), input.get(), output.get()); });
+    }
+    return child;
 }
 
-bool RunningProgram::wait(Deadline deadline) {
-    char chunk[512];
-    while (errors_) {
-        const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now()).count();
-        pollfd ready{errors_.get(), POLLIN, 0};
-        const int polled = poll(&ready, 1, static_cast<int>(std::clamp<decltype(left)>(left, 0, INT32_MAX)));
-        if (polled == 0) return false;
-        if (polled < 0 && errno == EINTR) continue;
-        if (polled < 0) errors_.reset();
-        if (!errors_) break;
-        const ssize_t got = read(errors_.get(), chunk, sizeof chunk);
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) errors_.reset();
-        const size_t room = kMostErrors - result_.errors.size();
-        if (got > 0) result_.errors.append(chunk, std::min(static_cast<size_t>(got), room));
-        if (errors_ && Clock::now() >= deadline) return false;  // it may write without end
+// Returns false if there is nothing to read now.
+bool Child::read_output() {
+    char chunk[4096];
+    const ssize_t got = read(output_.get(), chunk, sizeof chunk);
+    if (got == 0 || (got < 0 && errno != EINTR && errno != EAGAIN)) output_.reset();
+    if (got <= 0) return false;
+    const size_t room = most_output_ - result_.output.size();
+    result_.output.append(chunk, std::min(static_cast<size_t>(got), room));
+    return true;
+}
+
+bool Child::wait(Deadline deadline) {
+    while (output_) {
+        if (leaves_processes_ && reap(Deadline())) {
+            for (int i = 0; i < kLastReads && output_ && read_output(); ++i) continue;
+            output_.reset();
+            break;
+        }
+        const int left = milliseconds_left(deadline);
+        pollfd ready{output_.get(), POLLIN, 0};
+        const int polled = poll(&ready, 1, leaves_processes_ ? std::min(left, kLook) : left);
+        if (polled < 0 && errno != EINTR) output_.reset();
+        if (polled > 0) read_output();
+        if (output_ && passed(deadline)) return false;  // also if it writes without end
     }
     return reap(deadline);
 }
 
-bool RunningProgram::reap(Deadline deadline) {
+bool Child::reap(Deadline deadline) {
     int status = 0;
-    for (milliseconds pause{0}; child_ > 0; pause = std::min(pause + milliseconds(1), milliseconds(20))) {
-        const pid_t reaped = waitpid(child_, &status, WNOHANG);
-        if (reaped == child_) {
+    for (milliseconds pause{0}; id() > 0; pause = std::min(pause + milliseconds(1), milliseconds(20))) {
+        const pid_t reaped = waitpid(id(), &status, deadline == kNever ? 0 : WNOHANG);
+        if (reaped == id()) {
             result_.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            child_ = -1;
+            pid_.number = -1;
         } else if (reaped < 0 && errno != EINTR) {
-            child_ = -1;
-        } else if (Clock::now() >= deadline) {
+            pid_.number = -1;  // SIGCHLD is ignored in this process, so nobody knows how it ended
+        } else if (passed(deadline)) {
             return false;
         } else {
             std::this_thread::sleep_for(pause);
@@ -123,29 +181,36 @@ bool RunningProgram::reap(Deadline deadline) {
     return true;
 }
 
-void RunningProgram::kill() {
-    if (child_ <= 0) return;
-    ::kill(-child_, SIGKILL);
-    ::kill(child_, SIGKILL);  // should it not have come to lead its session yet
-    errors_.reset();
-    if (!reap(after(kDeathTime))) result_.code = 128 + SIGKILL;
+void Child::kill() const {
+    if (id() <= 0) return;
+    ::kill(-id(), SIGKILL);
+    ::kill(id(), SIGKILL);  // it may not lead a group, or not yet
+}
+
+void Child::end() {
+    if (id() <= 0) return;
+    kill();
+    output_.reset();
+    if (!reap(after(kDeathTime))) {
+        result_.code = 128 + SIGKILL;
+        pid_.reap_later();
+    }
     result_.timed_out = true;
+}
+
+ProgramResult run_program(const Program& program, Deadline deadline) {
+    Child child = Child::run(program);
+    if (!child.wait(deadline)) child.end();
+    return child.result();
 }
 
 void end_processes_of(uid_t uid) {
     if (uid == 0) return;
-    const pid_t child = fork_without_handlers();
-    if (child == 0) {
+    Child child = Child::call([uid] {
         if (setresuid(uid, uid, uid) == 0) ::kill(-1, SIGKILL);
-        _exit(0);
-    }
-    while (child > 0 && waitpid(child, nullptr, 0) < 0 && errno == EINTR) continue;
-}
-
-ProgramResult run_program(const Program& program, Deadline deadline) {
-    RunningProgram running(program);
-    if (!running.wait(deadline)) running.kill();
-    return running.result();
+        return 0;
+    });
+    if (!child.wait(after(kDeathTime))) child.end();  // the user may have stopped it
 }
 
 }  // namespace quill

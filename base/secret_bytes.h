@@ -2,21 +2,32 @@
 #pragma once
 
 #include <cstring>
+#include <memory>
+#include <string_view>
 #include <vector>
 
 namespace quill {
 
-// Wiped when it goes out of scope. It must not grow beyond its first size: what a vector leaves behind when
-// it moves is not wiped.
-struct SecretBytes : std::vector<char> {
-    using vector::vector;
-    SecretBytes(SecretBytes&& other) = default;
-    ~SecretBytes() {
-        if (!empty()) explicit_bzero(data(), size());
+// Wipes memory before it is freed.
+template <class Type>
+struct WipingAllocator : std::allocator<Type> {
+    WipingAllocator() = default;
+    template <class Other>
+    explicit WipingAllocator(const WipingAllocator<Other>&) {}
+
+    void deallocate(Type* block, size_t count) {
+        explicit_bzero(static_cast<void*>(block), count * sizeof(Type));
+        std::allocator<Type>::deallocate(block, count);
     }
-    SecretBytes(const SecretBytes&) = delete;
-    SecretBytes& operator=(const SecretBytes&) = delete;
-    SecretBytes& operator=(SecretBytes&&) = delete;
 };
+
+// All memory that it had is wiped: when it is destroyed, when it grows, and in its copies.
+using SecretBytes = std::vector<char, WipingAllocator<char>>;
+
+inline std::string_view view(const SecretBytes& bytes) { return {bytes.data(), bytes.size()}; }
+
+inline void append(SecretBytes& bytes, std::string_view more) {
+    bytes.insert(bytes.end(), more.begin(), more.end());
+}
 
 }  // namespace quill

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <climits>
 
+#include "base/file.h"
 #include "cli/words.h"
 
 namespace quill::cli {
@@ -108,17 +109,10 @@ void InputFile::read_all(size_t limit) {
     if (fstat(descriptor_.get(), &facts) != 0) throw file_failure(file_.name, errno);
     const auto size = static_cast<uint64_t>(facts.st_size);
     if (size > limit) throw refused("it is too long", fmt::format("use at most {} bytes", limit));
-    bytes_.resize(static_cast<size_t>(size) + 1);  // one more, to notice that it grows
-    size_t used = 0;
-    while (used < bytes_.size()) {
-        const ssize_t got = read(descriptor_.get(), bytes_.data() + used, bytes_.size() - used);
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) throw file_failure(file_.name, errno);
-        if (got == 0) break;
-        used += static_cast<size_t>(got);
-    }
-    if (used > size) throw refused("it grew while it was read", "try again when it is complete");
-    bytes_.resize(used);
+    // One byte more, to notice that it grows.
+    if (!read_up_to(descriptor_.get(), static_cast<size_t>(size) + 1, bytes_))
+        throw file_failure(file_.name, errno);
+    if (bytes_.size() > size) throw refused("it grew while it was read", "try again when it is complete");
 }
 
 void InputFile::remove() const {

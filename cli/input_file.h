@@ -22,7 +22,7 @@ class InputFile {
     // else is even opened) and for one of more than `limit` bytes, and what file_failure() makes of others.
     InputFile(const NamedFile& file, size_t limit, LastLink last = kFollowLast);
 
-    std::string_view bytes() const { return {bytes_.data(), bytes_.size()}; }
+    std::string_view bytes() const { return view(bytes_); }
 
     // Deletes the file that was read: only while its name still stands for it, in the folder where it was
     // found. Throws Failure where that is not so.

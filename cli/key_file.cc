@@ -1,12 +1,11 @@
 #include "cli/key_file.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
+#include "base/file.h"
 #include "cli/key_listing.h"
 #include "cli/private_tmp.h"
 #include "cli/stored_key.h"
@@ -38,11 +37,10 @@ Failure unknown_place(const NamedFile& file, const char* places, const char* rem
     return refused(file, fmt::format("it is not named by {}", places), remedy);
 }
 
+// Returns an errno, or 0.
 int copy_to(const std::string& path, std::string_view bytes) {
-    const Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!file) return errno;
-    const ssize_t written = write(file.get(), bytes.data(), bytes.size());
-    return written == static_cast<ssize_t>(bytes.size()) ? 0 : written < 0 ? errno : ENOSPC;
+    NewFile file(path, 0600);
+    return file && file.write(bytes) && file.keep() ? 0 : errno;
 }
 
 void read_copy(const std::string& path, const std::string& user, Reading& reading) {

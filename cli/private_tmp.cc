@@ -6,18 +6,16 @@
 #include <sched.h>
 #include <sys/file.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
 
 #include "base/descriptor.h"
+#include "base/process.h"
 #include "cli/file_value.h"
 
 namespace quill::cli {
@@ -49,19 +47,18 @@ bool enter_namespace() {
     return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
 
-// Not by its exit status: who ignores SIGCHLD, as this process may have been told to, is not given any.
-[[noreturn]] void work_in_child(const OwnFolder& folder, const char* name, Ending& ending,
-                                const std::function<void(const std::string&)>& work) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
+// Reports in `ending`, not by the exit status: if SIGCHLD is ignored in the parent, which may have inherited
+// that, the kernel does not keep the status.
+void work_in_child(const OwnFolder& folder, const char* name, Ending& ending,
+                   const std::function<void(const std::string&)>& work) {
     if (enter_namespace() && mount(folder.path(), kTmp, nullptr, MS_BIND, nullptr) == 0) {
         ending = kBroken;
         try {
             work(std::string(kTmp) + "/" + name);
             ending = kDone;
-        } catch (...) {  // the parent says it
+        } catch (...) {  // the parent reports it
         }
     }
-    _exit(0);
 }
 
 std::string owner_of(const struct stat& facts) {
@@ -110,9 +107,12 @@ void with_private_tmp(const std::function<void(const std::string& path)>& work) 
     // ssh-keygen lists a key by its comment or its path, so the path must not occur in any comment.
     const char* name = strrchr(folder.path(), '/') + 1;
     const Shared<Ending> ending;
-    const pid_t child = fork();
-    if (child == 0) work_in_child(folder, name, *ending, work);
-    while (child > 0 && waitpid(child, nullptr, 0) < 0 && errno == EINTR) continue;
+    Child child = Child::call([&, parent = getpid()] {
+        die_with_parent(parent);
+        work_in_child(folder, name, *ending, work);
+        return 0;
+    });
+    child.wait(kNever);
     if (*ending == kDone) return;
     if (*ending == kBroken) {
         throw Failure{Exit::kFailed, "ssh-keygen", "the work on an SSH key ended before it was done",

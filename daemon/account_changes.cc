@@ -1,7 +1,6 @@
 #include "daemon/account_changes.h"
 
 #include <fcntl.h>
-#include <openssl/crypto.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -9,6 +8,8 @@
 
 #include "base/descriptor.h"
 #include "base/text_field.h"
+#include "base/wiped.h"
+#include "daemon/account_locks.h"
 #include "daemon/account_records.h"
 #include "daemon/account_tools.h"
 #include "daemon/homes.h"
@@ -22,32 +23,30 @@ namespace {
 
 enum class Work : uint32_t { kCreate = 1, kModify = 2, kDelete = 3 };
 
-// The journal's entry. Of an account to be created nothing was there before.
-struct Pending {
+// The journal entry. The members after `stored` are the state before a kModify, to restore it.
+struct PendingChange {
     Work work;
     char user[128];  // plain name
     char stored[kStoredName];
-    // What kModify found, to go back to.
     int32_t expiry_days;
     int32_t changed_days;  // when the password was changed last
     char password[512];    // stored form
     int32_t had_roles;     // whether there was a list of them
     security_user_roles roles;
+};
 
-    Pending() { memset(static_cast<void*>(this), 0, sizeof *this); }
-    Pending(Work what, const security_user_manage& wish, const char (&stored_name)[kStoredName]) : Pending() {
+struct Pending : Wiped<PendingChange> {
+    Pending() = default;
+    Pending(Work what, const security_user_manage& wish, const char (&stored_name)[kStoredName]) {
         work = what;
         copy_field(user, wish.user_name);
         copy_field(stored, stored_name);
     }
-    ~Pending() { OPENSSL_cleanse(password, sizeof password); }
-    Pending(const Pending&) = delete;
-    Pending& operator=(const Pending&) = delete;
 };
 
 Journal<Pending> journal(kAccountJournal);
 
-// The files that programs replaced are on the disk before the entry goes.
+// Erases the entry, after the account files that programs replaced are on disk.
 uint32_t end(uint32_t store) {
     const Descriptor folder(open("/etc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (folder) fsync(folder.get());
@@ -56,17 +55,15 @@ uint32_t end(uint32_t store) {
 
 // --------------------------------------------------------------------------------------------------- undo
 
-// What came of a step: the status to answer, and what the client is told of a failing one.
-uint32_t tell(security_user_manage& answer, const ProgramResult& result) {
+// Returns the status for the result of a program, and sets the return code and the error text of a failure.
+uint32_t tell(security_user_manage& answer, const AccountToolResult& result) {
     if (result.ok()) return SECURITY_OK;
     answer.return_code = result.code;
-    set_text(answer.error, result.errors.c_str());
-    return says_locked(result) ? SECURITY_ERR_ACCOUNTS_IN_USE : SECURITY_ERR_ACCOUNT_TOOL;
+    set_text(answer.error, result.output.c_str());
+    return result.files_locked ? SECURITY_ERR_ACCOUNTS_IN_USE : SECURITY_ERR_ACCOUNT_TOOL;
 }
 
-constexpr std::chrono::seconds kLockTime{3};
-
-// Lines that were left when a program was killed between two of the files.
+// Removes lines that were left when a program was killed between two of the files.
 bool remove_all_lines(const char* stored, const AccountRemains& remains) {
     const std::pair<bool, AccountFile> lines[] = {{remains.shadow, AccountFile::kShadow},
                                                   {remains.gshadow && !remains.group, AccountFile::kGshadow},
@@ -74,27 +71,27 @@ bool remove_all_lines(const char* stored, const AccountRemains& remains) {
                                                   {remains.subgid, AccountFile::kSubgid}};
     bool removed = true;
     for (const auto& [there, file] : lines)
-        if (there && !remove_lines(file, stored, after(kLockTime))) removed = false;
+        if (there && !remove_lines(file, stored, after(kAccountLockTime))) removed = false;
     return removed;
 }
 
-// groupdel(8) refuses for good what is another account's primary group by now; then it is not ours any more.
+// Returns true as well if the group is by now the primary group of another account, which keeps it.
 bool remove_group(const char* stored) {
-    const ProgramResult removed = delete_group(stored);
+    const AccountToolResult removed = delete_group(stored);
     if (removed.ok()) return true;
-    syslog(LOG_ERR, "group '%s' stays: %s", stored, log_safe(removed.errors).c_str());
+    syslog(LOG_ERR, "group '%s' stays: %s", stored, log_safe(removed.output).c_str());
     return removed.code == kPrimaryGroup;
 }
 
-// Removes whatever there is of an account of ours, whose user may be at work. False if that must be tried again;
-// a home that cannot be removed is no reason to.
+// Removes everything of an account of ours, whose user may be running processes. Returns false if that must be
+// tried again, but not for a home that cannot be removed.
 bool remove_remains(const char* stored) {
     AccountRemains remains = remains_of(stored);
     if (!remains.known) return false;
     if (remains.ours && !delete_account(stored).ok()) {
         end_processes_of(remains.uid);
-        const ProgramResult removed = delete_account(stored);
-        if (!removed.ok()) syslog(LOG_ERR, "account '%s': %s", stored, log_safe(removed.errors).c_str());
+        const AccountToolResult removed = delete_account(stored);
+        if (!removed.ok()) syslog(LOG_ERR, "account '%s': %s", stored, log_safe(removed.output).c_str());
     }
     remains = remains_of(stored);
     if (!remains.known || remains.passwd) return false;
@@ -117,29 +114,30 @@ uint32_t restore_roles(uint32_t store, const Pending& pending) {
     return security_user_roles_config(store, SET_REQ, &list);
 }
 
-// A field of the shadow file, where -1 is an empty one.
+// Returns a date as a field of the shadow file.
 std::string day_of(int32_t days) { return days < 0 ? "" : std::to_string(days); }
 
 bool undo_modify(uint32_t store, const Pending& pending) {
     allow_time_to_undo();
     const AccountRemains remains = remains_of(pending.stored);
     if (!remains.known) return false;
-    if (!remains.passwd) return drop_records(store, pending.user) == SECURITY_OK;  // removed by somebody else
+    if (!remains.passwd)
+        return drop_records(store, pending.user) == SECURITY_OK;  // removed by another program
     const bool password = set_stored_password(pending.stored, pending.password).ok();
     const bool dates = set_expiry(pending.stored, day_of(pending.expiry_days)).ok() &&
                        set_last_change(pending.stored, pending.changed_days).ok();
     return restore_roles(store, pending) == SECURITY_OK && password && dates;
 }
 
-// A deletion is finished, unless userdel refuses to: then nothing has been done.
+// Completes a deletion. If userdel refuses it, nothing has been done and the account stays.
 bool finish_delete(uint32_t store, const Pending& pending) {
     const AccountRemains remains = remains_of(pending.stored);
     if (!remains.known) return false;
     if (remains.ours) {
-        const ProgramResult removed = delete_account(pending.stored);
-        if (!removed.decided() || says_locked(removed)) return false;
+        const AccountToolResult removed = delete_account(pending.stored);
+        if (!removed.decided() || removed.files_locked) return false;
         if (!removed.ok() && remains_of(pending.stored).passwd) {
-            syslog(LOG_ERR, "account '%s' stays: %s", pending.stored, log_safe(removed.errors).c_str());
+            syslog(LOG_ERR, "account '%s' stays: %s", pending.stored, log_safe(removed.output).c_str());
             return true;
         }
     }
@@ -168,7 +166,7 @@ bool repair(uint32_t store, const Pending& pending) {
     return false;
 }
 
-// The end of a change that may still be undone: it is, if the entry of it cannot be erased.
+// Ends a change: undoes it after a failure, also if its journal entry cannot be erased.
 template <class Undo>
 uint32_t conclude(uint32_t store, uint32_t status, Undo undo) {
     if (status == SECURITY_OK) status = end(store);
@@ -209,7 +207,7 @@ uint32_t create_account(uint32_t store, security_user_manage& wish, const char (
     Pending pending(Work::kCreate, wish, stored);
     uint32_t status = journal.write(store, pending);
     if (status != SECURITY_OK) return status;
-    // What an account of this name left behind would be the new one's: lines of the files, and lists.
+    // Lines and lists that a former account of this name left must not become the new one's.
     if (!remove_all_lines(stored, remains_of(stored))) status = SECURITY_ERR_ACCOUNTS_IN_USE;
     if (status == SECURITY_OK) status = drop_records(store, pending.user);
     if (status == SECURITY_OK) status = tell(wish, make_account(stored, expiry));
@@ -223,7 +221,7 @@ uint32_t modify_account(uint32_t store, security_user_manage& wish, const char (
                         const std::string& expiry) {
     Pending pending(Work::kModify, wish, stored);
     {
-        FileText text;
+        SecretBytes text;
         ShadowEntry entry;
         if (!read_shadow(stored, text, entry) || entry.password.size() >= sizeof pending.password)
             return SECURITY_ERR_NOT_FOUND;
@@ -240,9 +238,9 @@ uint32_t modify_account(uint32_t store, security_user_manage& wish, const char (
     const bool with_password = wish.password[0] != '\0';
     const bool with_expiry = !expiry.empty() || !with_password;
     if (with_expiry) {
-        const ProgramResult dated = set_expiry(stored, expiry);
+        const AccountToolResult dated = set_expiry(stored, expiry);
         status = tell(wish, dated);
-        if (!dated.ok() && dated.decided()) {  // a refusal: there is nothing to undo
+        if (!dated.ok() && dated.decided()) {  // usermod refused: there is nothing to undo
             end(store);
             return status;
         }
@@ -257,12 +255,12 @@ uint32_t remove_account(uint32_t store, security_user_manage& wish, const char (
     Pending pending(Work::kDelete, wish, stored);
     uint32_t status = journal.write(store, pending);
     if (status != SECURITY_OK) return status;
-    const ProgramResult removed = delete_account(stored);
+    const AccountToolResult removed = delete_account(stored);
     if (remains_of(stored).passwd) {
         if (removed.decided()) end(store);  // userdel refused, and changed nothing
-        return tell(wish, removed.ok() ? ProgramResult{1, removed.errors} : removed);
+        return tell(wish, removed.ok() ? AccountToolResult{{1, removed.output}} : removed);
     }
-    // From here on it is done; what the entry still asks for is done again before the next change.
+    // The account is gone. What fails from here on is tried again before the next change, for the entry.
     if (!remove_remains(stored)) return SECURITY_ERR_ACCOUNT_REPAIR;
     status = drop_records(store, pending.user);
     if (status == SECURITY_OK) end(store);

@@ -12,29 +12,29 @@
 #include <unordered_set>
 
 #include "base/descriptor.h"
+#include "base/file.h"
 #include "daemon/homes.h"
 
 namespace quill {
 namespace {
 
-constexpr off_t kLargestFile = 64 << 20;
-constexpr off_t kLargestRemembered = 8 << 20;
+constexpr off_t kLargestCached = 8 << 20;
 
 constexpr const char* kPaths[] = {"/etc/passwd",  "/etc/shadow", "/etc/group",
                                   "/etc/gshadow", "/etc/subuid", "/etc/subgid"};
 
 int open_file(AccountFile file) { return open(path_of(file), O_RDONLY | O_CLOEXEC | O_NONBLOCK); }
 
-// A file that does not exist is an empty one; but a system without accounts is a failure to look.
+// A missing file counts as empty, but passwd must exist. To be called with the errno of open(2) or stat(2).
 bool may_be_missing(AccountFile file) { return errno == ENOENT && file != AccountFile::kPasswd; }
 
-bool read_file(AccountFile file, FileText& text) {
+bool read_file(AccountFile file, SecretBytes& text) {
     const Descriptor opened(open_file(file));
     if (!opened) return may_be_missing(file);
-    return read_whole(opened.get(), text);
+    return read_regular_file(opened.get(), kLargestAccountFile, text);
 }
 
-// The field of this number, from 0; empty behind the last one.
+// Returns the field of this number, counted from 0; empty if there are fewer.
 std::string_view field(std::string_view line, int number) {
     for (; number > 0; --number) {
         const size_t colon = line.find(':');
@@ -52,26 +52,27 @@ Number number_of(std::string_view text, Number missing) {
 }
 
 bool has_line(AccountFile file, const char* name, AccountRemains& remains) {
-    FileText text;
+    SecretBytes text;
     std::string_view line;
     if (!read_file(file, text)) remains.known = false;
-    return find_line(text.bytes, name, 0, line) != text.bytes.npos;
+    return find_line(view(text), name, 0, line) != line.npos;
 }
 
-// ------------------------------------------------------------------------------------- names, remembered
+// ------------------------------------------------------------------------------------------ cached names
 
 // The names of one file, and the version of the file that they were read from.
-class RememberedNames {
+class CachedNames {
  public:
-    explicit RememberedNames(AccountFile file) : file_(file) {}
+    explicit CachedNames(AccountFile file) : file_(file) {}
 
-    // False if the file cannot be read; a shadow file that is closed to the daemon's user counts as empty.
+    // Returns false if the file cannot be read, except that a shadow file that the daemon's user may not read
+    // counts as empty.
     bool find(const char* name, bool& found) {
         struct stat now;
         found = false;
         if (stat(path_of(file_), &now) != 0) return may_be_missing(file_);
         if (!same_version(now) && !read(now)) return errno == EACCES && file_ == AccountFile::kShadow;
-        if (now.st_size > kLargestRemembered) return find_in_file(name, found);
+        if (now.st_size > kLargestCached) return find_in_file(name, found);
         found = names_.contains(name);
         return true;
     }
@@ -90,11 +91,11 @@ class RememberedNames {
         valid_ = false;
         names_.clear();
         const Descriptor opened(open_file(file_));
-        FileText text;
+        SecretBytes text;
         if (!opened || fstat(opened.get(), &now) != 0) return false;
-        if (now.st_size <= kLargestRemembered) {
-            if (!read_whole(opened.get(), text)) return false;
-            std::string_view rest = text.bytes;
+        if (now.st_size <= kLargestCached) {
+            if (!read_regular_file(opened.get(), kLargestAccountFile, text)) return false;
+            std::string_view rest = view(text);
             while (!rest.empty()) {
                 const std::string_view line = rest.substr(0, rest.find('\n'));
                 names_.emplace(line.substr(0, line.find(':')));
@@ -107,12 +108,12 @@ class RememberedNames {
         return true;
     }
 
-    // Of a file that is too large to be kept in memory.
+    // For a file that is too large to be cached.
     bool find_in_file(const char* name, bool& found) const {
-        FileText text;
+        SecretBytes text;
         std::string_view line;
         if (!read_file(file_, text)) return false;
-        found = find_line(text.bytes, name, 0, line) != text.bytes.npos;
+        found = find_line(view(text), name, 0, line) != line.npos;
         return true;
     }
 
@@ -125,29 +126,6 @@ class RememberedNames {
 }  // namespace
 
 const char* path_of(AccountFile file) { return kPaths[static_cast<size_t>(file)]; }
-
-FileText::~FileText() { explicit_bzero(bytes.data(), bytes.size()); }
-
-bool read_whole(int descriptor, FileText& text) {
-    struct stat facts;
-    if (fstat(descriptor, &facts) != 0) return false;
-    if (!S_ISREG(facts.st_mode) || facts.st_size > kLargestFile) {
-        errno = EFBIG;
-        return false;
-    }
-    // Of its final size from the start: a string that grows leaves copies behind.
-    text.bytes.resize(static_cast<size_t>(facts.st_size));
-    size_t used = 0;
-    while (used < text.bytes.size()) {
-        const ssize_t got = read(descriptor, text.bytes.data() + used, text.bytes.size() - used);
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) return false;
-        if (got == 0) break;
-        used += static_cast<size_t>(got);
-    }
-    text.bytes.resize(used);
-    return true;
-}
 
 size_t find_line(std::string_view text, std::string_view name, size_t from, std::string_view& line) {
     for (size_t at = text.find(name, from); at != text.npos; at = text.find(name, at + 1)) {
@@ -170,20 +148,20 @@ AccountRemains remains_of(const char* stored) {
     const std::string home = home_of(stored);
     struct stat facts;
     remains.home = lstat(home.c_str(), &facts) == 0;
-    FileText text;
+    SecretBytes text;
     std::string_view line;
     if (!read_file(AccountFile::kPasswd, text)) remains.known = false;
-    remains.passwd = find_line(text.bytes, stored, 0, line) != text.bytes.npos;
-    // An unreadable user number counts as root's.
+    remains.passwd = find_line(view(text), stored, 0, line) != line.npos;
+    // An invalid user ID counts as root's.
     const uid_t uid = remains.passwd ? number_of(field(line, 2), uid_t{0}) : 0;
     remains.ours = uid != 0 && field(line, 5) == home;
     if (remains.ours) remains.uid = uid;
     return remains;
 }
 
-bool read_shadow(const char* stored, FileText& text, ShadowEntry& entry) {
+bool read_shadow(const char* stored, SecretBytes& text, ShadowEntry& entry) {
     std::string_view line;
-    if (!read_file(AccountFile::kShadow, text) || find_line(text.bytes, stored, 0, line) == text.bytes.npos)
+    if (!read_file(AccountFile::kShadow, text) || find_line(view(text), stored, 0, line) == line.npos)
         return false;
     const auto day = [&line](int number) {
         return static_cast<int32_t>(
@@ -194,9 +172,9 @@ bool read_shadow(const char* stored, FileText& text, ShadowEntry& entry) {
 }
 
 bool uid_is_used(uid_t uid) {
-    FileText text;
+    SecretBytes text;
     if (!read_file(AccountFile::kPasswd, text)) return true;
-    std::string_view rest = text.bytes;
+    std::string_view rest = view(text);
     while (!rest.empty()) {
         const std::string_view line = rest.substr(0, rest.find('\n'));
         if (number_of(field(line, 2), static_cast<uid_t>(-1)) == uid) return true;
@@ -206,7 +184,7 @@ bool uid_is_used(uid_t uid) {
 }
 
 AccountNames find_account(const char* stored) {
-    static RememberedNames passwd(AccountFile::kPasswd), shadow(AccountFile::kShadow);
+    static CachedNames passwd(AccountFile::kPasswd), shadow(AccountFile::kShadow);
     AccountNames found{true, false, false};
     const bool passwd_known = passwd.find(stored, found.passwd);
     found.known = shadow.find(stored, found.shadow) && passwd_known;

@@ -22,20 +22,19 @@
 namespace quill {
 namespace {
 
-constexpr size_t kLongestName = 31;  // of a stored name: what useradd(8) and the removal of a context take
-constexpr std::chrono::milliseconds kHomeTime{500};  // for old homes, within a request
+constexpr size_t kLongestName = 31;  // of a stored name, for useradd(8) and the removal of a context
+constexpr std::chrono::milliseconds kHomeTime{500};  // to remove old homes within a request
 
 // -------------------------------------------------------------------------------------------------- checks
 
-// A portable user name (useradd(8), "CAVEATS"), which no program takes for anything else.
+// Whether it is a portable user name (useradd(8), "CAVEATS"), which no program takes for an option or a number.
 bool is_portable(const char* name) {
     constexpr char kFirst[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ_";
     constexpr char kRest[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ_0123456789.-";
     return *name != '\0' && strchr(kFirst, *name) != nullptr && name[strspn(name, kRest)] == '\0';
 }
 
-// The name that the account files have for a plain one; false where none of this daemon's accounts can have
-// it.
+// Sets the name in the account files for a plain name. Returns false if no account of this daemon can have it.
 bool to_stored(const char* user, char (&stored)[kStoredName]) {
     if (!is_portable(user)) return false;
     set_text(stored, security_get_system_username(user));
@@ -64,7 +63,7 @@ uint32_t check_roles(const security_user_manage& wish) {
     return SECURITY_OK;
 }
 
-// Whose account it is; SECURITY_OK as well if there is none and the name is free for one.
+// Returns SECURITY_OK if the daemon may change the account, or create one of this name.
 uint32_t check_owner(const char* user, const AccountRemains& remains) {
     if (!remains.known) return SECURITY_ERR_ACCOUNT_TOOL;
     if (remains.passwd) return remains.ours ? SECURITY_OK : SECURITY_ERR_OTHER_HOME;
@@ -72,7 +71,7 @@ uint32_t check_owner(const char* user, const AccountRemains& remains) {
 }
 
 uint32_t refuse_leftover(security_user_manage& answer, const char* stored, const AccountRemains& remains) {
-    answer.return_code = 9;  // as useradd(8) has it
+    answer.return_code = 9;  // useradd(8)'s own status for this
     if (remains.group)
         set_text(answer.error, "useradd: a group of this name exists already\n");
     else
@@ -84,14 +83,14 @@ uint32_t refuse_leftover(security_user_manage& answer, const char* stored, const
 
 // ------------------------------------------------------------------------------------------------ requests
 
-// Listeners learn of every change, with the roles that the user holds after it.
+// Announces a change, with the roles that the user has after it.
 void announce(uint32_t store, uint32_t type, const char* user) {
     security_user_roles roles;
     read_roles(store, user, roles);
     announce_user_change(type, user, roles);
 }
 
-// `what` becomes the kind of change that is announced.
+// Sets `what` to the kind of change to announce.
 uint32_t change(uint32_t store, uint32_t operation, security_user_manage& wish, uint32_t& what) {
     if (operation != SET_REQ && operation != DEL_REQ) return SECURITY_ERR_NOT_SUPPORTED;
     char stored[kStoredName];
@@ -126,13 +125,13 @@ uint32_t change_password_of(uint32_t store, security_passwd& wish) {
     if (!remains.passwd) return SECURITY_ERR_NOT_FOUND;
     if (wish.password[0] == '\0' || strpbrk(wish.password, "\r\n") != nullptr)
         return SECURITY_ERR_PASSWORD_TEXT;
-    const ProgramResult result = set_clear_password(stored, wish.password);
+    const AccountToolResult result = set_clear_password(stored, wish.password);
     if (result.ok()) return SECURITY_OK;
-    set_text(wish.error, result.errors.c_str());
-    return says_locked(result) ? SECURITY_ERR_ACCOUNTS_IN_USE : SECURITY_ERR_ACCOUNT_TOOL;
+    set_text(wish.error, result.output.c_str());
+    return result.files_locked ? SECURITY_ERR_ACCOUNTS_IN_USE : SECURITY_ERR_ACCOUNT_TOOL;
 }
 
-// A failure of ours in the form that clients know from the tools.
+// Words a failure of the daemon like one of the system's programs, if there is no text of one.
 template <size_t size>
 void explain(char (&error)[size], const char* tool, uint32_t status) {
     if (status != SECURITY_OK && error[0] == '\0') snprintf(error, size, "%s%s\n", tool, syserr2str(status));
@@ -141,7 +140,7 @@ void explain(char (&error)[size], const char* tool, uint32_t status) {
 }  // namespace
 
 bool repair_accounts(uint32_t store) {
-    if (nothing_is_pending(store)) return true;  // and so no program is running
+    if (nothing_is_pending(store)) return true;  // then no program of an earlier daemon is running either
     const AccountLock lock;
     return lock.held() && repair_pending(store);
 }

@@ -1,4 +1,5 @@
-// Accounts of the system's own files, changed as a whole or not at all (daemon/account_changes.h).
+// Accounts in the local account files. Each change is done completely or not at all
+// (daemon/account_changes.h).
 #pragma once
 
 #include <cstdint>
@@ -7,28 +8,26 @@
 
 namespace quill {
 
-// Takes care of what an earlier daemon was in the middle of when it ended; the log says what it was. Waits
-// for programs that it left running. Call it before the first request, and before anything that a repair
-// could overwrite is changed. False while there is something that cannot be repaired.
+// Undoes or completes a change that an earlier daemon was executing when it ended, and logs that. Waits for
+// programs that it left running. To be called before the first request, and before anything is changed that a
+// repair could overwrite. Returns false if that failed; it is tried again before the next change.
 bool repair_accounts(uint32_t store);
 
-// Handlers of the account and of the password request. Names are plain names of the daemon's context. An
-// account is one of the daemon's when its home is the one that the daemon gives. All others, the system's own
-// and people's own alike, are refused with SECURITY_ERR_OTHER_HOME, so that nobody gets at their rights by
-// way of the configuration. A name is new when there is no account, group or home of it; lines that an
-// account left in other files are removed.
+// Handlers of the account request and the password request. Names are plain names of the daemon's context. An
+// account belongs to the daemon if its home is the one that the daemon gives. All others, of the system and of
+// persons, are refused with SECURITY_ERR_OTHER_HOME: the configuration must not give access to their rights. A
+// name is new if no account, group or home has it; lines that a former account left in other files are removed.
 //
 // For an account, SET_REQ creates it, with a home below /bootflash/home, or changes it; DEL_REQ removes it
-// with its home, mail, roles, locales, SSH keys and user records. What is in the home may go later, or stay
-// where root alone can see it (daemon/homes.h). In a change, a stored password and a date are set where they
-// are given, roles are added, and no password at all means that the expiry is to be cleared where no date is
-// given. The record cannot tell a date to clear from one that is not given: who sets a stored password and
-// clears the expiry sends two requests. A stored password must be one that verifiable_password() accepts
-// (base/stored_password.h); else SECURITY_ERR_PASSWORD_TEXT is returned.
+// with its home, mail, roles, locales, SSH keys and user records. The contents of the home may be removed
+// later, or stay where only root can access them (daemon/homes.h). A change sets a stored password and an
+// expiry date if they are given, and adds roles; without a stored password and a date, it clears the expiry.
+// So to set a stored password and clear the expiry takes two requests. A stored password must be one that
+// verifiable_password() accepts (base/stored_password.h); else SECURITY_ERR_PASSWORD_TEXT is returned.
 //
-// SECURITY_ERR_ACCOUNT_TOOL comes with the exit status of the program that failed and with its words.
-// SECURITY_ERR_ACCOUNTS_IN_USE means that another program held the account files for the three seconds that a
-// request waits. The password never goes back.
+// With SECURITY_ERR_ACCOUNT_TOOL, the record contains the exit status and the error output of the program that
+// failed. SECURITY_ERR_ACCOUNTS_IN_USE means that another program held a lock of the account files for the
+// three seconds that a request waits. The reply never contains the password.
 uint32_t manage_account(uint32_t store, uint32_t operation, void* record);
 uint32_t change_password(uint32_t store, uint32_t operation, void* record);
 

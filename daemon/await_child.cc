@@ -1,11 +1,9 @@
 #include "daemon/await_child.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -16,9 +14,9 @@ namespace {
 
 constexpr std::chrono::milliseconds kLook(50);
 
-// By proc(5): to its parent, waitid(2) does not tell of a process that a debugger holds. The state follows
-// the name of the program, which may hold anything.
-bool is_held(pid_t process) {
+// Reads the state from proc(5): waitid(2) does not report to the parent that a debugger stopped the process. The
+// state follows the name of the program, which may contain any character.
+bool is_stopped(pid_t process) {
     char path[sizeof "/proc//stat" + 3 * sizeof process];
     snprintf(path, sizeof path, "/proc/%d/stat", process);
     const Descriptor file(open(path, O_RDONLY | O_CLOEXEC));
@@ -32,16 +30,12 @@ bool is_held(pid_t process) {
 
 }  // namespace
 
-Awaited await_child(int descriptor, pid_t child, Clock::time_point end) {
-    for (;;) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
-        if (left.count() <= 0) return Awaited::kTimeOut;
-        pollfd awaited{descriptor, POLLIN, 0};
-        const int ready = poll(&awaited, 1, static_cast<int>(std::min(left, kLook).count()));
-        if (ready > 0) return Awaited::kReadable;
-        if (ready < 0 && errno != EINTR) return Awaited::kTimeOut;
-        if (is_held(child)) return Awaited::kHeld;
+Awaited await_child(Child& child, Deadline deadline) {
+    while (!child.wait(std::min(deadline, after(kLook)))) {
+        if (passed(deadline)) return Awaited::kTimedOut;
+        if (is_stopped(child.id())) return Awaited::kStopped;
     }
+    return Awaited::kEnded;
 }
 
 }  // namespace quill

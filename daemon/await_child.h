@@ -1,19 +1,13 @@
-// Waiting for a child process that another user may stop: it runs with his rights.
+// Waits for a child process that another user may stop, because it has that user's rights.
 #pragma once
 
-#include <sys/types.h>
-
-#include <chrono>
+#include "base/process.h"
 
 namespace quill {
 
-using Clock = std::chrono::steady_clock;
+enum class Awaited { kEnded, kStopped, kTimedOut };
 
-enum class Awaited { kReadable, kHeld, kTimeOut };
-
-// Waits until the descriptor, a pipe that the child writes to, can be read or has nobody left to write it.
-// kHeld as soon as the child, which the caller has not reaped, was stopped by a signal or by a debugger;
-// kTimeOut when `end` has come.
-Awaited await_child(int descriptor, pid_t child, Clock::time_point end);
+// Waits for the end of the child. Returns kStopped as soon as a signal or a debugger has stopped it.
+Awaited await_child(Child& child, Deadline deadline);
 
 }  // namespace quill

@@ -12,6 +12,7 @@
 #include <optional>
 #include <set>
 
+#include "base/block.h"
 #include "base/process.h"
 #include "daemon/account_files.h"
 #include "platform/service.h"
@@ -21,32 +22,32 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr char kOldHomes[] = "/bootflash/home/.deleted";
+const std::string kOldHomes = home_of(".deleted");
 constexpr milliseconds kTimeInPlace{2000};
-constexpr milliseconds kTimeOfOne{600000};  // then it is left to the next daemon
+constexpr milliseconds kTimeOfOne{600000};
 
-// rm(1) follows no links, not even those that are made while it runs.
-RunningProgram remove_tree(const std::string& path) {
-    return RunningProgram({{"/bin/rm", "-rf", "--one-file-system", "--", path.c_str()}});
+// rm(1) does not follow symbolic links, not even those that are created while it runs.
+Child remove_tree(const std::string& path) {
+    return Child::run({.words = {"/bin/rm", "-rf", "--one-file-system", "--", path.c_str()}});
 }
 
-// The removal that is under way. It runs by itself: begun anew each time, rm would read a large folder again
-// and again and remove nothing.
+// The removal that is running. It is not restarted for each call: rm would read a large folder again each time
+// and remove nothing.
 struct Removal {
     explicit Removal(const std::string& old_home)
         : path(old_home), program(remove_tree(path)), deadline(after(kTimeOfOne)) {}
 
     const std::string path;
-    RunningProgram program;
+    Child program;
     const Deadline deadline;
 };
 std::optional<Removal> removal;
 std::set<std::string> given_up;
 
-// The first of its reasons; the names in it are the user's.
+// Returns the first line of rm's errors, made safe because it contains names that the user chose.
 std::string reason_of(const ProgramResult& result) {
     if (result.timed_out) return "there was no time for the rest";
-    return log_safe(result.errors.substr(0, result.errors.find('\n')));
+    return log_safe(result.output.substr(0, result.output.find('\n')));
 }
 
 bool is_there(const std::string& path) {
@@ -54,21 +55,21 @@ bool is_there(const std::string& path) {
     return lstat(path.c_str(), &facts) == 0;
 }
 
-// The folder for old homes, made if it is missing; false, with errno set, unless it is closed to all but
-// root.
+// Creates the folder for old homes if it is missing. Returns false with errno on failure, and if others than
+// root can enter it.
 bool prepare_folder() {
-    if (mkdir(kOldHomes, 0700) != 0 && errno != EEXIST) return false;
+    if (mkdir(kOldHomes.c_str(), 0700) != 0 && errno != EEXIST) return false;
     struct stat facts;
-    if (lstat(kOldHomes, &facts) != 0) return false;
+    if (lstat(kOldHomes.c_str(), &facts) != 0) return false;
     if (S_ISDIR(facts.st_mode) && facts.st_uid == geteuid() && (facts.st_mode & 077) == 0) return true;
     errno = EPERM;
     return false;
 }
 
-// The home gets a new folder of its own, so that rename(2) finds nothing under the new name, whatever kind of
-// file the home is.
+// Renames the home into a new folder, so that nothing has the new name, whatever kind of file the home is.
+// Returns false with errno on failure.
 bool move_home(const std::string& home, const char* stored) {
-    const std::string pattern = std::string(kOldHomes) + "/" + stored + ".XXXXXX";
+    const std::string pattern = kOldHomes + "/" + stored + ".XXXXXX";
     std::string folder = pattern;
     bool made = false;
     // Another context's daemon may remove the empty parent folder in between.
@@ -86,12 +87,11 @@ bool move_home(const std::string& home, const char* stored) {
     return false;
 }
 
-// One that may still be removed; empty if there is none.
+// Returns the path of a home that is to be removed, or "".
 std::string next_old_home() {
-    const auto close = [](DIR* folder) { closedir(folder); };
-    const std::unique_ptr<DIR, decltype(close)> folder(opendir(kOldHomes), close);
+    const std::unique_ptr<DIR, Release<closedir>> folder(opendir(kOldHomes.c_str()));
     while (const dirent* entry = folder ? readdir(folder.get()) : nullptr) {
-        std::string path = std::string(kOldHomes) + "/" + entry->d_name;
+        std::string path = kOldHomes + "/" + entry->d_name;
         if (*entry->d_name != '.' && !given_up.contains(path)) return path;
     }
     return "";
@@ -113,10 +113,10 @@ bool set_home_aside(const char* stored) {
     const std::string home = home_of(stored);
     if (!is_there(home) || move_home(home, stored)) return true;
     syslog(LOG_ERR, "home %s cannot be set aside: %m; removing what is in it", home.c_str());
-    RunningProgram program = remove_tree(home);
-    if (!program.wait(after(kTimeInPlace))) program.kill();
+    Child program = remove_tree(home);
+    if (!program.wait(after(kTimeInPlace))) program.end();
     const ProgramResult& removed = program.result();
-    // A full disk has room for the new name by now.
+    // On a full disk, there is space for the new name by now.
     if (!is_there(home) || move_home(home, stored)) return true;
     syslog(LOG_ERR, "home %s stays, and so does what is left in it: %s", home.c_str(),
            reason_of(removed).c_str());
@@ -136,18 +136,18 @@ bool remove_old_homes(milliseconds time) {
         if (!removal) {
             const std::string path = next_old_home();
             if (path.empty()) {
-                rmdir(kOldHomes);
+                rmdir(kOldHomes.c_str());
                 return false;
             }
             removal.emplace(path);
         }
         if (removal->program.wait(end)) {
             conclude_removal();
-        } else if (std::chrono::steady_clock::now() >= removal->deadline) {
-            removal->program.kill();
+        } else if (passed(removal->deadline)) {
+            removal->program.end();
             conclude_removal();
         }
-    } while (std::chrono::steady_clock::now() < end);
+    } while (!passed(end));
     return true;
 }
 

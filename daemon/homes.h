@@ -1,8 +1,8 @@
-// The homes of the daemon's accounts.
+// The homes of deleted accounts.
 //
-// What lies in a home is its user's to arrange: millions of files, or something that cannot be removed. So
-// the home of a deleted account only changes its name, which takes no time and cannot fail half-way, to one
-// below a folder that root alone can enter. What is in it is removed there, beside the daemon's work.
+// A home may contain millions of files, or files that cannot be removed. So the home of a deleted account is
+// only renamed, which takes no time and cannot fail half-way, into a folder that only root can enter. Its
+// contents are removed there while the daemon serves requests.
 #pragma once
 
 #include <chrono>
@@ -11,17 +11,17 @@
 
 namespace quill {
 
-// Takes the home of a deleted account away from its place, whatever it is; links are never followed. If it
-// cannot be renamed (a mount point, for one), what is in it is removed where it is, within two seconds, and
-// the log says why. Returns whether the place is free.
+// Renames the home of a deleted account, whatever kind of file it is; never follows symbolic links. If it cannot
+// be renamed (a mount point, for example), removes its contents where they are, for at most two seconds, and
+// logs why. Returns true if nothing has the home's path now.
 bool set_home_aside(const char* stored);
 
 // Removes the mail of a deleted account, unless the file belongs to another account.
 void remove_mail(const char* stored);
 
-// Starts and watches the removal of what was set aside, and waits for it no longer than `time`; it goes on
-// meanwhile. Returns whether there is more to do. What cannot be removed, or not in ten minutes, stays, with
-// one line in the log, and is tried again by the next daemon.
+// Starts or continues the removal of renamed homes, which goes on after this returns, and waits for it at most
+// `time`. Returns true if something is left to remove. What cannot be removed, or not within ten minutes, is
+// logged, stays, and is tried again by the next daemon.
 bool remove_old_homes(std::chrono::milliseconds time);
 
 }  // namespace quill

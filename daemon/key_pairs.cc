@@ -1,19 +1,16 @@
-// Each command about a key pair is done by a child with the user's rights (daemon/key_folder.h), while the
-// daemon does nothing else. The user can signal that child, so it is waited for no longer than its work may
-// take, and ended at once when it is stopped.
+// Each command for a key pair is executed by a child process with the user's rights (daemon/key_folder.h), for
+// which the daemon waits. The user can send signals to that child, so there is a time limit, and a child that
+// is stopped is killed at once.
 #include "daemon/key_pairs.h"
 
-#include <fcntl.h>
 #include <pwd.h>
-#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
+#include <cstring>
 #include <string>
 
-#include "base/descriptor.h"
 #include "daemon/account_files.h"
 #include "daemon/await_child.h"
 #include "daemon/homes.h"
@@ -25,10 +22,10 @@
 namespace quill {
 namespace {
 
-constexpr uid_t kFirstUser = 1000;  // below are the system's own accounts
+constexpr uid_t kFirstUser = 1000;  // lower ones are accounts of the system
 constexpr std::chrono::seconds kGenerating(60);
 constexpr std::chrono::seconds kAnythingElse(5);
-constexpr std::chrono::seconds kReporting(1);  // what a child that is out of time has left to say so
+constexpr std::chrono::seconds kReporting(1);  // for a child that is out of time to report that
 
 struct Command {
     uint32_t kind, operation;
@@ -53,60 +50,37 @@ constexpr Command kTransfers[] = {
     {SECURITY_KEY_PAIR_EXPORT_DSA, SET_REQ, kDsaPair, &KeyFolder::export_pair},
 };
 
-// Kills the child and waits for it, but not for ever: a file system of the user's making can hold even a
-// killed process.
-void end_child(pid_t child) {
-    constexpr int kMilliseconds = 1000;
-    kill(-child, SIGKILL);  // ssh-keygen below it as well
-    kill(child, SIGKILL);   // should it not have come to lead its session yet
-    for (int i = 0; i < kMilliseconds && waitpid(child, nullptr, WNOHANG) == 0; ++i) usleep(1000);
-}
-
 void log_failure(const ssh_key_cmd_rec& record, const Command& command, const char* reason) {
     syslog(LOG_ERR, "the %s key pair of %s: command %u failed: %s", command.type.name,
            log_safe(record.user_name).c_str(), record.kind, reason);
 }
 
-// A child that dies on the way, is stopped or is not done in time leaves the outcome a failure.
+// Returns SECURITY_ERR_KEY_PAIR if the child dies, is stopped or takes too long.
 KeyPairOutcome run_in_child(const passwd& user, const Command& command, ssh_key_cmd_rec& record) {
     KeyPairOutcome outcome{SECURITY_ERR_KEY_PAIR, 0, false};
-    const auto end = Clock::now() + command.limit;
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) return outcome;  // an outcome always fits
-    const Descriptor out(ends[0]);
-    pid_t child;
-    {
-        const Descriptor in(ends[1]);
-        child = fork_without_handlers();
-        if (child == 0) {
-            setsid();  // to be ended as one, without a terminal to ask for a passphrase at
-            alarm(static_cast<unsigned>(command.limit.count()) +
-                  1);  // should the daemon not be there to end it
-            // No exception may unwind into the daemon's loop, of which this process has a copy.
-            const auto work = [&]() noexcept {
-                return KeyFolder(user, command.type, record, end).run(command.work);
-            };
-            outcome = work();
-            _exit(write(in.get(), &outcome, sizeof outcome) == sizeof outcome ? 0 : 1);
-        }
-    }
-    if (child < 0) return outcome;
-    const Awaited awaited = await_child(out.get(), child, end + kReporting);
-    KeyPairOutcome told;
-    if (awaited == Awaited::kReadable && read(out.get(), &told, sizeof told) == sizeof told) outcome = told;
-    end_child(child);
+    const Deadline end = after(command.limit);
+    Child child = Child::call_with_output(sizeof outcome, [&](int output) {
+        setsid();                                                 // no terminal to ask for a passphrase at
+        alarm(static_cast<unsigned>(command.limit.count()) + 1);  // if the daemon does not end it
+        outcome = KeyFolder(user, command.type, record, end).run(command.work);
+        return write(output, &outcome, sizeof outcome) == sizeof outcome ? 0 : 1;
+    });
+    const Awaited awaited = await_child(child, end + kReporting);
+    child.end();
+    const std::string& reported = child.result().output;
+    if (reported.size() == sizeof outcome) memcpy(&outcome, reported.data(), sizeof outcome);
     if (outcome.status == SECURITY_ERR_KEY_PAIR) {
-        const bool held = outcome.held || awaited == Awaited::kHeld;
+        const bool stopped = outcome.stopped || awaited == Awaited::kStopped;
         log_failure(record, command,
-                    held                  ? "its process was stopped, and ended"
-                    : Clock::now() >= end ? "it took too long"
-                                          : "ssh-keygen or the home did not let it");
+                    stopped       ? "its process was stopped, and ended"
+                    : passed(end) ? "it took too long"
+                                  : "ssh-keygen or the home did not let it");
     }
     return outcome;
 }
 
-// An account that the daemon of this context made, and null for all others: key pairs in the homes of root,
-// of the system's accounts and of other people's are not for this.
+// Returns the account if the daemon of this context created it, else null: there are no key pairs for root, for
+// accounts of the system and for other accounts.
 const passwd* managed_account(const char* name) {
     if (is_internal_user(name) == 1) return nullptr;
     const std::string stored = security_get_system_username(name);

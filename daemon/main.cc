@@ -17,6 +17,8 @@
 #include <string>
 
 #include "base/context_name.h"
+#include "base/descriptor.h"
+#include "base/file.h"
 #include "daemon/account_files.h"
 #include "daemon/accounts.h"
 #include "daemon/activation.h"
@@ -158,13 +160,11 @@ bool open_store(uint32_t& store) {
 // The history contains secrets, so the file is created for root only.
 void dump_traces() {
     const std::string path = runtime_directory() + "/quillsecurityd.traces";
-    unlink(path.c_str());
-    const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (descriptor < 0 || quill_trace_dump(descriptor) != 0)
+    const Descriptor file(replace_file(path.c_str(), 0600));
+    if (!file || quill_trace_dump(file.get()) != 0)
         syslog(LOG_ERR, "traces cannot be written to %s: %m", path.c_str());
     else
         syslog(LOG_NOTICE, "traces written to %s", path.c_str());
-    if (descriptor >= 0) close(descriptor);
 }
 
 // The daemon leaves the folder in which it was started, so relative paths are refused.

@@ -7,11 +7,11 @@ namespace quill {
 namespace {
 
 constexpr std::string_view kBegin = "-----BEGIN ";
-// As ssh-keygen reads them.
+// Those that ssh-keygen reads.
 constexpr std::string_view kKinds[] = {"RSA PRIVATE KEY-----", "DSA PRIVATE KEY-----", "PRIVATE KEY-----",
                                        "OPENSSH PRIVATE KEY-----"};
 
-// Takes the first line off the text, without its end and blanks before that.
+// Removes the first line from the text and returns it, without its line break and blanks before that.
 std::string_view take_line(std::string_view& text) {
     const size_t end = std::min(text.find('\n'), text.size());
     const std::string_view line = text.substr(0, end);
@@ -19,18 +19,18 @@ std::string_view take_line(std::string_view& text) {
     return line.substr(0, line.find_last_not_of(" \t\r") + 1);
 }
 
-void append(SecretBytes& block, std::string_view line) {
-    block.insert(block.end(), line.begin(), line.end());
+void append_line(SecretBytes& block, std::string_view line) {
+    append(block, line);
     block.push_back('\n');
 }
 
-// Takes the lines up to the END of this kind; false where one of them is something else.
+// Moves the lines up to the END line of this kind to `block`. Returns false if one of them is not base64.
 bool take_body(std::string_view& text, std::string_view kind, SecretBytes& block) {
     const std::string end = "-----END " + std::string(kind);
     while (!text.empty()) {
         const std::string_view line = take_line(text);
         if (line != end && !is_base64(line)) return false;
-        append(block, line);
+        append_line(block, line);
         if (line == end) return true;
     }
     return false;
@@ -46,13 +46,12 @@ bool is_base64(std::string_view text) {
 
 SecretBytes private_key_block(std::string_view text) {
     SecretBytes block;
-    block.reserve(text.size() + 1);  // a last line may lack its end
     while (!text.empty()) {
         const std::string_view line = take_line(text);
         if (!line.starts_with(kBegin)) continue;
         const auto* kind = std::find(std::begin(kKinds), std::end(kKinds), line.substr(kBegin.size()));
         if (kind == std::end(kKinds) || !block.empty()) return {};
-        append(block, line);
+        append_line(block, line);
         if (!take_body(text, *kind, block)) return {};
     }
     return block;

@@ -1,4 +1,4 @@
-// The text of a private key, cut out of a file.
+// The private key in the text of a file.
 #pragma once
 
 #include <string_view>
@@ -7,13 +7,12 @@
 
 namespace quill {
 
-// The one PEM block of a private key in the text, from its BEGIN to its END line and with lines of base64
-// between them: nothing of what stands around it, which sshd(8) or a shell could make something of. Empty
-// where there is none, where any block follows or precedes it, and for one with headers, as those with a
-// passphrase have.
+// Returns the only PEM block of a private key in the text: its BEGIN line, lines of base64, its END line. The
+// text around it is left out, because sshd(8) or a shell could interpret it. Returns nothing if there is no
+// block or more than one, or if the block has headers, as with a passphrase.
 SecretBytes private_key_block(std::string_view text);
 
-// Whether it is not empty and of the characters of base64 (RFC 4648) alone.
+// Whether the text is not empty and has only characters of base64 (RFC 4648).
 bool is_base64(std::string_view text);
 
 }  // namespace quill

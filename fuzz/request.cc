@@ -49,12 +49,12 @@ bool fails_now() {
 
 // A program that works on the account of this name, or on a place for it.
 template <class Work>
-quill::ProgramResult tool(Work work) {
+quill::AccountToolResult tool(Work work) {
     const bool fails = fails_now();
     if (!fails || killed) work(accounts().by_name);
-    quill::ProgramResult result;
+    quill::AccountToolResult result;
     result.code = !fails ? 0 : killed ? 137 : 1;
-    result.errors = fails ? "tool: failed\n" : "";
+    result.output = fails ? "tool: failed\n" : "";
     return result;
 }
 
@@ -75,12 +75,11 @@ AccountRemains remains_of(const char* stored) {
         remains.known && accounts().by_name.contains(stored);
     return remains;
 }
-FileText::~FileText() = default;
-bool read_shadow(const char* stored, FileText& text, ShadowEntry& entry) {
+bool read_shadow(const char* stored, SecretBytes& text, ShadowEntry& entry) {
     const auto found = ::find_account(stored);
     if (found == accounts().by_name.end()) return false;
-    text.bytes = found->second.password;
-    entry = {text.bytes, 0, static_cast<int32_t>(found->second.expiry)};
+    append(text, found->second.password);
+    entry = {view(text), 0, static_cast<int32_t>(found->second.expiry)};
     return true;
 }
 AccountNames find_account(const char* stored) {
@@ -92,27 +91,26 @@ bool remove_lines(AccountFile, const char*, Deadline) { return !fails_now(); }
 AccountLock::AccountLock() : held_(true) {}
 AccountLock::~AccountLock() = default;
 void allow_time_to_undo() {}
-bool says_locked(const ProgramResult&) { return false; }
-ProgramResult make_account(const char* stored, const std::string&) {
+AccountToolResult make_account(const char* stored, const std::string&) {
     return tool([&](auto& users) { users.emplace(stored, FakeAccount()); });
 }
-ProgramResult delete_account(const char* stored) {
+AccountToolResult delete_account(const char* stored) {
     return tool([&](auto& users) { users.erase(stored); });
 }
-ProgramResult delete_group(const char*) {
+AccountToolResult delete_group(const char*) {
     return tool([](auto&) {});
 }
-ProgramResult set_expiry(const char* stored, const std::string& expiry) {
+AccountToolResult set_expiry(const char* stored, const std::string& expiry) {
     return tool([&](auto& users) { users.at(stored).expiry = expiry.empty() ? -1 : std::stol(expiry); });
 }
-ProgramResult set_last_change(const char*, int32_t) {
+AccountToolResult set_last_change(const char*, int32_t) {
     return tool([](auto&) {});
 }
-ProgramResult set_stored_password(const char* stored, const char* password) {
+AccountToolResult set_stored_password(const char* stored, const char* password) {
     require(strpbrk(password, ":\n") == nullptr);
     return tool([&](auto& users) { users.at(stored).password = password; });
 }
-ProgramResult set_clear_password(const char* stored, const char* password) {
+AccountToolResult set_clear_password(const char* stored, const char* password) {
     require(strpbrk(password, "\r\n") == nullptr);
     return tool([&](auto& users) { users.at(stored).password = password; });
 }
@@ -123,7 +121,7 @@ bool remove_old_homes(std::chrono::milliseconds) { return false; }
 
 std::string find_hook(const std::string&) { return ""; }
 bool start_hook(const std::string&, const std::string&, std::chrono::seconds) { abort(); }
-bool write_file(const std::string&, const std::string&, unsigned) { abort(); }
+bool write_file(const std::string&, std::string_view, unsigned) { abort(); }
 
 struct Broadcast::Ring {};
 Broadcast::Broadcast(event_base*, gid_t, uint32_t) {}

@@ -1,28 +1,29 @@
-// Hooks: the programs by which the daemon puts settings into effect on this system. Each is a file that can
-// be replaced; it is run as it is, without a shell around it, and learns where the settings lie.
+// Hooks: the programs by which the daemon applies settings to this system. Each is a file that can be replaced.
+// It is run without a shell, with the directory of the settings as its argument.
 #pragma once
 
 #include <chrono>
 #include <string>
+#include <string_view>
 
 namespace quill {
 
-// Where the hook of this name lies: in /etc/quillsecurity/hooks, the place for a system's own, else beside
-// the programs, in ../libexec/quillsecurity. Empty where neither has one that can be run.
+// Returns the path of the hook of this name: in /etc/quillsecurity/hooks, for hooks of this system, or else in
+// ../libexec/quillsecurity, relative to the program. Returns "" if neither has an executable file of this name.
 std::string find_hook(const std::string& name);
 
-// Starts a hook with one argument and does not wait for it. Returns false with errno set when it could not be
-// started.
+// Starts a hook with one argument and does not wait for it. Returns false with errno if it could not be started.
 //
-// Hooks run one at a time, but not always in the order in which they were started: each does what the
-// settings say when it runs. So of one program at most one waits for its turn, and starting it once more
-// changes nothing while it does; its argument must always be the same. Whichever waits when this process ends
-// does not run. A hook has a session of its own and a plain environment, and is killed with all it started
-// when the time is up. How it ended and what it said goes to the log.
+// Hooks run one at a time, but not always in the order in which they were started: each applies the settings
+// that are valid when it runs. So at most one run of each hook waits for its turn; while one does, another start
+// changes nothing. The argument of a hook must always be the same. Runs that wait when this process ends are
+// dropped. A hook has its own session and an environment of PATH and LC_ALL. After `limit`, it is killed with
+// all that it started. Its exit status and its output are logged.
 bool start_hook(const std::string& path, const std::string& argument,
                 std::chrono::seconds limit = std::chrono::seconds(30));
 
-// Writes a whole file and gives it its name, with this mode, when it is complete. False with errno set.
-bool write_file(const std::string& path, const std::string& bytes, unsigned mode);
+// Replaces a file, with this mode, once all of it is written under another name. Returns false with errno on
+// failure; then nothing has changed.
+bool write_file(const std::string& path, std::string_view bytes, unsigned mode);
 
 }  // namespace quill

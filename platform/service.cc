@@ -17,27 +17,29 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/descriptor.h"
+#include "base/file.h"
+
 namespace quill {
 namespace {
 
 std::string because(const std::string& what) { return what + ": " + strerror(errno); }
 
-// Locks the file for as long as the process lives. False with errno EWOULDBLOCK where another has done so.
+// Locks the file until the process ends. Returns false with errno, EWOULDBLOCK if another process holds the lock.
 bool lock_file(const std::string& path) {
     for (;;) {
-        const int descriptor = open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
-        if (descriptor < 0) return false;
+        Descriptor file(open_lock_file(path));
+        if (!file || flock(file.get(), LOCK_EX | LOCK_NB) != 0) return false;
+        // Before it was locked, the file may have been deleted or replaced. Then the next daemon would lock
+        // another one.
         struct stat held, named;
-        const bool locked = flock(descriptor, LOCK_EX | LOCK_NB) == 0 && fstat(descriptor, &held) == 0;
-        const bool there = locked && lstat(path.c_str(), &named) == 0;
-        if (there && held.st_dev == named.st_dev && held.st_ino == named.st_ino) return true;
-        // The name may have been taken from the file before it was locked: the next daemon would lock
-        // another.
-        const bool again = there || (locked && errno == ENOENT);
-        const int kept_errno = errno;
-        close(descriptor);
-        errno = kept_errno;
-        if (!again) return false;
+        if (fstat(file.get(), &held) != 0) return false;
+        if (lstat(path.c_str(), &named) != 0) {
+            if (errno != ENOENT) return false;
+        } else if (held.st_dev == named.st_dev && held.st_ino == named.st_ino) {
+            file.release();
+            return true;
+        }
     }
 }
 

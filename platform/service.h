@@ -7,7 +7,6 @@
 #include <string>
 #include <string_view>
 
-#include "base/process.h"
 #include "platform/folders.h"
 
 namespace quill {

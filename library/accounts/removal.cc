@@ -14,7 +14,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "base/new_file.h"
+#include "base/file.h"
 #include "library/accounts/entry.h"
 #include "quillplatform/sysmgr.h"
 #include "quillsecurity.h"

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "base/new_file.h"
+#include "base/file.h"
 #include "quillsecurity.h"
 
 namespace quill {

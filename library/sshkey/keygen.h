@@ -1,6 +1,6 @@
 // Running ssh-keygen, with three files of fixed names in /tmp for its input, output and errors.
 //
-// Each file is replaced by a new one before it is used (base/new_file.h). If that fails, nothing is run.
+// Each file is replaced by a new one before it is used (base/file.h). If that fails, nothing is run.
 #pragma once
 
 #include "base/descriptor.h"

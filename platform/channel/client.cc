@@ -23,6 +23,7 @@
 #include <utility>
 
 #include "base/context_name.h"
+#include "base/deadline.h"
 #include "base/last_reads.h"
 #include "platform/channel/frame.h"
 #include "quillplatform/shell.h"
@@ -36,27 +37,19 @@ uint32_t security_cmi_session_id = 0;
 namespace quill {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 constexpr uint32_t kDefaultTimeout = 60;
 
-class Deadline {
- public:
-    Deadline() : at_(Clock::now() + std::chrono::seconds(limit())) {}
-    bool passed() const { return Clock::now() >= at_; }
-    // In whole tenths of a second, rounded up: a request that nothing delays finds the bound that the last
-    // one set. Never 0, which would mean to wait for ever.
-    std::chrono::milliseconds left() const {
-        constexpr std::chrono::milliseconds kTenth(100);
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(at_ - Clock::now());
-        return std::max((left + kTenth - std::chrono::milliseconds(1)) / kTenth * kTenth, kTenth);
-    }
+Deadline request_deadline() {
+    return after(std::chrono::seconds(security_cmi_timeout != 0 ? security_cmi_timeout : kDefaultTimeout));
+}
 
- private:
-    static uint32_t limit() { return security_cmi_timeout != 0 ? security_cmi_timeout : kDefaultTimeout; }
-
-    Clock::time_point at_;
-};
+// The time that is left, in whole tenths of a second, rounded up: a request that nothing delays then finds the
+// timeout that the previous one set. Never 0, which would mean no timeout.
+std::chrono::milliseconds time_left(Deadline deadline) {
+    constexpr std::chrono::milliseconds kTenth(100);
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    return std::max((left + kTenth - std::chrono::milliseconds(1)) / kTenth * kTenth, kTenth);
+}
 
 // Whether to poll for the reply before blocking: waking up costs more than most requests, but polling occupies a
 // processor. Worth it where the last reply came soon and this process may use
@@ -89,7 +82,7 @@ class ShortLook {
 class Connection {
  public:
     // The socket, connected; -1 with errno set.
-    int get(const Deadline& deadline);
+    int get(Deadline deadline);
     int socket() const { return socket_; }
     uint64_t number() const { return number_; }  // how many connections were made, with this one
     void drop();
@@ -138,7 +131,7 @@ bool Connection::bound(std::chrono::milliseconds time) {
     return true;
 }
 
-int Connection::get(const Deadline& deadline) {
+int Connection::get(Deadline deadline) {
     // A connection shared with the parent would mix both processes' replies.
     if (inherited()) drop();
     if (socket_ >= 0) return socket_;
@@ -148,13 +141,13 @@ int Connection::get(const Deadline& deadline) {
     if (socket_ < 0) return -1;
     owner_ = getpid();
     bound_ = {};
-    while (bound(deadline.left())) {
+    while (bound(time_left(deadline))) {
         if (connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
             look.count_processors();
             ++number_;
             return socket_;
         }
-        if (errno == EINTR && !deadline.passed()) continue;
+        if (errno == EINTR && !passed(deadline)) continue;
         if (errno == EAGAIN || errno == EINTR) errno = ETIMEDOUT;  // the daemon's queue stayed full
         break;
     }
@@ -192,16 +185,16 @@ bool is_stale() {
 }
 
 // Sends the request, on a new connection where the old one has lost its daemon. False with errno set.
-bool send_request(const Deadline& deadline) {
+bool send_request(Deadline deadline) {
     for (bool fresh = false;;) {
         const int socket = connection.get(deadline);
-        if (socket < 0 || !connection.bound(deadline.left())) return false;
+        if (socket < 0 || !connection.bound(time_left(deadline))) return false;
         if (is_stale()) {
             errno = ESTALE;
             return false;
         }
         if (send(socket, &request, sizeof request.head + request.head.length, MSG_NOSIGNAL) >= 0) return true;
-        if (errno == EINTR && !deadline.passed()) continue;
+        if (errno == EINTR && !passed(deadline)) continue;
         if (errno == EAGAIN || errno == EINTR) errno = ETIMEDOUT;
         const bool closed = never_arrived(errno);
         if (closed && reply_waits(socket)) return true;
@@ -224,11 +217,11 @@ ssize_t receive(int socket) {
 
 // Receives the reply into `answer`. False with errno set, and the connection is gone then: whatever comes
 // late must not answer the next question.
-bool receive_reply(const Deadline& deadline) {
+bool receive_reply(Deadline deadline) {
     // An end that left the request unread is reported before the words that came before it, and once.
     bool reset = false;
     look.begin();
-    while (connection.bound(deadline.left())) {
+    while (connection.bound(time_left(deadline))) {
         const ssize_t received = receive(connection.socket());
         if (received > 0) {
             look.end();
@@ -238,7 +231,7 @@ bool receive_reply(const Deadline& deadline) {
             errno = EPROTO;
         } else if (received == 0) {
             errno = ECONNRESET;
-        } else if ((errno == EINTR && !deadline.passed()) ||
+        } else if ((errno == EINTR && !passed(deadline)) ||
                    (errno == ECONNRESET && !std::exchange(reset, true))) {
             continue;
         } else if (errno == EAGAIN || errno == EINTR) {
@@ -274,7 +267,7 @@ int32_t exchange(int32_t request_type, uint32_t operation, const void* record, u
     if (context < 1) throw std::bad_alloc();  // over the platform's configuration
     connection.enter(static_cast<uint32_t>(context));
     write_request(static_cast<uint32_t>(context), request_type, operation, record, length);
-    const Deadline deadline;
+    const Deadline deadline = request_deadline();
     if (!send_request(deadline) || !receive_reply(deadline)) return -1;
     const uint32_t status = answer.head.status;
     if (status == SECURITY_ERR_BUSY) connection.drop();  // the daemon does so, but perhaps not yet

@@ -1,15 +1,10 @@
 #include "platform/channel/closer.h"
 
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
-
-#include "platform/service.h"
 
 namespace quill {
 namespace {
@@ -19,12 +14,12 @@ constexpr int kPassRights = 83;  // SO_PASSRIGHTS of Linux 6.16, which the heade
 constexpr timeval kBatchTime{0, 20000};
 constexpr size_t kMostWaiting = 2048;  // more than there are connections
 
-// Whether nothing unread is left on a socket that was shut down, after which nothing arrives. An empty
-// message looks like the end of the connection but for its sender's credentials.
+// Whether a socket that was shut down, so that nothing more arrives, has no unread data. An empty message differs
+// from the end of the connection only by its sender's credentials.
 bool is_empty(int socket) {
     const int on = 1;
     if (setsockopt(socket, SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0) return false;
-    for (int attempt = 0; attempt < 2; ++attempt) {  // the first may return an error that was left behind
+    for (int attempt = 0; attempt < 2; ++attempt) {  // the first may return a pending error
         alignas(cmsghdr) char credentials[CMSG_SPACE(sizeof(ucred))];
         msghdr message{};
         message.msg_control = credentials;
@@ -36,11 +31,10 @@ bool is_empty(int socket) {
     return false;
 }
 
-// Lives until it is killed, which is soon: the end of a process waits for none of the files that it closes.
-[[noreturn]] void hold_descriptors(pid_t daemon) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    while (getppid() == daemon) pause();
-    _exit(0);
+// Keeps the descriptors until it is killed: the end of a process does not wait for the files that it closes.
+[[noreturn]] int hold_descriptors(pid_t daemon) {
+    die_with_parent(daemon);
+    for (;;) pause();
 }
 
 }  // namespace
@@ -50,12 +44,10 @@ Closer::Closer(event_base* base)
           base, -1, 0,
           [](evutil_socket_t, short, void* closer) { static_cast<Closer*>(closer)->close_waiting(); },
           this)) {
-    // Nothing is allocated when a connection is closed.
+    // close() must not allocate memory.
     waiting_.reserve(kMostWaiting);
     children_.reserve(kMostChildren);
 }
-
-Closer::~Closer() { reap(); }
 
 void Closer::protect(int listener) {
     const int off = 0;
@@ -64,7 +56,7 @@ void Closer::protect(int listener) {
 
 ssize_t Closer::receive(int socket, void* buffer, size_t room) const {
     if (!kernel_refuses_) {
-        msghdr message{};  // no room for what comes along, which is not dropped, since it is only looked at
+        msghdr message{};  // no room for files; they are not dropped, because of MSG_PEEK
         if (recvmsg(socket, &message, MSG_PEEK | MSG_DONTWAIT) < 0) return -1;
         errno = EBADMSG;
         if ((message.msg_flags & MSG_CTRUNC) != 0) return -1;
@@ -86,21 +78,19 @@ void Closer::close(int socket) {
     if (is_full() || event_add(timer_.get(), &kBatchTime) != 0) close_waiting();
 }
 
-void Closer::reap() {
-    std::erase_if(children_, [](pid_t child) { return waitpid(child, nullptr, WNOHANG) != 0; });
+void Closer::forget_ended_children() {
+    std::erase_if(children_, [](Child& child) { return child.has_ended(); });
 }
 
 void Closer::close_waiting() {
-    reap();
+    forget_ended_children();
     if (!waiting_.empty() && children_.size() < kMostChildren) {
-        const pid_t daemon = getpid();
-        const pid_t child = fork_without_handlers();
-        if (child == 0) hold_descriptors(daemon);
-        if (child > 0) {
+        Child child = Child::call([daemon = getpid()] { return hold_descriptors(daemon); });
+        if (child.id() > 0) {
             for (const int socket : waiting_) ::close(socket);
             waiting_.clear();
-            kill(child, SIGKILL);
-            children_.push_back(child);
+            child.kill();
+            children_.push_back(std::move(child));
         }
     }
     if (!waiting_.empty() || !children_.empty()) event_add(timer_.get(), &kBatchTime);

@@ -1,43 +1,42 @@
-// Receiving and closing without being held up by files that a peer passes (SCM_RIGHTS, unix(7)).
+// Receives messages and closes connections without being blocked by files that a peer passes (SCM_RIGHTS,
+// unix(7)).
 //
-// Whoever drops the last reference to a passed file closes it, and that may take as long as its sender likes:
-// a TCP socket with SO_LINGER and unsent data holds up whoever closes it, unless that is a process that ends.
-// A receiver that wants no files drops them within recv(2), and close(2) drops those of the messages that
-// were never received, with all that lies in the queues of passed Unix sockets in turn.
+// Whoever drops the last reference to a passed file closes it, which may take as long as its sender wants: a TCP
+// socket with SO_LINGER and unsent data blocks the process that closes it, except when that process ends. A
+// receiver that has no room for files drops them in recv(2), and close(2) drops those of messages that were not
+// received, and so on for the queues of passed Unix sockets.
 //
-// Kernels since Linux 6.16 refuse such messages where their sender sends them (SO_PASSRIGHTS). Elsewhere a
-// look at each message comes before it is received, and a connection that has such a message, or anything
-// else unread when it is closed, is closed by a child process: it shares the descriptor, the daemon closes
-// its own, and the child ends. One child serves all connections of a moment, and few run at a time, so nobody
-// has the daemon fork without bound.
+// Kernels since Linux 6.16 can refuse such messages when they are sent (SO_PASSRIGHTS). On others, each message
+// is looked at before it is received. A connection that has a message with files, or has unread data when it is
+// closed, is closed by a child process: it shares the descriptor, the daemon closes its own, and the child ends.
+// A child serves all connections of a batch, and the number of children is limited, so peers cannot make the
+// daemon fork without bound.
 #pragma once
 
 #include <array>
 #include <vector>
 
+#include "base/non_copyable.h"
+#include "base/process.h"
 #include "platform/event.h"
 
 namespace quill {
 
-class Closer {
+class Closer : NonCopyable {
  public:
     explicit Closer(event_base* base);
-    // What could not be closed without waiting is left open, for the end of the process.
-    ~Closer();
-    Closer(const Closer&) = delete;
-    Closer& operator=(const Closer&) = delete;
 
-    // To be called for a socket before listen(2); its connections inherit what it does.
+    // To be called for a socket before listen(2); its connections inherit the options.
     void protect(int listener);
 
-    // As recv(2) with MSG_DONTWAIT and MSG_TRUNC, of a connected SOCK_SEQPACKET socket. A message with files
-    // is not received: -1 with errno EBADMSG, and the connection is to be closed.
+    // As recv(2) with MSG_DONTWAIT and MSG_TRUNC, for a connected SOCK_SEQPACKET socket. Does not receive a
+    // message with files, but returns -1 with errno EBADMSG; the caller must close the connection then.
     ssize_t receive(int socket, void* buffer, size_t room) const;
 
-    // Ends the connection, or the listening, and takes ownership of the descriptor.
+    // Closes a connection or a listening socket; takes ownership of the descriptor.
     void close(int socket);
 
-    // Whether so many connections wait for a child that no new ones are to be accepted.
+    // Returns true if so many connections wait for a child that the caller must not accept new ones.
     bool is_full() const { return waiting_.size() >= kBatch; }
 
  private:
@@ -45,11 +44,11 @@ class Closer {
     static constexpr size_t kMostChildren = 4;
 
     void close_waiting();
-    void reap();
+    void forget_ended_children();
 
     bool kernel_refuses_ = false;
-    std::vector<int> waiting_;  // shut down; what they hold is still to be dropped
-    std::vector<int> children_;
+    std::vector<int> waiting_;  // shut down, but not closed
+    std::vector<Child> children_;
     Event timer_;
 };
 

@@ -11,14 +11,13 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <new>
 
+#include "base/deadline.h"
 #include "base/descriptor.h"
 #include "platform/mts/message.h"
 #include "quillplatform/sysmgr.h"
@@ -122,19 +121,15 @@ class Connection {
 // Waits until a message can be received or the other end has closed; a negative time is no limit. Returns
 // false with errno set on failure, ETIMEDOUT after that time.
 bool wait_for_message(int socket, int32_t milliseconds) {
-    using Clock = std::chrono::steady_clock;
-    const auto end = Clock::now() + std::chrono::milliseconds(milliseconds);
-    int left = milliseconds;
-    for (;;) {
+    const Deadline deadline = milliseconds < 0 ? kNever : after(std::chrono::milliseconds(milliseconds));
+    do {
         pollfd readable{socket, POLLIN, 0};
-        const int found = poll(&readable, 1, left);
+        const int found = poll(&readable, 1, milliseconds_left(deadline));
         if (found > 0) return true;
         if (found < 0 && errno != EINTR) return false;
-        if (milliseconds < 0) continue;
-        left = static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count());
-        errno = ETIMEDOUT;
-        if (left <= 0) return false;
-    }
+    } while (!passed(deadline));
+    errno = ETIMEDOUT;
+    return false;
 }
 
 // Receives the next message, whose size is queried first. Returns null with errno set on failure.

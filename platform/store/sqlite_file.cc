@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "base/descriptor.h"
+#include "base/file.h"
 #include "platform/store/engine.h"
 #include "platform/store/sqlite.h"
 
@@ -25,7 +26,7 @@ constexpr char kCreate[] =
     "PRAGMA journal_mode=WAL;";
 
 uint32_t create_private_file(const std::string& path) {
-    const Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    const Descriptor file(create_file(path.c_str(), 0600));
     if (!file) return status_of_errno(errno);
     const int result = fchmod(file.get(), 0600);  // a umask may have removed the owner's permissions
     return status_of_errno(result == 0 ? 0 : errno);
