@@ -53,7 +53,7 @@ sigset_t own_signals() {
 }
 
 // What a client says of itself, as it may stand in a line of the log.
-std::string user_name(const RequestHead& head) {
+std::string user_name(const RequestHeader& head) {
     return log_safe({head.user_name, strnlen(head.user_name, sizeof head.user_name)});
 }
 
@@ -66,7 +66,7 @@ bool same_file(const struct stat& one, const struct stat& other) {
 // The buffer of a request; the reply is sent from it too, with the same record.
 struct Message {
     alignas(16) char unused[4]{};  // so that the record stands where any type may
-    RequestHead head{};
+    RequestHeader head{};
     unsigned char record[SECURITY_CMI_MAX_RECORD]{};
 };
 static_assert(offsetof(Message, record) % alignof(max_align_t) == 0);
@@ -224,7 +224,7 @@ void Server::Loop::accept_client() {
 }
 
 Answer Server::Loop::answer(Client& client, size_t size) {
-    RequestHead& head = message.head;
+    RequestHeader& head = message.head;
     if (!well_formed(head, size)) return {SECURITY_ERR_REQUEST_FRAME, 0, false};
     // Checked before anything else: the names in a request of another context are those of other users.
     if (head.context != settings.context) return {SECURITY_ERR_CONTEXT, 0, false};
@@ -236,7 +236,7 @@ Answer Server::Loop::answer(Client& client, size_t size) {
 }
 
 void Server::Loop::log_refusal(const Peer& peer, size_t size, uint32_t status) {
-    const RequestHead& head = message.head;
+    const RequestHeader& head = message.head;
     syslog(LOG_WARNING,
            "request type %u, operation %u, %zu bytes from uid %u, pid %d (for '%s', session %u) refused: %s",
            static_cast<uint32_t>(head.request_type), static_cast<uint32_t>(head.operation), size, peer.uid,
@@ -244,7 +244,7 @@ void Server::Loop::log_refusal(const Peer& peer, size_t size, uint32_t status) {
 }
 
 bool Server::Loop::reply(int socket, const Answer& answer) {
-    ReplyHead head;
+    ReplyHeader head;
     head.status = answer.status;
     head.length = answer.length;
     // Right before the record, over the end of the request's head, which has served.
