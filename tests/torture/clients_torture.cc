@@ -7,7 +7,6 @@
 #include <csignal>
 #include <filesystem>
 #include <memory>
-#include <random>
 #include <thread>
 
 #include "quillplatform/shell.h"
@@ -19,37 +18,25 @@
 
 namespace {
 
-// A client that sets and reads a service of its own repeatedly, and compares each reply with the expected
-// one.
-class CheckingClient {
- public:
-    explicit CheckingClient(uint32_t code) : code_(code) {}
+// A client that sets and reads a service of its own repeatedly and checks the replies.
+struct CheckingClient {
+    explicit CheckingClient(uint32_t service) : code(service) {}
 
     void ask() {
-        const bool sets = count_ % 10 == 0;
-        value_ += sets;
+        const bool sets = count++ % 10 == 0;
+        value += sets;
         const double start = seconds_now();
-        const std::string reply =
-            client_.ask(service_frame(sets ? SET_REQ : GET_REQ, code_, sets ? value_ : 0));
-        const double duration = seconds_now() - start;
-        if (durations_.size() < kKept)
-            durations_.push_back(duration);
-        else
-            durations_[count_ % kKept] = duration;
-        ++count_;
-        wrong_ += reply != reply_frame(0, word(code_) + word(value_));
+        const std::string reply = client.ask(service_frame(sets ? SET_REQ : GET_REQ, code, sets ? value : 0));
+        constexpr size_t kKept = 100000;  // later durations overwrite the oldest
+        durations.resize(std::min<size_t>(std::max<size_t>(durations.size(), count), kKept));
+        durations[(count - 1) % kKept] = seconds_now() - start;
+        wrong += reply != reply_frame(0, word(code) + word(value));
     }
-    unsigned count() const { return count_; }
-    unsigned wrong() const { return wrong_; }
-    std::vector<double> take_durations() { return std::exchange(durations_, {}); }
 
- private:
-    static constexpr size_t kKept = 100000;  // durations; later ones overwrite the oldest
-
-    RawClient client_;
-    uint32_t code_, value_ = 0;
-    unsigned count_ = 0, wrong_ = 0;
-    std::vector<double> durations_;
+    RawClient client;
+    uint32_t code, value = 0;
+    unsigned count = 0, wrong = 0;
+    std::vector<double> durations;
 };
 
 class Clients : public testing::Test {
@@ -77,11 +64,14 @@ class Clients : public testing::Test {
 TEST_F(Clients, StalledAndKilledOnesDelayNobody) {
     const unsigned kills = scale("QUILL_CLIENT_KILLS", 1000, 1000),
                    stalled = scale("QUILL_STALLED", 100, 100);
-    CheckingClient healthy(5000);
-    const auto measured = [&] {
-        for (int i = 0; i < 4000; ++i) healthy.ask();
-        return Spread(healthy.take_durations());
+    unsigned wrong = 0;
+    const auto measure = [&](const std::function<bool(unsigned)>& goes_on) {
+        CheckingClient healthy(5000);
+        for (unsigned i = 0; goes_on(i); ++i) healthy.ask();
+        wrong += healthy.wrong;
+        return Spread(healthy.durations);
     };
+    const auto a_while = [](unsigned i) { return i < 4000; };
     const auto stall = [&] {
         std::vector<RawClient> silent(stalled);
         for (unsigned i = 0; i < stalled; ++i) {
@@ -92,26 +82,25 @@ TEST_F(Clients, StalledAndKilledOnesDelayNobody) {
                     ++sent;
             if (i % 3 == 2) silent[i].send(service_frame(SET_REQ, 6000, 1).substr(0, 100));
         }
+        sleep_for(0.3);  // until their requests have been processed
         return silent;
     };
     // Measured alternately, and the best of each compared: other load only makes durations longer.
-    Spread alone = measured(), with_stalled = alone;
+    Spread alone = measure(a_while), with_stalled = alone;
     const unsigned before = daemon->kilobytes();
     const auto files = descriptors();
     const auto better = [](const Spread& one, const Spread& other) {
         return one.p99 < other.p99 ? one : other;
     };
     for (int i = 0; i < 5; ++i) {
-        alone = better(alone, measured());
+        alone = better(alone, measure(a_while));
         const auto silent = stall();
-        sleep_for(0.3);  // until their requests have been processed
-        with_stalled = i == 0 ? measured() : better(with_stalled, measured());
+        with_stalled = i == 0 ? measure(a_while) : better(with_stalled, measure(a_while));
     }
     auto silent = stall();
     // Starting and killing processes takes time by itself, hence a control group that sends no requests.
     const auto measure_with_victims = [&](bool asking) {
         const pid_t killer = start_child([&] {
-            std::mt19937 random(1);
             for (unsigned round = 0; round < kills; round += 10) {
                 std::vector<pid_t> victims;
                 for (unsigned i = 0; i < 10; ++i)
@@ -124,7 +113,7 @@ TEST_F(Clients, StalledAndKilledOnesDelayNobody) {
                             else
                                 client.send(service_frame(GET_REQ, 7000 + i, value));
                     }));
-                sleep_for(0.001 + static_cast<double>(random() % 4000) / 1e6);
+                sleep_for(0.001 + round * 7 % 4000 / 1e6);
                 for (const pid_t victim : victims) kill(victim, SIGKILL);
                 for (const pid_t victim : victims) EXPECT_EQ(128 + SIGKILL, wait_for(victim));
             }
@@ -134,15 +123,15 @@ TEST_F(Clients, StalledAndKilledOnesDelayNobody) {
             EXPECT_EQ(0, wait_for(killer));
             over = true;
         });
-        while (!over) {
-            healthy.ask();
+        const Spread spread = measure([&](unsigned) {
             sleep_for(0.0005);  // so that most requests coincide with a new victim
-        }
+            return !over;
+        });
         waiting.join();
-        return Spread(healthy.take_durations());
+        return spread;
     };
     const Spread control = measure_with_victims(false), beside = measure_with_victims(true);
-    EXPECT_EQ(0u, healthy.wrong());
+    EXPECT_EQ(0u, wrong);
     EXPECT_LE(with_stalled.p99, allowed(2 * alone.p99 + 0.0002)) << "seconds beside stalled clients";
     EXPECT_LE(beside.p99, allowed(2 * control.p99 + 0.02)) << "seconds beside clients that are killed";
     silent.clear();
@@ -192,11 +181,10 @@ TEST_F(Clients, ConcurrentOnesGetTheirOwnReplies) {
     std::vector<double> durations;
     unsigned requests = 2 * shared_requests;
     for (auto& client : clients) {
-        wrong += client.wrong();
-        requests += client.count();
-        const auto own = client.take_durations();
-        EXPECT_LT(0u, own.size()) << "a client without replies";
-        durations.insert(durations.end(), own.begin(), own.end());
+        wrong += client.wrong;
+        requests += client.count;
+        EXPECT_LT(0u, client.count) << "a client without replies";
+        durations.insert(durations.end(), client.durations.begin(), client.durations.end());
     }
     EXPECT_EQ(0u, wrong) << "wrong replies";
     report_figures(std::to_string(requests) + " requests of " + std::to_string(kClients + kSharing) +

@@ -1,10 +1,8 @@
-// Permissions of all kinds of peers for all kinds of requests; malformed requests in great numbers;
-// connections that race. Needs the sandbox, since permitted requests take effect.
+// Permissions of all kinds of peers for all kinds of requests, and racing connections. Needs the sandbox, since
+// permitted requests take effect.
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-
-#include <random>
 
 #include "quillplatform/shell.h"
 #include "quillsecurity.h"
@@ -25,27 +23,26 @@ enum Who { kNobody, kAdministrators, kAll };
 const struct Kind {
     uint32_t type, size;
     Who reads, writes;
-    bool has_text;
 } kKinds[] = {
-    {SECURITY_PASSWD_REQUEST, 8452, kAdministrators, kAdministrators, true},
-    {SECURITY_USER_MANAGE_REQUEST, 16960, kAdministrators, kAdministrators, true},
-    {SECURITY_ROLE_ASSIGN_REQUEST, 4292, kAll, kAdministrators, true},
-    {SECURITY_ENABLE_INFO_REQUEST, 8, kAll, kAdministrators, false},
-    {SECURITY_USER_REQUEST, 264, kAdministrators, kAdministrators, true},
-    {SECURITY_SSHKEY_FILE_REQUEST, 2328, kAdministrators, kAdministrators, true},
-    {SECURITY_SSHKEY_FILE_REQUEST, 8321, kAdministrators, kAdministrators, true},
-    {SECURITY_BANNER_REQUEST, 1, kAll, kAdministrators, false},
-    {SECURITY_RESULT_REQUEST, sizeof(security_self_test_results), kAll, kAdministrators, false},
-    {SECURITY_ROLES_REQUEST, 4292, kAll, kAdministrators, true},
-    {SECURITY_USER_LOOKUP_REQUEST, 2328, kAll, kNobody, true},
-    {SECURITY_USER_LOOKUP_REQUEST, 8321, kAll, kNobody, true},
-    {SECURITY_SSHKEY_REQUEST, 5720, kAdministrators, kAdministrators, true},
-    {SECURITY_SSHKEY_TRANSFER_REQUEST, 5720, kAdministrators, kAdministrators, true},
-    {SECURITY_PRIV_INFO_REQUEST, 1108, kAdministrators, kAdministrators, true},
-    {SECURITY_LOCALE_ASSIGN_REQUEST, 4292, kAll, kAdministrators, true},
-    {SECURITY_NGINX_PORT_REQUEST, 12, kAll, kAdministrators, false},
-    {SECURITY_NGINX_CERT_REQUEST, 2108, kAdministrators, kAdministrators, true},
-    {SECURITY_ORPHANS_REQUEST, sizeof(security_orphans), kAdministrators, kAdministrators, false},
+    {SECURITY_PASSWD_REQUEST, 8452, kAdministrators, kAdministrators},
+    {SECURITY_USER_MANAGE_REQUEST, 16960, kAdministrators, kAdministrators},
+    {SECURITY_ROLE_ASSIGN_REQUEST, 4292, kAll, kAdministrators},
+    {SECURITY_ENABLE_INFO_REQUEST, 8, kAll, kAdministrators},
+    {SECURITY_USER_REQUEST, 264, kAdministrators, kAdministrators},
+    {SECURITY_SSHKEY_FILE_REQUEST, 2328, kAdministrators, kAdministrators},
+    {SECURITY_SSHKEY_FILE_REQUEST, 8321, kAdministrators, kAdministrators},
+    {SECURITY_BANNER_REQUEST, 1, kAll, kAdministrators},
+    {SECURITY_RESULT_REQUEST, sizeof(security_self_test_results), kAll, kAdministrators},
+    {SECURITY_ROLES_REQUEST, 4292, kAll, kAdministrators},
+    {SECURITY_USER_LOOKUP_REQUEST, 2328, kAll, kNobody},
+    {SECURITY_USER_LOOKUP_REQUEST, 8321, kAll, kNobody},
+    {SECURITY_SSHKEY_REQUEST, 5720, kAdministrators, kAdministrators},
+    {SECURITY_SSHKEY_TRANSFER_REQUEST, 5720, kAdministrators, kAdministrators},
+    {SECURITY_PRIV_INFO_REQUEST, 1108, kAdministrators, kAdministrators},
+    {SECURITY_LOCALE_ASSIGN_REQUEST, 4292, kAll, kAdministrators},
+    {SECURITY_NGINX_PORT_REQUEST, 12, kAll, kAdministrators},
+    {SECURITY_NGINX_CERT_REQUEST, 2108, kAdministrators, kAdministrators},
+    {SECURITY_ORPHANS_REQUEST, sizeof(security_orphans), kAdministrators, kAdministrators},
 };
 const uint32_t kOperations[] = {0, GET_REQ, GETNEXT_REQ, SET_REQ, DEL_REQ, 5, 0xffffffff};
 
@@ -148,71 +145,6 @@ TEST_F(Peers, RacingConnectionsAreNotMixed) {
     EXPECT_EQ(reply_frame(0, word(kAllowed) + word(count - 1)),
               RawClient().ask(service_frame(GET_REQ, kAllowed, 0)));
     report_figures(std::to_string(4 * count) + " connections that raced, none mistaken for another");
-}
-
-// Returns a random request that is invalid from any peer.
-std::string malformed(std::mt19937& numbers) {
-    const auto below = [&](size_t end) { return numbers() % end; };
-    const Kind& kind = kKinds[below(std::size(kKinds))];
-    const uint32_t operation = kOperations[below(std::size(kOperations))];
-    std::string frame = request_frame(kind.type, operation, std::string(kind.size, '\0'));
-    switch (below(8)) {
-    case 0: {
-        std::string noise(1 + below(below(100) == 0 ? 21000 : 300), '\0');
-        for (char& c : noise) c = static_cast<char>(numbers());
-        return noise;
-    }
-    case 1:
-        return frame.replace(below(8), 1, 1, static_cast<char>(0x80 | numbers()));  // magic and version
-    case 2:
-        return frame.replace(24, 4, word(static_cast<uint32_t>(kind.size + 1 + numbers() % 0x7fffffff)));
-    case 3:
-        return frame.substr(0, 1 + below(frame.size() - 1));
-    case 4:
-        return frame.replace(28, 128, 128, 'x');
-    case 5:  // no record has this size
-        return request_frame(kind.type, operation,
-                             std::string(20 + below(150), static_cast<char>(numbers())));
-    case 6:
-        return request_frame(6000 + static_cast<uint32_t>(below(200000)), operation,
-                             std::string(kind.size, '\1'));
-    default:  // texts without a terminator, which are read when they are stored, or too long a record
-        return request_frame(
-            kind.type, kind.has_text ? uint32_t{SET_REQ} : operation,
-            std::string(kind.has_text ? kind.size : SECURITY_CMI_MAX_RECORD + 1 + below(5000), 'x'));
-    }
-}
-
-TEST_F(Peers, MalformedRequestsDoNothing) {
-    const unsigned count = scale("QUILL_MALFORMED", 40000, 1000000) / 2;
-    const auto send = [](unsigned seed, unsigned times) {
-        std::mt19937 numbers(seed);
-        RawClient client;
-        for (unsigned i = 0; i < times; ++i) {
-            const std::string frame = malformed(numbers), reply = client.ask(frame);
-            EXPECT_TRUE(reply.size() == 16 && reply.compare(0, 8, "QSEC" + word(2)) == 0 &&
-                        reply.compare(8, 4, word(0)) != 0)
-                << "request " << i << " of " << seed << " of " << frame.size() << " bytes, " << reply.size();
-        }
-    };
-    const auto both = [&](unsigned seed, unsigned times) {
-        const pid_t nobody = start_child([&] {
-            become_nobody();
-            send(seed, times);
-        });
-        send(seed + 1, times);
-        EXPECT_EQ(0, wait_for(nobody));
-    };
-    both(1, 2000);
-    const auto files = files_in(box.state());
-    const unsigned before = daemon->kilobytes();
-    both(3, count);
-    const unsigned after = daemon->kilobytes();
-    EXPECT_LE(after, before + allowed(0.05 * before)) << "kilobytes of the daemon";
-    EXPECT_TRUE(files == files_in(box.state()));
-    EXPECT_EQ(0, daemon->end()) << daemon->log();
-    report_figures(std::to_string(2 * count) + " malformed requests refused; memory " +
-                   std::to_string(before) + " to " + std::to_string(after) + " kB");
 }
 
 }  // namespace
