@@ -4,10 +4,13 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <functional>
+#include <random>
 
 #include "tests/support/box.h"
 #include "tests/support/process.h"
@@ -227,6 +230,49 @@ TEST_F(SqliteFaults, AFailedReadIsReportedAndTemporary) {
     fault.end();
     for (unsigned i = 0; i < kRecords; ++i)
         EXPECT_TRUE(std::string(60000, 'v') == fetch(handle, numbered("key", i)));
+}
+
+// It is refused and left unchanged, or its intact records are read.
+TEST_F(SqliteFaults, ADamagedFileYieldsNoWrongValue) {
+    constexpr unsigned kRecords = 40;
+    const auto value = [](unsigned i) { return numbered(std::string(2100, 'v'), i); };
+    ASSERT_EQ(PSS_OK, open());
+    for (unsigned i = 0; i < kRecords; ++i) ASSERT_EQ(PSS_OK, put(handle, numbered("key", i), value(i)));
+    pss2_close(handle);
+    const std::string file = box.state() + "/s.db", whole = read_file(file);
+    unsigned refused = 0, unreadable = 0;
+    const auto check = [&](const std::string& bytes) {
+        std::filesystem::remove(file + "-wal");
+        write_file(file, bytes);
+        refused += open() != PSS_OK;
+        for (unsigned i = 0; i < kRecords && handle != 0; ++i) {
+            const std::string found = fetch(handle, numbered("key", i));
+            EXPECT_TRUE(found == value(i) || (found[0] == '[' && found != "[40480003]")) << found;
+            unreadable += found != value(i);
+        }
+        for (const auto& [name, left] : files_in(box.state()))
+            EXPECT_TRUE(left == (name == "s.db" ? bytes : "") || (handle != 0 && name != "s.db")) << name;
+        pss2_close(handle);
+    };
+    for (const size_t length : {size_t{0}, size_t{50}, size_t{100}, size_t{512}, whole.size() / 2,
+                                whole.size() - 4096, whole.size() - 1})
+        check(whole.substr(0, length));
+    std::mt19937 random(1);
+    const std::function<char(char)> damages[] = {[](char) { return '\0'; },
+                                                 [](char c) { return static_cast<char>(~c); },
+                                                 [&](char) { return static_cast<char>(random()); }};
+    for (const auto& damage : damages) {
+        const auto check_damaged = [&](size_t from, size_t size) {
+            std::string bytes = whole;
+            std::transform(&bytes[from], &bytes[from] + size, &bytes[from], damage);
+            check(bytes);
+        };
+        check_damaged(0, whole.size());
+        check_damaged(0, 100);
+        for (size_t page = 0; page < whole.size(); page += 4096) check_damaged(page, 4096);
+    }
+    EXPECT_LT(0u, refused);
+    EXPECT_LT(0u, unreadable) << "no damage was found";
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
 // The files of the SQLite store: their modes, which are opened, and which are refused and left unchanged.
-// Damage to whole pages is tested by tests/torture/disk_torture.cc.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/stat.h>

@@ -74,7 +74,7 @@ bool fails_to_change(int file) {
 
 }  // namespace
 
-// Each function has a name of its own in C++, since the headers may declare the call with other types.
+// Functions with two names are BOTH. Each has a name of its own in C++, since the headers may declare the call with other types.
 #define CALL(result, name, parameters, file, arguments) \
     FALLIBLE(result, name, parameters, fails(file), arguments)
 #define FALLIBLE(result, name, parameters, failure, arguments)                        \
@@ -82,9 +82,9 @@ bool fails_to_change(int file) {
     result failing_##name parameters {                                                \
         return (failure) ? (result)-1 : original<result parameters>(#name) arguments; \
     }
+#define BOTH(result, name, ...) CALL(result, name, __VA_ARGS__) CALL(result, name##64, __VA_ARGS__)
 
-CALL(int, open, (const char* path, int flags, mode_t mode), path, (path, flags, mode))
-CALL(int, open64, (const char* path, int flags, mode_t mode), path, (path, flags, mode))
+BOTH(int, open, (const char* path, int flags, mode_t mode), path, (path, flags, mode))
 CALL(ssize_t, read, (int file, void* bytes, size_t size), file, (file, bytes, size))
 CALL(ssize_t, write, (int file, const void* bytes, size_t size), file, (file, bytes, size))
 CALL(ssize_t, pread, (int file, void* bytes, size_t size, off_t at), file, (file, bytes, size, at))
@@ -95,15 +95,11 @@ FALLIBLE(ssize_t, pwrite64, (int file, const void* bytes, size_t size, off64_t a
          (file, bytes, size, at))
 FALLIBLE(int, ftruncate, (int file, off_t size), fails_to_change(file), (file, size))
 FALLIBLE(int, ftruncate64, (int file, off64_t size), fails_to_change(file), (file, size))
-CALL(int, fcntl, (int file, int command, void* argument), file, (file, command, argument))
-CALL(int, fcntl64, (int file, int command, void* argument), file, (file, command, argument))
+BOTH(int, fcntl, (int file, int command, void* argument), file, (file, command, argument))
 CALL(int, flock, (int file, int operation), file, (file, operation))
-CALL(int, fstat, (int file, void* facts), file, (file, facts))
-CALL(int, fstat64, (int file, void* facts), file, (file, facts))
-CALL(int, stat, (const char* path, void* facts), path, (path, facts))
-CALL(int, stat64, (const char* path, void* facts), path, (path, facts))
-CALL(int, lstat, (const char* path, void* facts), path, (path, facts))
-CALL(int, lstat64, (const char* path, void* facts), path, (path, facts))
+BOTH(int, fstat, (int file, void* facts), file, (file, facts))
+BOTH(int, stat, (const char* path, void* facts), path, (path, facts))
+BOTH(int, lstat, (const char* path, void* facts), path, (path, facts))
 CALL(int, access, (const char* path, int mode), path, (path, mode))
 CALL(int, chmod, (const char* path, mode_t mode), path, (path, mode))
 CALL(int, fchmod, (int file, mode_t mode), file, (file, mode))
