@@ -335,14 +335,17 @@ TEST_F(Channel, ContextsAreKeptApart) {
     EXPECT_EQ("2", ask(kCount, "").record) << "no handler was called";
 }
 
+// Idle clients, one that reads no replies, one that sends a truncated request, and some that disconnect at once.
 TEST_F(Channel, NobodyIsDelayedByTheOthers) {
     ServerProcess server(answer);
-    std::vector<RawClient> idle(100);
-    RawClient stalled;
+    std::vector<RawClient> idle(99);
+    RawClient stalled, truncated;
     const std::string request = request_frame(kEcho, 1, std::string(10000, 'x'));
     for (int i = 0; i < 10000 && stalled.send(request, MSG_DONTWAIT); ++i) continue;
+    truncated.send(request.substr(0, 100));
     EXPECT_EQ("here", ask(kEcho, "here").record);
-    for (int i = 0; i < 50; ++i) RawClient().send(request_frame(kEcho, 1, "dies without waiting"));
+    for (int i = 0; i < 2000; ++i)
+        ASSERT_TRUE(RawClient().send(request_frame(kEcho, 1, "dies without waiting"))) << i;
     const Outcome got = ask(kEcho, "here");
     EXPECT_EQ("here", got.record);
     EXPECT_LT(got.seconds, 0.5);

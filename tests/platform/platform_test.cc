@@ -219,15 +219,13 @@ TEST(TlvMessages, OnlyNumbersAreByteSwapped) {
     free(tlv);
     Numbers read{};
     void* structure = &read;
-    for (size_t cut = 1; cut < want.size(); ++cut) {
-        const std::string part = want.substr(0, cut);
-        const bool whole = cut == 10 || cut == 26 || cut == 37;
-        EXPECT_EQ(
-            whole ? TLVU_OK : TLVU_MALFORMED,
-            tlvu_table_convert_tlv_to_struct(&table, part.data(), static_cast<uint32_t>(cut), &structure, 1))
-            << cut;
-    }
-    EXPECT_EQ(0u, tlvu_table_convert_tlv_to_struct(&table, want.data(), length, &structure, 1));
+    const auto parse = [&](size_t size) {
+        return tlvu_table_convert_tlv_to_struct(&table, want.data(), static_cast<uint32_t>(size), &structure,
+                                                1);
+    };
+    for (size_t cut = 1; cut < want.size(); ++cut)
+        EXPECT_EQ(cut == 10 || cut == 26 || cut == 37 ? TLVU_OK : TLVU_MALFORMED, parse(cut)) << cut;
+    EXPECT_EQ(0u, parse(length));
     EXPECT_EQ(0, memcmp(&numbers.eight, &read.eight, 15));
     EXPECT_EQ(numbers.two, read.two);
 }

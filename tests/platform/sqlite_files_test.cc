@@ -178,29 +178,24 @@ TEST_F(SqliteFiles, InvalidKeysAndValues) {
     ASSERT_EQ(PSS_OK, open());
     const pss_descriptor nothing{nullptr, 5};
     uint32_t status = 0;
-    EXPECT_EQ(PSS_BAD_ARGUMENT, put(handle, "", "v"));
-    EXPECT_EQ(PSS_BAD_ARGUMENT, put(handle, std::string(PSS_MAX_KEY + 1, 'k'), "v"));
-    EXPECT_EQ(PSS_BAD_ARGUMENT, put(handle, "k", std::string(PSS_MAX_VALUE + 1, 'v')));
-    EXPECT_EQ(PSS_BAD_ARGUMENT, erase(handle, ""));
+    for (const uint32_t got :
+         {put(handle, "", "v"), put(handle, std::string(PSS_MAX_KEY + 1, 'k'), "v"), erase(handle, ""),
+          put(handle, "k", std::string(PSS_MAX_VALUE + 1, 'v')), pss2_store(handle, nullptr, nullptr),
+          pss2_move2key(&handle, PSS_MODE, &nothing, &status)})
+        EXPECT_EQ(PSS_BAD_ARGUMENT, got);
     EXPECT_EQ("[40480002]", fetch(handle, ""));
     EXPECT_EQ(nullptr, pss2_fetch(handle, &nothing, &status));
     EXPECT_EQ(PSS_BAD_ARGUMENT, status);
-    EXPECT_EQ(PSS_BAD_ARGUMENT, pss2_store(handle, nullptr, nullptr));
-    EXPECT_EQ(PSS_BAD_ARGUMENT, pss2_move2key(&handle, PSS_MODE, &nothing, &status));
 }
 
 // With and without the create flag.
 TEST_F(SqliteFiles, AnythingButAStoreIsRefusedAndLeftUnchanged) {
-    const auto make_foreign = [this] {
-        run_sql(
-            "PRAGMA journal_mode=WAL; CREATE TABLE record(key BLOB, value BLOB);"
-            "INSERT INTO record VALUES('k', 'v')");
-    };
     const struct {
         const char* what;
         std::function<void()> make;
     } cases[] = {
-        {"a database of another program", make_foreign},
+        {"a database of another program",
+         [this] { run_sql("PRAGMA journal_mode=WAL; CREATE TABLE record(key BLOB, value BLOB)"); }},
         {"text", [this] { write_file(file, "user=admin\n", 0644); }},
         {"an empty file", [this] { write_file(file, ""); }},
         {"a truncated header", [this] { write_file(file, std::string("SQLite format 3\0", 16)); }},
@@ -254,22 +249,16 @@ TEST_F(SqliteFiles, Versions) {
     EXPECT_EQ("in the log", fetch(handle, "late"));
 }
 
-TEST_F(SqliteFiles, ACopyInAnotherJournalModeIsChangedToWal) {
+TEST_F(SqliteFiles, AStoreChangedWithSqlite) {
     make_store();
     run_sql("PRAGMA journal_mode=DELETE");
-    EXPECT_EQ(PSS_OK, open());
-    EXPECT_EQ(PSS_OK, put(handle, "key", "other"));
-    EXPECT_EQ("0600", mode_of(file + "-wal"));
-    EXPECT_EQ("none", mode_of(file + "-journal"));
-}
-
-// Of the key followed by the value; existing stores depend on it. This is the published check value of
-// "123456789".
-TEST_F(SqliteFiles, ChecksumsAreCrc32) {
-    make_store();
+    // The published check value of CRC-32 for "123456789": the checksum is that of the key followed by the value.
     run_sql("INSERT INTO record VALUES(CAST('1234' AS BLOB), CAST('56789' AS BLOB), 0xCBF43926)");
     EXPECT_EQ(PSS_OK, open());
     EXPECT_EQ("56789", fetch(handle, "1234"));
+    EXPECT_EQ(PSS_OK, put(handle, "key", "other"));
+    EXPECT_EQ("0600", mode_of(file + "-wal")) << "changed to WAL";
+    EXPECT_EQ("none", mode_of(file + "-journal"));
 }
 
 TEST_F(SqliteFiles, AnInterruptedCreationIsRepeated) {
