@@ -95,7 +95,7 @@ TEST_F(SqliteFiles, UnsuitableFolders) {
         EXPECT_EQ(mode, strtoul(mode_of(state).c_str(), nullptr, 8)) << "unchanged";
         EXPECT_EQ(0, rmdir(state.c_str())) << "still empty";
     }
-    if (geteuid() != 0) GTEST_SKIP() << "only root gives folders away";
+    if (geteuid() != 0) GTEST_SKIP() << "only root can change owners";
     mkdir(state.c_str(), 0700);
     ASSERT_EQ(0, chown(state.c_str(), 65534, 65534));
     EXPECT_EQ(PSS_UNSAFE, open()) << "of another user";
@@ -107,7 +107,7 @@ TEST_F(SqliteFiles, AFileOpenToOthersIsClosedToThem) {
     EXPECT_EQ(PSS_OK, open());
     EXPECT_EQ("0600", mode_of(file));
     pss2_close(handle);
-    if (geteuid() != 0) GTEST_SKIP() << "only root gives files away";
+    if (geteuid() != 0) GTEST_SKIP() << "only root can change owners";
     ASSERT_EQ(0, chown(file.c_str(), 65534, 65534));
     EXPECT_EQ(PSS_UNSAFE, open());
 }
@@ -292,7 +292,7 @@ TEST_F(SqliteFiles, ConcurrentCreationsYieldOneStore) {
     }
 }
 
-// They are valid until the next call, and for its duration.
+// Returned bytes are valid until the next call has ended.
 TEST_F(SqliteFiles, ReturnedBytesCanBeArgumentsOfTheNextCall) {
     ASSERT_EQ(PSS_OK, open());
     put(handle, "first", "second");

@@ -19,7 +19,7 @@ constexpr uint32_t kForbidden = 4242, kAllowed = 4243;  // codes of services
 
 enum Who { kNobody, kAdministrators, kAll };
 
-// Not taken from the daemon's table, which it checks.
+// Not the daemon's own table, which this one verifies.
 const struct Kind {
     uint32_t type, size;
     Who reads, writes;
