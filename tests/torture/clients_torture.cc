@@ -1,8 +1,10 @@
-// Many clients at once: no reply is lost or sent to another client, and the daemon's memory does not grow.
+// Many clients at once: no reply is lost or sent to another client, no client gets the permissions of another, and
+// the daemon's memory does not grow.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <atomic>
+#include <memory>
 #include <thread>
 
 #include "quillplatform/shell.h"
@@ -49,13 +51,21 @@ bool exchange(uint32_t operation, uint32_t code, uint32_t value, uint32_t want) 
     return correct;
 }
 
-// Threads with connections of their own, and some that share one.
-TEST(Clients, GetTheirOwnReplies) {
+class Clients : public testing::Test {
+ protected:
+    Clients() {
+        setenv("LD_PRELOAD", FAULTS_LIBRARY, 1);  // the daemon does not wait for the disk
+        daemon = std::make_unique<Daemon>();
+        unsetenv("LD_PRELOAD");
+        EXPECT_TRUE(daemon->ready()) << daemon->log();
+    }
+
     const Box box;
-    setenv("LD_PRELOAD", FAULTS_LIBRARY, 1);  // the daemon does not wait for the disk
-    Daemon daemon;
-    unsetenv("LD_PRELOAD");
-    ASSERT_TRUE(daemon.ready()) << daemon.log();
+    std::unique_ptr<Daemon> daemon;
+};
+
+// Threads with connections of their own, and some that share one.
+TEST_F(Clients, GetTheirOwnReplies) {
     const unsigned seconds = scale("QUILL_CONCURRENT_SECONDS", 5, 600);
     constexpr unsigned kClients = 64, kSharing = 8;
     security_cmi_timeout = 30;
@@ -74,7 +84,7 @@ TEST(Clients, GetTheirOwnReplies) {
                 wrong += !exchange(SET_REQ, code, value, value) || !exchange(GET_REQ, code, 0, value);
         });
     sleep_for(warm - seconds_now());
-    const unsigned before = daemon.kilobytes();
+    const unsigned before = daemon->kilobytes();
     for (auto& thread : threads) thread.join();
     std::vector<double> durations;
     unsigned requests = 2 * shared_requests;
@@ -85,12 +95,37 @@ TEST(Clients, GetTheirOwnReplies) {
         durations.insert(durations.end(), client.durations.begin(), client.durations.end());
     }
     EXPECT_EQ(0u, wrong) << "wrong replies";
-    const unsigned after = daemon.kilobytes();
+    const unsigned after = daemon->kilobytes();
     EXPECT_LE(after, before + allowed(0.05 * before)) << "kilobytes of the daemon";
     report_figures(std::to_string(requests) + " requests of " + std::to_string(kClients + kSharing) +
                    " clients at once, none lost or mixed; " + Spread(durations).text() + "; memory " +
                    std::to_string(before) + " to " + std::to_string(after) + " kB");
-    EXPECT_EQ(0, daemon.end()) << daemon.log();
+    EXPECT_EQ(0, daemon->end()) << daemon->log();
+}
+
+TEST_F(Clients, HaveTheirOwnPermissions) {
+    if (geteuid() != 0) GTEST_SKIP() << "only root can change its user";
+    constexpr uint32_t kForbidden = 4242, kAllowed = 4243;  // codes of services
+    const unsigned count = scale("QUILL_CONNECTIONS", 10000, 100000) / 4;
+    std::vector<pid_t> racers;
+    for (int i = 0; i < 3; ++i)
+        racers.push_back(start_child([&] {
+            become_nobody();
+            for (unsigned n = 0; n < count; ++n) {
+                RawClient client;  // closed at once, so that the daemon reuses its descriptor
+                client.send(service_frame(SET_REQ, kForbidden, n), MSG_DONTWAIT);
+            }
+        }));
+    racers.push_back(start_child([&] {
+        for (unsigned n = 0; n < count; ++n)
+            EXPECT_EQ(reply_frame(0, word(kAllowed) + word(n)),
+                      RawClient().ask(service_frame(SET_REQ, kAllowed, n)));
+    }));
+    for (const pid_t racer : racers) EXPECT_EQ(0, wait_for(racer));
+    EXPECT_EQ(reply_frame(SECURITY_ERR_NO_VALUE, ""), RawClient().ask(service_frame(GET_REQ, kForbidden, 0)));
+    EXPECT_EQ(reply_frame(0, word(kAllowed) + word(count - 1)),
+              RawClient().ask(service_frame(GET_REQ, kAllowed, 0)));
+    report_figures(std::to_string(4 * count) + " connections that raced, none taken for another");
 }
 
 }  // namespace
