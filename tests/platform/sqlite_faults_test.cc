@@ -65,6 +65,7 @@ TEST_F(SqliteFaults, ASuccessfulChangeIsOnDisk) {
     ASSERT_EQ(PSS_OK, pss_version_set(handle, 1, 7));
     ASSERT_EQ(PSS_OK, pss_version_set(handle, 1, 7));
     EXPECT_EQ(4, fault.flushes) << "none if the version is the same";
+    EXPECT_EQ(0u, std::filesystem::file_size(box.state() + "/s.db-wal") % 65536) << "extended in advance";
 }
 
 TEST_F(SqliteFaults, AFailedWriteChangesNothing) {
@@ -72,11 +73,11 @@ TEST_F(SqliteFaults, AFailedWriteChangesNothing) {
     std::string stored = "value0";
     ASSERT_EQ(PSS_OK, put(handle, "key", stored));
     unsigned count = 0;
-    const auto fail = [&](const auto& c, unsigned after, unsigned times) {
+    const auto fail = [&](int kinds, const auto& c, unsigned after, unsigned times) {
         SCOPED_TRACE(testing::Message() << strerror(c.error) << " after " << after << ", " << times);
         // Longer than a page, so that it takes several writes.
         const std::string next = numbered(std::string(9000, 'v'), ++count);
-        fault.arm(c.error, after, times);
+        fault.arm(c.error, after, times, kinds);
         const uint32_t status = put(handle, "key", next);
         const bool happened = fault.failed != 0;
         EXPECT_TRUE(status == (happened ? c.status : PSS_OK) || (status == PSS_OK && times == 1))
@@ -91,13 +92,10 @@ TEST_F(SqliteFaults, AFailedWriteChangesNothing) {
         EXPECT_EQ(PSS_OK, put(handle, numbered("other", count), next)) << "works again";
         return happened;
     };
-    for (const Fault::Kind kind : {Fault::kChange, Fault::kFlush}) {
-        fault.kind = kind;
+    for (const int kinds : {Fault::kWrite + Fault::kFlush, +Fault::kFlush})
         for (const auto& c : kErrors)
             for (const unsigned times : {1u, UINT_MAX})
-                for (unsigned after = 0; fail(c, after, times);) ++after;
-    }
-    fault.kind = Fault::kAny;
+                for (unsigned after = 0; fail(kinds, c, after, times);) ++after;
     reopen();
     EXPECT_TRUE(stored == fetch(handle, "key"));
     for (unsigned i = 1; i <= count; ++i)
@@ -141,8 +139,8 @@ TEST_F(SqliteFaults, AnyCallMayFail) {
         if (state == kOpen) prepare(kOpen);
         std::string stored = state == kNone ? "[40480003]" : "old";
         const int error = kErrno[after % 3];
-        fault.kind = extent == kFlushes ? Fault::kFlush : Fault::kAny;
-        fault.arm(error, after, extent == kOnce ? 1 : error == EINTR ? 100 : UINT_MAX);  // EINTR is repeated
+        const unsigned times = extent == kOnce ? 1 : error == EINTR ? 100 : UINT_MAX;  // EINTR is repeated
+        fault.arm(error, after, times, extent == kFlushes ? Fault::kFlush : Fault::kAny);
         if (state == kOpen || open() == PSS_OK)
             for (const char* next : {"new", "newer", "newest"})
                 if (put(handle, "key", next) == PSS_OK) stored = next;
@@ -223,7 +221,7 @@ TEST_F(SqliteFaults, AFailedReadIsReportedAndTemporary) {
     constexpr unsigned kRecords = 60;
     for (unsigned i = 0; i < kRecords; ++i) put(handle, numbered("key", i), std::string(60000, 'v'));
     reopen();
-    fault.arm(EIO);
+    fault.arm(EIO, 0, UINT_MAX, Fault::kRead);
     unsigned failed = 0;
     for (unsigned i = 0; i < kRecords; ++i) failed += fetch(handle, numbered("key", i)) == "[4048000c]";
     EXPECT_LT(kRecords / 2, failed) << fetch(handle, "key59");

@@ -13,9 +13,9 @@
 struct Fault {
     static constexpr int kKill = 9999;  // as `error`: the call kills the process
 
-    enum Kind { kAny, kChange, kFlush };  // each includes the next
+    enum Kind { kRead = 1, kWrite = 2, kFlush = 4, kOther = 8, kAny = 15 };
 
-    std::atomic<Kind> kind;         // of the calls that fail
+    std::atomic<int> kinds;         // of the calls that fail: the sum of some
     std::atomic<int> error;         // errno of the failing system calls on the store's files; 0: none fail
     std::atomic<unsigned> after;    // so many calls succeed first
     std::atomic<unsigned> times;    // so many calls fail then
@@ -26,7 +26,8 @@ struct Fault {
     std::atomic<bool> hide_peers;   // getsockopt(SO_PEERCRED) fails
     std::atomic<bool> old_kernel;   // setsockopt(SO_PASSRIGHTS) fails, as on kernels before 6.16
 
-    void arm(int with, unsigned first = 0, unsigned count = UINT_MAX) {
+    void arm(int with, unsigned first = 0, unsigned count = UINT_MAX, int of_kinds = kAny) {
+        kinds = of_kinds;
         error = 0;
         calls = failed = 0;
         after = first;

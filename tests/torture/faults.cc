@@ -43,10 +43,10 @@ bool of_store(int file) {
 }
 
 template <class File>
-bool fails(File file, Fault::Kind kind = Fault::kAny) {
+bool fails(File file, Fault::Kind kind = Fault::kOther) {
     const int saved_errno = errno;
     Fault* fault = set_up();
-    if (fault == nullptr || fault->error == 0 || kind < fault->kind) return false;
+    if (fault == nullptr || fault->error == 0 || (kind & fault->kinds) == 0) return false;
     const bool ours = of_store(file);
     errno = saved_errno;
     if (!ours || fault->calls++ < fault->after || fault->failed >= fault->times) return false;
@@ -67,7 +67,7 @@ int flush(int file) {
 }
 
 bool fails_to_change(int file) {
-    if (fails(file, Fault::kChange)) return true;
+    if (fails(file, Fault::kWrite)) return true;
     if (injected_fault != nullptr) injected_fault->unflushed = true;
     return false;
 }
@@ -86,10 +86,12 @@ bool fails_to_change(int file) {
 #define BOTH(result, name, ...) CALL(result, name, __VA_ARGS__) CALL(result, name##64, __VA_ARGS__)
 
 BOTH(int, open, (const char* path, int flags, mode_t mode), path, (path, flags, mode))
-CALL(ssize_t, read, (int file, void* bytes, size_t size), file, (file, bytes, size))
+FALLIBLE(ssize_t, read, (int file, void* bytes, size_t size), fails(file, Fault::kRead), (file, bytes, size))
 CALL(ssize_t, write, (int file, const void* bytes, size_t size), file, (file, bytes, size))
-CALL(ssize_t, pread, (int file, void* bytes, size_t size, off_t at), file, (file, bytes, size, at))
-CALL(ssize_t, pread64, (int file, void* bytes, size_t size, off64_t at), file, (file, bytes, size, at))
+FALLIBLE(ssize_t, pread, (int file, void* bytes, size_t size, off_t at), fails(file, Fault::kRead),
+         (file, bytes, size, at))
+FALLIBLE(ssize_t, pread64, (int file, void* bytes, size_t size, off64_t at), fails(file, Fault::kRead),
+         (file, bytes, size, at))
 FALLIBLE(ssize_t, pwrite, (int file, const void* bytes, size_t size, off_t at), fails_to_change(file),
          (file, bytes, size, at))
 FALLIBLE(ssize_t, pwrite64, (int file, const void* bytes, size_t size, off64_t at), fails_to_change(file),
