@@ -70,7 +70,7 @@ torture: ## endurance and faults at full scale, both targets, and threads under 
 	@$(call build,i386)
 	@$(call torture,i386,full,.)
 	@$(call build,tsan) --target clients_torture
-	@$(call torture,tsan,brief,clients.concurrent)
+	@$(call torture,tsan,brief,clients)
 
 torture-brief: ## the same in a minute or two, amd64 alone
 	@packaging/install-deps

@@ -1,5 +1,5 @@
-# The target `headers` compiles each header of the tree alone, so that any may be included first; the public ones
-# as C too.
+# The target `headers` compiles each header of the tree by itself, so that any can be included first, and the
+# public ones as C too.
 file(GLOB_RECURSE headers RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS
     base/*.h bench/*.h cli/*.h daemon/*.h fuzz/*.h include/*.h library/*.h platform/*.h tests/*.h)
 set(sources)

@@ -1,4 +1,4 @@
-# The device: 32-bit x86, compiled on amd64.
+# The device: 32-bit x86, cross-compiled on amd64.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR i686)
 set(CMAKE_C_FLAGS_INIT "-m32")

@@ -1,4 +1,4 @@
-# How everything of ours is compiled, as the target quill_options, and where the results go.
+# Compiler and linker options of all targets, as the target quill_options, and the output folders.
 option(BUILD_TESTING "build the tests" ON)
 option(QUILL_WERROR "treat warnings as errors" OFF)
 option(QUILL_HARDEN "checked C library calls, stack protector, read-only relocations (off with sanitizers)" ON)
@@ -15,13 +15,13 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
-set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)    # the same bytes wherever the tree lies
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)    # so that a build does not depend on the path of the tree
 
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
 set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
 
-# Apart from quill_options for the one target that no sanitizer may touch.
+# Separate from quill_options for the one target that is compiled without sanitizers.
 add_library(quill_warnings INTERFACE)
 target_compile_options(quill_warnings INTERFACE
     -Wall -Wextra -Wconversion -Wshadow $<$<BOOL:${QUILL_WERROR}>:-Werror>)
@@ -35,7 +35,7 @@ if(QUILL_SANITIZE)
         -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_link_options(quill_options INTERFACE -fsanitize=address,undefined)
     if(QUILL_FUZZ)
-        # What is followed is our own code: the templates of others are most of what is compiled.
+        # Coverage of our own code only: most of what is compiled is templates of libraries.
         target_compile_options(quill_options INTERFACE
             -fsanitize=fuzzer-no-link -fsanitize-coverage-ignorelist=${PROJECT_SOURCE_DIR}/fuzz/not_followed)
     endif()
@@ -45,7 +45,7 @@ elseif(QUILL_THREAD_SANITIZER)
 elseif(QUILL_HARDEN)
     target_compile_options(quill_options INTERFACE -fstack-protector-strong)
     target_link_options(quill_options INTERFACE -Wl,-z,relro,-z,now)
-    # A builder's own choice stands; without optimisation it has no effect but a warning.
+    # The builder's own choice takes precedence; without optimisation it would only cause a warning.
     if(NOT "${CMAKE_CXX_FLAGS} ${CMAKE_C_FLAGS}" MATCHES "_FORTIFY_SOURCE")
         target_compile_definitions(quill_options INTERFACE $<$<CONFIG:Release,RelWithDebInfo>:_FORTIFY_SOURCE=2>)
     endif()

@@ -139,7 +139,7 @@ namespace {
 
 using quill::Answer;
 using quill::Peer;
-using quill::RequestHead;
+using quill::RequestHeader;
 using quill::Route;
 
 constexpr Peer kPeers[] = {
@@ -199,7 +199,7 @@ void check(const Peer& peer, const quill::Request& request, const Answer& answer
 
 // As the loop takes a message apart.
 void receive(const Peer& peer, quill::ConnectionState& state, const std::string& message) {
-    RequestHead head{};
+    RequestHeader head{};
     memcpy(static_cast<void*>(&head), message.data(), std::min(sizeof head, message.size()));
     if (!quill::well_formed(head, message.size()) ||
         memchr(head.user_name, '\0', sizeof head.user_name) == nullptr)
@@ -219,7 +219,7 @@ std::string message(Input& input, bool raw) {
     if (raw) return std::string(input.bytes(input.half()));
     const uint8_t which = input.byte();
     const Route& route = quill::routes()[which % quill::routes().size()];
-    RequestHead head{};
+    RequestHeader head{};
     head.request_type = route.type;
     head.operation = input.byte();
     head.length = route.size;

@@ -1,9 +1,9 @@
-# The shell of packaging/sandbox: the daemon runs beside it, and the prompt says where you are.
+# For the shell of packaging/sandbox: starts the daemon and sets the prompt.
 PS1='[quill sandbox] \w\$ '
 socket=/run/quillsecurity/quillsecurityd.sock
 
 if [ ! -S "$socket" ]; then
-    # In a session of its own: Ctrl-C at the prompt is not for the daemon.
+    # In a session of its own, so that Ctrl-C at the prompt does not end it.
     setsid quillsecurityd --foreground 2>>/var/log/quillsecurityd.log </dev/null &
     disown
     for _ in {1..100}; do

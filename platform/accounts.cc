@@ -26,7 +26,7 @@ platform_shadow_entry* mygetspnam(uint32_t, const char* name) {
     char stored[kLongestName + 1];
     const bool qualified = strchr(name, kContextMark) != nullptr;
     if (make_stored_name(stored, name, qualified ? kDefaultContext : context) >= sizeof stored)
-        return nullptr;  // no account has so long a name
+        return nullptr;  // no account has such a long name
 
     errno = 0;
     const spwd* found = getspnam(stored);
@@ -35,8 +35,8 @@ platform_shadow_entry* mygetspnam(uint32_t, const char* name) {
         entry = {SECURITY_OK, found->sp_pwdp, static_cast<int32_t>(days)};
         return &entry;
     }
-    // Only these values mean that the file could not be read; others may be left over from a search that
-    // found nothing. If the caller may not read the file, errno need not say so.
+    // Only these values mean that the file could not be read; a search that found nothing may set others.
+    // EACCES may be missing, so the permission is checked.
     int error = errno;
     if (euidaccess("/etc/shadow", R_OK) != 0 && errno == EACCES) error = EACCES;
     if (error != EACCES && error != EIO && error != EMFILE && error != ENFILE && error != ENOMEM)

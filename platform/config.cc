@@ -40,7 +40,7 @@ std::optional<int32_t> number_of(std::string_view text, int32_t smallest, int32_
     return number;
 }
 
-// All of the list or, where one of it is no card type, nothing.
+// Adds the card types of a list. Returns false and adds none if one of them is invalid.
 bool add_card_types(std::vector<uint16_t>& types, std::string_view list) {
     std::vector<uint16_t> listed;
     while (!list.empty()) {
@@ -54,7 +54,7 @@ bool add_card_types(std::vector<uint16_t>& types, std::string_view list) {
     return true;
 }
 
-// A name that the fields of records have room for.
+// Whether a name is valid: printable and not longer than the fields of records.
 bool is_name(std::string_view name) {
     return !name.empty() && name.size() <= kLongestName &&
            std::ranges::all_of(name, [](unsigned char c) { return c > ' ' && c < 127; });
@@ -73,9 +73,9 @@ bool add_roles(Config& config, std::string_view list) {
     return true;
 }
 
-// One name a line; empty lines and those that begin with '#' do not count.
+// Adds the names in a file of one name per line; skips empty lines and those that begin with '#'.
 bool add_locales(Config& config, const char* path) {
-    if (path[0] != '/') return false;  // the daemon and its clients stand in different folders
+    if (path[0] != '/') return false;  // daemon and clients have different working directories
     errno = 0;
     std::ifstream file(path);
     if (!file && errno != ENOMEM) return false;
@@ -83,10 +83,11 @@ bool add_locales(Config& config, const char* path) {
         const std::string_view name = trimmed(line);
         if (is_name(name) && name[0] != '#') config.locales.emplace(name);
     }
-    if (!file.eof() && errno == ENOMEM) throw std::bad_alloc();  // streams keep theirs to themselves
+    if (!file.eof() && errno == ENOMEM) throw std::bad_alloc();  // std::getline() does not throw it
     return true;
 }
 
+// Returns false if the setting is unknown or its value invalid.
 bool set(Config& config, const std::string_view name, const char* value) {
     if (name == "vdc_id") {
         const auto id = parse_number(value, 1, SYSMGRCMN_VDC_ID_MAX);
@@ -109,13 +110,13 @@ struct Reading {
     bool no_memory = false;
 };
 
-// inih, which is C, calls this for each line of the form name = value.
+// Called by ini_parse() for each line of the form name = value. Must not throw, since inih is C.
 int on_line(void* user, const char* section, const char* name, const char* value) {
-    if (strcmp(section, "system") != 0) return 1;  // a section of somebody else
+    if (strcmp(section, "system") != 0) return 1;  // for other programs
     auto& reading = *static_cast<Reading*>(user);
     try {
         if (!set(reading.config, name, value))
-            syslog(LOG_WARNING, "%s: '%s = %s' is not understood and was left out", path(), name, value);
+            syslog(LOG_WARNING, "%s: '%s = %s' is invalid and was ignored", path(), name, value);
     } catch (const std::bad_alloc&) {
         reading.no_memory = true;
     }
@@ -125,7 +126,7 @@ int on_line(void* user, const char* section, const char* name, const char* value
 Config read_config() {
     Config config;
     if (*path() != '/') {
-        syslog(LOG_WARNING, "%s: not an absolute path, and not read", path());
+        syslog(LOG_WARNING, "%s: not an absolute path; the file is not read", path());
         return config;
     }
     Reading reading{config};
@@ -133,7 +134,7 @@ Config read_config() {
     const int line = ini_parse(path(), on_line, &reading);
     if (reading.no_memory || (line < 0 && errno == ENOMEM)) throw std::bad_alloc();
     if (line < 0 && errno != ENOENT) syslog(LOG_WARNING, "%s cannot be read: %m", path());
-    // inih tells of the first alone.
+    // inih reports only the first one.
     if (line > 0)
         syslog(LOG_WARNING, "%s: line %d, and perhaps others, is neither a section nor name = value", path(),
                line);

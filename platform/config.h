@@ -13,16 +13,16 @@ struct Config {
     std::optional<int32_t> vdc_id;
     std::optional<uint16_t> card_type;
     std::vector<uint16_t> telnet_card_types;
-    std::set<std::string, std::less<>> roles;  // beside the built-in ones
+    std::set<std::string, std::less<>> roles;  // in addition to the built-in ones
     std::set<std::string, std::less<>> locales;
 };
 
-// Read once, at first use. A missing file is an empty one; what cannot be read or understood is logged and
-// left out. Where memory runs out it is read again the next time; until then nothing is configured, and the
-// context is none, -1: nobody's accounts are taken for another context's.
+// Returns the configuration, which is read once, on first use. A missing file is an empty one; an unreadable
+// file or an invalid line is logged and ignored. If memory runs out, returns a configuration without settings
+// whose context is -1, so that no context's accounts are taken for another's, and reads again the next time.
 const Config& config();
 
-// A whole decimal number within the bounds, or nothing.
+// Returns the decimal number that is the whole text if it is within the bounds, else nothing; also for null.
 std::optional<int32_t> parse_number(const char* text, int32_t smallest, int32_t largest);
 
 }  // namespace quill

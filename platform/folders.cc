@@ -9,9 +9,9 @@
 namespace quill {
 namespace {
 
-std::string from_environment(const char* variable, const char* otherwise) {
+std::string from_environment(const char* variable, const char* default_path) {
     const char* path = getenv(variable);
-    return path != nullptr && *path != '\0' ? path : otherwise;
+    return path != nullptr && *path != '\0' ? path : default_path;
 }
 
 std::string of_this_context(const std::string& shared) {

@@ -8,11 +8,11 @@
 namespace quill {
 namespace {
 
-std::function<void()> work_is_there;
+std::function<void()> work_callback;
 bool (*flush_lines)() = nullptr;
 
-void ask_for_work() {
-    if (work_is_there) work_is_there();
+void announce_work() {
+    if (work_callback) work_callback();
 }
 
 }  // namespace
@@ -27,29 +27,29 @@ ClientLog::Budget& ClientLog::budget_of(uid_t uid) {
 
 bool ClientLog::has_room(uid_t uid, bool administrator) {
     const int kept_errno = errno;
-    tell_left_out();
+    report_dropped();
     Budget& budget = budget_of(uid);
     const bool room = budget.lines < (administrator ? kAdministratorLines : kLines);
     if (room)
         ++budget.lines;
-    else if (++budget.left_out == 1)
-        ask_for_work();
+    else if (++budget.dropped == 1)
+        announce_work();
     errno = kept_errno;
     return room;
 }
 
-bool ClientLog::tell_left_out() {
+bool ClientLog::report_dropped() {
     const time_t now = time(nullptr);
-    const auto left_out = [this] {
-        uint32_t sum = others_.left_out;
-        for (size_t i = 0; i < used_; ++i) sum += budgets_[i].left_out;
+    const auto dropped = [this] {
+        uint32_t sum = others_.dropped;
+        for (size_t i = 0; i < used_; ++i) sum += budgets_[i].dropped;
         return sum;
     };
-    if (now == second_) return left_out() == 0;
+    if (now == second_) return dropped() == 0;
     for (size_t i = 0; i < used_; ++i)
-        if (budgets_[i].left_out != 0)
-            syslog(LOG_WARNING, "%u more lines about uid %u left out", budgets_[i].left_out, budgets_[i].uid);
-    if (others_.left_out != 0) syslog(LOG_WARNING, "%u lines about other users left out", others_.left_out);
+        if (budgets_[i].dropped != 0)
+            syslog(LOG_WARNING, "%u more lines about uid %u left out", budgets_[i].dropped, budgets_[i].uid);
+    if (others_.dropped != 0) syslog(LOG_WARNING, "%u lines about other users left out", others_.dropped);
     second_ = now;
     used_ = 0;
     others_ = {};
@@ -61,19 +61,19 @@ ClientLog& client_log() {
     return log;
 }
 
-void on_log_work(std::function<void()> later) {
-    work_is_there = std::move(later);
-    ask_for_work();
+void on_log_work(std::function<void()> callback) {
+    work_callback = std::move(callback);
+    announce_work();
 }
 
-void put_off_log_work(bool (*flush)()) {
+void defer_log_flush(bool (*flush)()) {
     flush_lines = flush;
-    ask_for_work();
+    announce_work();
 }
 
 bool tend_log() {
-    const bool told = client_log().tell_left_out();
-    return (flush_lines == nullptr || flush_lines()) && told;
+    const bool reported = client_log().report_dropped();
+    return (flush_lines == nullptr || flush_lines()) && reported;
 }
 
 }  // namespace quill

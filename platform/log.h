@@ -1,6 +1,6 @@
-// The daemon's log: lines about clients within a budget, and what is said later.
+// The daemon's log: limits on the lines that clients cause, and work that the event loop does later.
 //
-// syslog(3) is the daemon's own (platform/syslog.cc): it never waits for whoever reads the log.
+// The daemon has its own syslog(3), which never waits for the reader of the log (platform/syslog.cc).
 #pragma once
 
 #include <sys/types.h>
@@ -12,31 +12,31 @@
 
 namespace quill {
 
-// What clients cause is logged within a budget of lines a second for each uid, so that no client
-// floods the log or keeps the lines of others out of it. Lines beyond the budget are counted, and the count is
-// logged.
+// Limits the lines that each uid causes per second, so that no client floods the log or displaces the lines of
+// others. The number of dropped lines is logged.
 class ClientLog {
  public:
-    // Returns whether one more line about this uid may be written now, which the caller then does. An
-    // administrator may cause ten times as many: these lines say what was changed. errno is preserved, for "%m".
+    // Counts one line about this uid. Returns whether the caller may write it. The limit of administrators is
+    // ten times as high, since their lines record changes. Preserves errno, for "%m".
     bool has_room(uid_t uid, bool administrator = false);
 
-    // While it is true, the daemon's syslog(3) writes nothing: a request is served whose line found no room, and
-    // what its handler logs is left out with it.
+    // While true, the daemon's syslog(3) writes nothing. Set while a request is executed whose line was dropped,
+    // so that the lines of its handler are dropped too.
     bool muted = false;
 
-    // Logs the counts of lines left out in seconds that are over. Returns false while there are others.
-    bool tell_left_out();
+    // Logs the numbers of lines that were dropped until the current second. Returns false if lines were dropped
+    // in this second; to be called again later then.
+    bool report_dropped();
 
  private:
     static constexpr uint32_t kLines = 20;
     static constexpr uint32_t kAdministratorLines = 200;
-    static constexpr size_t kUsers = 64;  // uids with a budget of their own in a second; the others share one
+    static constexpr size_t kUsers = 64;  // uids with their own budget in a second; all others share one
 
     struct Budget {
         uid_t uid = 0;
         uint32_t lines = 0;  // written in this second
-        uint32_t left_out = 0;
+        uint32_t dropped = 0;
     };
     Budget& budget_of(uid_t uid);
 
@@ -46,20 +46,21 @@ class ClientLog {
     Budget others_{};
 };
 
-// The one that all of the process uses.
+// Returns the only instance of the process.
 ClientLog& client_log();
 
-// Work of the log that was put off: counts of lines that were left out, and lines that its reader had no room
-// for. The function is called now, for what is there already, and whenever there is more; an empty one stops
-// that.
-void on_log_work(std::function<void()> later);
+// Deferred work: numbers of dropped lines, and lines that the reader of the log had no room for.
 
-// Does that work as far as possible without waiting. Returns false while some is left; to be called again
-// then.
+// Sets a function that is called whenever there is new deferred work, and now if there may be some already. An
+// empty function is not called.
+void on_log_work(std::function<void()> callback);
+
+// Does the deferred work that is possible without waiting. Returns false if some is left; to be called again
+// later then.
 bool tend_log();
 
-// For whoever puts work off: `flush` is called by tend_log() from now on, and returns false while some is
-// left.
-void put_off_log_work(bool (*flush)());
+// Adds deferred work: tend_log() calls `flush` from now on, which returns false if some is left. There is only
+// one such function.
+void defer_log_flush(bool (*flush)());
 
 }  // namespace quill

@@ -1,4 +1,4 @@
-// The roles and locales of the system: those built in, and those that the configuration lists.
+// The built-in roles, and the roles and locales in the configuration.
 #include <algorithm>
 #include <cstring>
 #include <string>
@@ -21,7 +21,7 @@ bool is_privilege(const char* role) {
     return level && std::to_string(*level) == role + kPrivilege.size();
 }
 
-int32_t found_if(bool known) { return known ? 0 : -1; }
+int32_t result_of(bool exists) { return exists ? 0 : -1; }
 
 }  // namespace
 }  // namespace quill
@@ -29,10 +29,10 @@ int32_t found_if(bool known) { return known ? 0 : -1; }
 int32_t vshd_perm_group_role_name_verify(uint32_t, const char* role) {
     using namespace quill;
     if (role == nullptr) return -1;
-    return found_if(std::ranges::find(kBuiltIn, role) != std::end(kBuiltIn) || is_privilege(role) ||
-                    config().roles.contains(role));
+    return result_of(std::ranges::find(kBuiltIn, role) != std::end(kBuiltIn) || is_privilege(role) ||
+                     config().roles.contains(role));
 }
 
 int32_t vshd_perm_locale_name_verify(uint32_t, const char* locale) {
-    return quill::found_if(locale != nullptr && quill::config().locales.contains(locale));
+    return quill::result_of(locale != nullptr && quill::config().locales.contains(locale));
 }

@@ -23,7 +23,7 @@
 namespace quill {
 namespace {
 
-std::string because(const std::string& what) { return what + ": " + strerror(errno); }
+std::string with_errno(const std::string& what) { return what + ": " + strerror(errno); }
 
 // Locks the file until the process ends. Returns false with errno, EWOULDBLOCK if another process holds the lock.
 bool lock_file(const std::string& path) {
@@ -43,21 +43,22 @@ bool lock_file(const std::string& path) {
     }
 }
 
-// Makes the folder or finds it as it must be.
+// Creates the directory, or checks that an existing one belongs to the daemon's user alone.
 bool claim_runtime_directory(const std::string& folder, std::string& reason) {
-    // Made without regard to the mask, which may keep the clients out.
+    // The umask may have removed the permissions of clients.
     const bool made = mkdir(folder.c_str(), 0755) == 0;
     if (made ? chmod(folder.c_str(), 0755) != 0 : errno != EEXIST) {
-        reason = because("runtime directory " + folder + " cannot be made");
+        reason = with_errno("runtime directory " + folder + " cannot be created");
         return false;
     }
     struct stat facts;
     if (stat(folder.c_str(), &facts) != 0) {
-        reason = because("runtime directory " + folder);
+        reason = with_errno("runtime directory " + folder);
         return false;
     }
     if (facts.st_uid == geteuid() && (facts.st_mode & 022) == 0) return true;
-    reason = "runtime directory " + folder + " must belong to the daemon's user and be writable for it alone";
+    reason = "runtime directory " + folder +
+             " must belong to the daemon's user and be writable for that user only";
     return false;
 }
 
@@ -70,7 +71,7 @@ bool take_runtime_directory(std::string& reason) {
     const std::string lock = folder + "/quillsecurityd.lock";
     if (lock_file(lock)) return true;
     reason = errno == EWOULDBLOCK ? "another quillsecurityd of this context is running already; stop it first"
-                                  : because("lock " + lock);
+                                  : with_errno("lock " + lock);
     return false;
 }
 
@@ -113,7 +114,7 @@ bool Background::enter() {
     if (child < 0) return false;
     if (child != 0) {
         close(ends[1]);
-        // The daemon holds signals back until it is ready; whoever waits for it may give up before.
+        // The daemon blocks these signals until it is ready; the waiting parent can be ended before that.
         sigset_t ending;
         sigemptyset(&ending);
         for (const int number : {SIGTERM, SIGINT}) sigaddset(&ending, number);
@@ -133,7 +134,7 @@ bool Background::enter() {
 
 void Background::ready() {
     if (report_ < 0) return;
-    // Nothing more is said on the terminal that started the daemon.
+    // From now on, nothing is written to the terminal that started the daemon.
     const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
     for (int descriptor = 0; descriptor <= 2 && null >= 0; ++descriptor) dup2(null, descriptor);
     if (null > 2) close(null);

@@ -1,5 +1,5 @@
-// What a daemon needs of the system around it: a place of its own, a word to the service manager, a way into
-// the background.
+// The daemon as a service of the system: its runtime directory, messages to the service manager, and the start
+// in the background.
 #pragma once
 
 #include <sys/types.h>
@@ -11,24 +11,26 @@
 
 namespace quill {
 
-// Makes the runtime folder of this context, and the one that holds it, where they are missing, and takes its
-// lock, which lasts until the process ends: one daemon at a time for each context. False with a sentence in
-// `reason`: a folder that cannot be made or is not the daemon's user's alone, or a lock that is held.
+// Creates the runtime directory of this context, and the shared one that contains it, if they are missing, and
+// locks it until the process ends, so that each context has only one daemon. On failure returns false with a
+// sentence for the user in `reason`: the directory cannot be created, does not belong to the daemon's user
+// alone, or is locked by another daemon.
 bool take_runtime_directory(std::string& reason);
 
-// A text of somebody else's for a line of the log: what could end its quotes, its line or speak to a terminal
-// is a '.'.
+// Returns a text from outside with '.' for each quote, control character and byte beyond ASCII, so that it can be
+// logged in quotes.
 std::string log_safe(std::string_view text);
 
-// Tells the service manager, where there is one, "READY=1" or the like (sd_notify(3)).
+// Sends a state such as "READY=1" to the service manager, if there is one (sd_notify(3)).
 void notify_manager(const char* state);
 
-// Options for openlog(3): messages go to standard error as well, unless that is the journal, where syslog(3)
-// puts its lines already.
+// Returns the options for openlog(3). Lines also go to standard error, unless that is the journal, which gets
+// them from syslog(3) already.
 int log_options();
 
-// Goes on in a background process; the calling one waits for ready() there, then exits with 0, or with 1 when
-// the background process ended without it.
+// The start of a background process. enter() returns in a child process, in a session of its own; the parent
+// waits until the child calls ready() and exits with 0, or with 1 if the child ended without that. enter()
+// returns false with errno set on failure.
 class Background {
  public:
     Background() = default;

@@ -1,10 +1,10 @@
-// syslog(3) for the daemon, in the place of the C library's, which waits for whoever reads the log: a log
-// socket or a standard error that nobody reads would stop the daemon.
+// The daemon's own syslog(3) and openlog(3). The functions of the C library wait for the reader of the log
+// socket or of standard error, so a reader that stopped would stop the daemon.
 //
-// Lines have the usual form (RFC 3164) and go to /dev/log. What its reader has no room for just now is kept,
-// up to a bound, and sent later (platform/log.h); what is beyond the bound is counted, and the count is
-// logged. All libraries of the process end up here. It has one thread; a child process begins with nothing
-// kept.
+// Lines have the usual form (RFC 3164) and go to /dev/log. Lines that the reader has no room for are queued, up
+// to a limit, and sent later (platform/log.h); beyond the limit they are dropped, and their number is logged.
+// All libraries of the process use these functions. They are for one thread; a child process starts with an
+// empty queue.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -29,25 +29,25 @@
 namespace quill {
 namespace {
 
-constexpr size_t kLongestLine = 2048;  // and so a pipe takes it whole or not at all
-constexpr size_t kMostKept = 256UL * 1024;
-constexpr int kLastChance = 500;  // milliseconds for what is kept when the log is closed
+constexpr size_t kLongestLine = 2048;        // below PIPE_BUF, so that a pipe takes all of it or nothing
+constexpr size_t kMaxQueued = 256UL * 1024;  // bytes
+constexpr int kClosingTime = 500;            // milliseconds in which closelog() sends the queue
 
 enum class Sent { kYes, kLater, kNever };
 
-// A reader that is missing altogether (ENOENT) is not waited for.
+// Not ENOENT: there is no reader, so lines are not queued for it.
 bool may_succeed_later(int error) {
     return error == EAGAIN || error == ENOBUFS || error == ENOMEM || error == EMFILE || error == ENFILE ||
            error == ECONNREFUSED;
 }
 
-// The connection to the log's reader, made again when that was replaced.
+// The connection to the reader of the log, made again if that was restarted.
 class Reader {
  public:
     Sent send(const std::string& line) {
         for (int attempt = 0; attempt < 2; ++attempt) {
             if (!socket_ && !connect()) return may_succeed_later(errno) ? Sent::kLater : Sent::kNever;
-            // Over a stream the NUL behind the line ends it.
+            // In a stream a NUL ends the line.
             const size_t size = line.size() + (stream_ ? 1 : 0);
             const ssize_t sent = ::send(socket_.get(), line.c_str(), size, MSG_DONTWAIT | MSG_NOSIGNAL);
             if (sent == static_cast<ssize_t>(size)) return Sent::kYes;
@@ -82,7 +82,7 @@ class Reader {
     bool stream_ = false;
 };
 
-// Writes as much as there is room for.
+// Writes the part of the line that can be written without waiting.
 void write_to_standard_error(const char* line, size_t size) {
     struct stat facts;
     if (fstat(STDERR_FILENO, &facts) != 0) return;
@@ -90,14 +90,15 @@ void write_to_standard_error(const char* line, size_t size) {
         send(STDERR_FILENO, line, size, MSG_DONTWAIT | MSG_NOSIGNAL);
         return;
     }
-    // Opened anew, since O_NONBLOCK would hold for everybody with whom the daemon shares it.
+    // Opened again, since O_NONBLOCK would also apply to the other processes that share the descriptor.
     Descriptor own;
     if (S_ISFIFO(facts.st_mode) || S_ISCHR(facts.st_mode)) {
         own.reset(open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
         pollfd writable{STDERR_FILENO, POLLOUT, 0};
-        if (!own && (errno == ENXIO || poll(&writable, 1, 0) <= 0)) return;  // a pipe that nobody reads
+        if (!own && (errno == ENXIO || poll(&writable, 1, 0) <= 0))
+            return;  // a full pipe, or one without a reader
     }
-    if (write(own ? own.get() : STDERR_FILENO, line, size) < 0) return;  // there is nobody to tell
+    if (write(own ? own.get() : STDERR_FILENO, line, size) < 0) return;  // nowhere to report it
 }
 
 class Log {
@@ -109,7 +110,7 @@ class Log {
     }
 
     void write(int priority, const char* format, va_list arguments) {
-        char text[kLongestLine - 100];  // the name and the time stand before it
+        char text[kLongestLine - 100];  // without name and time
         const int length = vsnprintf(text, sizeof text, format, arguments);
         if (length < 0 || (LOG_MASK(LOG_PRI(priority)) & setlogmask(0)) == 0) return;
         if (client_log().muted) return;
@@ -126,25 +127,25 @@ class Log {
         send(stamp(priority) + line);
     }
 
-    // Sends what was kept. False while some is left.
+    // Sends the queue. Returns false if some of it is left.
     bool flush() {
-        forget_of_parent();
-        while (!kept_.empty()) {
-            const Sent sent = reader_.send(kept_.front());
+        clear_queue_of_parent();
+        while (!queue_.empty()) {
+            const Sent sent = reader_.send(queue_.front());
             if (sent == Sent::kLater) return false;
-            bytes_ -= kept_.front().size();
-            kept_.pop_front();
+            bytes_ -= queue_.front().size();
+            queue_.pop_front();
         }
-        if (left_out_ == 0) return true;
-        const std::string count = stamp(LOG_WARNING) + name_ + ": " + std::to_string(left_out_) +
+        if (dropped_ == 0) return true;
+        const std::string count = stamp(LOG_WARNING) + name_ + ": " + std::to_string(dropped_) +
                                   " lines left out, since the log was not read";
         if (reader_.send(count) == Sent::kLater) return false;
-        left_out_ = 0;
+        dropped_ = 0;
         return true;
     }
 
     void close() {
-        for (int waited = 0; !flush() && waited < kLastChance; waited += 50) reader_.wait(50);
+        for (int waited = 0; !flush() && waited < kClosingTime; waited += 50) reader_.wait(50);
         reader_.close();
     }
 
@@ -160,22 +161,22 @@ class Log {
         return text;
     }
 
-    void forget_of_parent() {
+    void clear_queue_of_parent() {
         if (owner_ == getpid()) return;
         owner_ = getpid();
-        kept_.clear();
-        bytes_ = left_out_ = 0;
+        queue_.clear();
+        bytes_ = dropped_ = 0;
     }
 
     void send(std::string line) {
         if (flush() && reader_.send(line) != Sent::kLater) return;
-        if (bytes_ + line.size() > kMostKept) {
-            ++left_out_;
+        if (bytes_ + line.size() > kMaxQueued) {
+            ++dropped_;
             return;
         }
         bytes_ += line.size();
-        kept_.push_back(std::move(line));
-        put_off_log_work([] { return log().flush(); });
+        queue_.push_back(std::move(line));
+        defer_log_flush([] { return log().flush(); });
     }
 
  public:
@@ -190,19 +191,20 @@ class Log {
     int facility_ = LOG_USER;
     Reader reader_;
     pid_t owner_ = 0;
-    std::deque<std::string> kept_;
-    size_t bytes_ = 0, left_out_ = 0;
+    std::deque<std::string> queue_;
+    size_t bytes_ = 0, dropped_ = 0;
 };
 
-// Nothing may be thrown through callers that are C: without memory there is no line.
+// Calls a function and preserves errno. If memory runs out, the line is lost: callers may be C, which must not
+// see exceptions.
 template <class Call>
 void guarded(Call call) {
-    const int kept_errno = errno;
+    const int saved_errno = errno;
     try {
         call();
     } catch (const std::bad_alloc&) {
     }
-    errno = kept_errno;
+    errno = saved_errno;
 }
 
 }  // namespace
@@ -230,7 +232,7 @@ void syslog(int priority, const char* format, ...) {
     va_end(arguments);
 }
 
-// The names by which code that is compiled with _FORTIFY_SOURCE calls the two above.
+// Called instead of the two functions above by code that is compiled with _FORTIFY_SOURCE.
 // NOLINTBEGIN(bugprone-reserved-identifier, readability-identifier-naming)
 void __vsyslog_chk(int priority, int, const char* format, va_list arguments) {
     vsyslog(priority, format, arguments);

@@ -1,11 +1,10 @@
 // The client's end of the request channel.
 //
-// One connection a process, made when it is first needed and again when it turns out to be gone. A message is
-// sent again only when it certainly never reached the daemon; a request that was delivered and not answered
-// is reported, since it may have been done. A user's list that was read on a connection that is gone since,
-// in order to change it, is not stored on another: the daemon, which compares the two, knows nothing of the
-// read there, and the change of somebody else in between would be lost. That is errno ESTALE, until the list
-// is read again.
+// A process has one connection, made on first use and again after it was lost. A request is sent again only
+// if it cannot have reached the daemon; one that was delivered but got no reply is reported, since it may
+// have been executed. A user's list of roles or locales that was read on a connection that is lost is not
+// stored over another one: the daemon compares the two only within a connection, so a change by another
+// client in between would be overwritten. Such a request fails with ESTALE until the list is read again.
 #include <sched.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -43,24 +42,24 @@ Deadline request_deadline() {
     return after(std::chrono::seconds(security_cmi_timeout != 0 ? security_cmi_timeout : kDefaultTimeout));
 }
 
-// The time that is left, in whole tenths of a second, rounded up: a request that nothing delays then finds the
-// timeout that the previous one set. Never 0, which would mean no timeout.
+// Returns the time that is left in tenths of a second, rounded up: so a request that is not delayed finds the
+// timeout of the socket already set. Never 0, which would disable the timeout.
 std::chrono::milliseconds time_left(Deadline deadline) {
     constexpr std::chrono::milliseconds kTenth(100);
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
     return std::max((left + kTenth - std::chrono::milliseconds(1)) / kTenth * kTenth, kTenth);
 }
 
-// Whether to poll for the reply before blocking: waking up costs more than most requests, but polling occupies a
-// processor. Worth it where the last reply came soon and this process may use
-// more than one processor, so that the daemon has another, most likely.
-class ShortLook {
+// Decides whether to poll for the reply before blocking: waking up costs more than most requests, but polling
+// occupies a processor. It pays if the last reply came soon and this process may use more than one processor,
+// so that the daemon most likely runs on another.
+class Polling {
  public:
-    void begin() { start_ = Clock::now(); }
-    bool goes_on() const { return pays_ && several_processors_ && waited() < kTime; }
+    void start() { start_ = Clock::now(); }
+    bool continues() const { return pays_ && several_processors_ && waited() < kTime; }
     void end() {
         pays_ = waited() < kTime;
-        if (!pays_ || ++looks_ % kRecount == 0) count_processors();  // they may be others by now
+        if (!pays_ || ++replies_ % kRecount == 0) count_processors();  // the affinity may have changed
     }
     void count_processors() {
         cpu_set_t set;
@@ -71,45 +70,48 @@ class ShortLook {
     Clock::duration waited() const { return Clock::now() - start_; }
 
     static constexpr std::chrono::microseconds kTime{40};
-    static constexpr uint32_t kRecount = 256;  // looks
+    static constexpr uint32_t kRecount = 256;  // replies
 
     Clock::time_point start_;
-    uint32_t looks_ = 0;
+    uint32_t replies_ = 0;
     bool pays_ = false;
     bool several_processors_ = false;
 };
 
 class Connection {
  public:
-    // The socket, connected; -1 with errno set.
+    // Returns the connected socket, or -1 with errno set.
     int get(Deadline deadline);
     int socket() const { return socket_; }
-    uint64_t number() const { return number_; }  // how many connections were made, with this one
-    void drop();
-    // Bounds the socket's calls by the time that is left, whenever that differs from the last bound.
-    bool bound(std::chrono::milliseconds time);
-    bool inherited() const { return socket_ >= 0 && owner_ != getpid(); }
-    // Each context has a daemon of its own: a connection to another one's is given up.
+    uint64_t number() const { return number_; }  // counts the connections of this process
+    void drop();                                 // preserves errno
+    // Sets the timeout of the socket's calls. Returns false with errno set on failure.
+    bool set_timeout(std::chrono::milliseconds time);
+    // Drops a connection to the daemon of another context.
     void enter(uint32_t context) {
         if (std::exchange(context_, context) != context) drop();
     }
 
  private:
+    // A connection shared with the parent process would mix both processes' replies.
+    bool inherited() const { return socket_ >= 0 && owner_ != getpid(); }
+
     int socket_ = -1;
     uint64_t number_ = 0;
     pid_t owner_ = 0;
     uint32_t context_ = 0;
-    std::chrono::milliseconds bound_{};
+    std::chrono::milliseconds timeout_{};
 };
 
 std::mutex mutex;
 Connection connection;
-ShortLook look;
-Frame<RequestHead> request;
-Frame<ReplyHead> answer;
-size_t answered;  // bytes of it that were received
+Polling polling;
+Frame<RequestHeader> request;
+Frame<ReplyHeader> reply_frame;
+size_t reply_size;  // bytes of reply_frame that were received
 
-// By the number of the connection. Never destroyed: other threads may make requests while the process exits.
+// The number of the connection on which each list was read. Never destroyed: other threads may make requests
+// while the process exits.
 LastReads<uint64_t>& list_reads = *new LastReads<uint64_t>;
 
 void Connection::drop() {
@@ -119,20 +121,27 @@ void Connection::drop() {
     errno = kept_errno;
 }
 
-bool Connection::bound(std::chrono::milliseconds time) {
-    if (time == bound_) return true;
+bool Connection::set_timeout(std::chrono::milliseconds time) {
+    if (time == timeout_) return true;
     const int64_t seconds =
         std::min<int64_t>(time.count() / 1000, INT32_MAX);  // a 32-bit time_t holds no more
     const timeval value{static_cast<time_t>(seconds), static_cast<suseconds_t>(time.count() % 1000 * 1000)};
     if (setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &value, sizeof value) != 0 ||
         setsockopt(socket_, SOL_SOCKET, SO_SNDTIMEO, &value, sizeof value) != 0)
         return false;
-    bound_ = time;
+    timeout_ = time;
     return true;
 }
 
+// Returns whether a call that failed is to be repeated, which is after a signal. Otherwise, if the socket's
+// timeout ended the call, sets errno to ETIMEDOUT.
+bool should_repeat(Deadline deadline) {
+    if (errno == EINTR && !passed(deadline)) return true;
+    if (errno == EAGAIN || errno == EINTR) errno = ETIMEDOUT;
+    return false;
+}
+
 int Connection::get(Deadline deadline) {
-    // A connection shared with the parent would mix both processes' replies.
     if (inherited()) drop();
     if (socket_ >= 0) return socket_;
     sockaddr_un address;
@@ -140,104 +149,112 @@ int Connection::get(Deadline deadline) {
     socket_ = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     if (socket_ < 0) return -1;
     owner_ = getpid();
-    bound_ = {};
-    while (bound(time_left(deadline))) {
+    timeout_ = {};
+    while (set_timeout(time_left(deadline))) {
         if (connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
-            look.count_processors();
+            polling.count_processors();
             ++number_;
             return socket_;
         }
-        if (errno == EINTR && !passed(deadline)) continue;
-        if (errno == EAGAIN || errno == EINTR) errno = ETIMEDOUT;  // the daemon's queue stayed full
-        break;
+        if (!should_repeat(deadline)) break;  // ETIMEDOUT: the daemon's queue stayed full
     }
     drop();
     return -1;
 }
 
-bool never_arrived(int error) { return error == EPIPE || error == ECONNRESET || error == ENOTCONN; }
+// Whether an error of send() means that the daemon had closed the connection, and so did not get the request.
+bool means_closed(int error) { return error == EPIPE || error == ECONNRESET || error == ENOTCONN; }
 
-// A daemon that has no place for another client says so and closes, often before the request is sent.
+// A daemon that has too many clients says so and closes the connection, often before the request is sent.
 bool reply_waits(int socket) {
     char byte;
     return recv(socket, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT) > 0;
 }
 
-// The user in the first field of the record that is sent, by the plain name.
+// Returns the plain name of the user in the first field of the request's record.
 std::string listed_user() {
     const auto* field = reinterpret_cast<const char*>(request.record);
-    std::string user(
-        field, strnlen(field, std::min<size_t>(request.head.length, sizeof security_user_roles::user_name)));
-    const bool qualified = request.head.context != static_cast<uint32_t>(kDefaultContext) &&
+    std::string user(field, strnlen(field, std::min<size_t>(request.header.length,
+                                                            sizeof security_user_roles::user_name)));
+    const bool qualified = request.header.context != static_cast<uint32_t>(kDefaultContext) &&
                            has_context_suffix(user.c_str()) &&
-                           static_cast<uint32_t>(context_of(user.c_str())) == request.head.context;
+                           static_cast<uint32_t>(context_of(user.c_str())) == request.header.context;
     if (qualified) user.resize(user.size() - kContextSuffix);
     return user;
 }
 
-// Whether the request stores a list that was read on an earlier connection, or it is not known that it was
-// not.
+// Whether the request stores a list that was, or may have been, read on an earlier connection.
 bool is_stale() {
-    const uint32_t type = request.head.request_type;
-    if (request.head.operation != SET_REQ || !carries_list(type)) return false;
+    const uint32_t type = request.header.request_type;
+    if (request.header.operation != SET_REQ || !carries_list(type)) return false;
     const uint64_t* read_on = list_reads.find(type, listed_user());
     return read_on != nullptr ? *read_on != connection.number() : list_reads.forgot();
 }
 
-// Sends the request, on a new connection where the old one has lost its daemon. False with errno set.
-bool send_request(Deadline deadline) {
-    for (bool fresh = false;;) {
+enum class Sent { kYes, kNo, kConnectionWasClosed };
+
+// Sends the request. On failure, errno is set; if that of send(), the connection was dropped.
+Sent try_to_send(Deadline deadline) {
+    do {
         const int socket = connection.get(deadline);
-        if (socket < 0 || !connection.bound(time_left(deadline))) return false;
+        if (socket < 0 || !connection.set_timeout(time_left(deadline))) return Sent::kNo;
         if (is_stale()) {
             errno = ESTALE;
-            return false;
+            return Sent::kNo;
         }
-        if (send(socket, &request, sizeof request.head + request.head.length, MSG_NOSIGNAL) >= 0) return true;
-        if (errno == EINTR && !passed(deadline)) continue;
-        if (errno == EAGAIN || errno == EINTR) errno = ETIMEDOUT;
-        const bool closed = never_arrived(errno);
-        if (closed && reply_waits(socket)) return true;
-        const bool again = closed && !fresh;
-        connection.drop();
-        if (!again) return false;
-        fresh = true;
-    }
+        if (send(socket, &request, sizeof request.header + request.header.length, MSG_NOSIGNAL) >= 0)
+            return Sent::kYes;
+    } while (should_repeat(deadline));
+    const bool closed = means_closed(errno);
+    if (closed && reply_waits(connection.socket())) return Sent::kYes;
+    connection.drop();
+    return closed ? Sent::kConnectionWasClosed : Sent::kNo;
 }
 
-// The length of the message, which may be more than there is room for.
+// Sends the request, if need be over a second connection. Returns false with errno set on failure.
+bool send_request(Deadline deadline) {
+    Sent sent = try_to_send(deadline);
+    if (sent == Sent::kConnectionWasClosed) sent = try_to_send(deadline);
+    return sent == Sent::kYes;
+}
+
+// Returns the length of the received message, which may be more than the buffer holds.
 ssize_t receive(int socket) {
-    while (look.goes_on()) {
-        const ssize_t received = recv(socket, &answer, sizeof answer, MSG_TRUNC | MSG_DONTWAIT);
+    while (polling.continues()) {
+        const ssize_t received = recv(socket, &reply_frame, sizeof reply_frame, MSG_TRUNC | MSG_DONTWAIT);
         if (received >= 0 || errno != EAGAIN) return received;
-        sched_yield();  // to the daemon, where it waits for this very processor
+        sched_yield();  // the daemon may wait for this processor
     }
-    return recv(socket, &answer, sizeof answer, MSG_TRUNC);
+    return recv(socket, &reply_frame, sizeof reply_frame, MSG_TRUNC);
 }
 
-// Receives the reply into `answer`. False with errno set, and the connection is gone then: whatever comes
-// late must not answer the next question.
+// Whether the received message of this length is a reply; 0 is the end of the connection. Sets errno if not.
+bool is_reply(size_t length) {
+    if (length == 0) {
+        errno = ECONNRESET;
+        return false;
+    }
+    polling.end();
+    reply_size = std::min(length, sizeof reply_frame);
+    if (length == reply_size && well_formed(reply_frame.header, length)) return true;
+    errno = EPROTO;
+    return false;
+}
+
+// Receives the reply. On failure returns false with errno set and drops the connection, so that a late reply
+// is not taken for that of the next request.
 bool receive_reply(Deadline deadline) {
-    // An end that left the request unread is reported before the words that came before it, and once.
-    bool reset = false;
-    look.begin();
-    while (connection.bound(time_left(deadline))) {
+    // If the daemon closes without reading the request, ECONNRESET comes once, before what it had sent.
+    bool was_reset = false;
+    polling.start();
+    while (connection.set_timeout(time_left(deadline))) {
         const ssize_t received = receive(connection.socket());
-        if (received > 0) {
-            look.end();
-            const auto size = static_cast<size_t>(received);
-            answered = std::min(size, sizeof answer);
-            if (size == answered && well_formed(answer.head, size)) return true;
-            errno = EPROTO;
-        } else if (received == 0) {
-            errno = ECONNRESET;
-        } else if ((errno == EINTR && !passed(deadline)) ||
-                   (errno == ECONNRESET && !std::exchange(reset, true))) {
-            continue;
-        } else if (errno == EAGAIN || errno == EINTR) {
-            errno = ETIMEDOUT;
+        if (received >= 0) {
+            if (is_reply(static_cast<size_t>(received))) return true;
+            break;
         }
-        break;
+        const bool first_reset = errno == ECONNRESET && !std::exchange(was_reset, true);
+        if (!first_reset && !should_repeat(deadline)) break;
     }
     connection.drop();
     return false;
@@ -245,16 +262,16 @@ bool receive_reply(Deadline deadline) {
 
 void write_request(uint32_t context, int32_t request_type, uint32_t operation, const void* record,
                    uint32_t length) {
-    RequestHead& head = request.head;
-    head.request_type = static_cast<uint32_t>(request_type);
-    head.operation = operation;
-    head.session = security_cmi_session_id;
-    head.context = context;
-    head.length = length;
+    RequestHeader& header = request.header;
+    header.request_type = static_cast<uint32_t>(request_type);
+    header.operation = operation;
+    header.session = security_cmi_session_id;
+    header.context = context;
+    header.length = length;
     const char* user_name = security_cmi_username != nullptr ? security_cmi_username : "";
-    const size_t name_length = strnlen(user_name, sizeof head.user_name - 1);
-    memset(head.user_name, 0, sizeof head.user_name);
-    memcpy(head.user_name, user_name, name_length);
+    const size_t name_length = strnlen(user_name, sizeof header.user_name - 1);
+    memset(header.user_name, 0, sizeof header.user_name);
+    memcpy(header.user_name, user_name, name_length);
     if (length != 0) memcpy(request.record, record, length);
 }
 
@@ -264,24 +281,24 @@ int32_t exchange(int32_t request_type, uint32_t operation, const void* record, u
         return -1;
     }
     const int32_t context = sysmgrcmn_vdc_id_get();
-    if (context < 1) throw std::bad_alloc();  // over the platform's configuration
+    if (context < 1) throw std::bad_alloc();  // while reading the configuration
     connection.enter(static_cast<uint32_t>(context));
     write_request(static_cast<uint32_t>(context), request_type, operation, record, length);
     const Deadline deadline = request_deadline();
     if (!send_request(deadline) || !receive_reply(deadline)) return -1;
-    const uint32_t status = answer.head.status;
-    if (status == SECURITY_ERR_BUSY) connection.drop();  // the daemon does so, but perhaps not yet
-    if (status == SECURITY_OK && reads_to_change(request.head.request_type, request.head.operation))
-        list_reads.remember(request.head.request_type, listed_user(), connection.number());
+    const uint32_t status = reply_frame.header.status;
+    if (status == SECURITY_ERR_BUSY) connection.drop();  // the daemon is about to close it
+    if (status == SECURITY_OK && reads_to_change(request.header.request_type, request.header.operation))
+        list_reads.remember(request.header.request_type, listed_user(), connection.number());
     if (status <= INT32_MAX) return static_cast<int32_t>(status);
-    errno = EPROTO;  // no status of a daemon: it would pass for a failure of the channel
+    errno = EPROTO;  // the caller would take a negative status for a failure of the channel
     return -1;
 }
 
-// A block of the reply's record, or null where it has none of at least this length. False when memory ran
-// out.
-bool hand_over(void** reply, uint32_t* length, uint32_t least) {
-    *length = answer.head.length;
+// Copies the reply's record to a block of *length bytes for the caller; stores null and 0 if it is shorter than
+// `least`. Returns false with errno set if memory ran out.
+bool copy_record(void** reply, uint32_t* length, uint32_t least) {
+    *length = reply_frame.header.length;
     if (*length < least) *length = 0;
     if (*length == 0) return true;
     *reply = malloc(*length);
@@ -290,7 +307,7 @@ bool hand_over(void** reply, uint32_t* length, uint32_t least) {
         errno = ENOMEM;
         return false;
     }
-    memcpy(*reply, answer.record, *length);
+    memcpy(*reply, reply_frame.record, *length);
     return true;
 }
 
@@ -307,13 +324,13 @@ int32_t security_cmi(int32_t request_type, uint32_t operation, void* record, voi
     int32_t status = -1;
     try {
         status = exchange(request_type, operation, record, request_length);
-        if (status >= 0 && reply != nullptr && !hand_over(reply, length, request_length)) status = -1;
-    } catch (const std::bad_alloc&) {  // over the socket's name
+        if (status >= 0 && reply != nullptr && !copy_record(reply, length, request_length)) status = -1;
+    } catch (const std::bad_alloc&) {
         errno = ENOMEM;
     }
-    // Both carry secrets, replies that are refused as well.
+    // Both may have secrets, even a reply that was refused.
     if (request_length <= sizeof request.record) explicit_bzero(request.record, request_length);
-    explicit_bzero(&answer, std::exchange(answered, 0));
+    explicit_bzero(&reply_frame, std::exchange(reply_size, 0));
     return status;
 }
 

@@ -1,8 +1,8 @@
-// The frames of the request channel: one message a request, one message a reply.
+// The frames of the request channel. A request is one message of the socket, and so is its reply: a header of
+// fixed size and the record.
 //
-// A head of fixed size, then the record. The head's words are big-endian by type, so a 32-bit client and a
-// 64-bit daemon agree on every byte; the record travels as the library made it. A message of no bytes cannot
-// be told from the end of the connection, and ends it.
+// The words of the header are big-endian, and the record is sent as the library made it, so 32-bit clients and
+// 64-bit daemons can be mixed. An empty message looks like the end of the connection and ends it.
 #pragma once
 
 #include <cstddef>
@@ -15,7 +15,7 @@ struct sockaddr_un;
 
 namespace quill {
 
-// A word of a frame; it cannot pass for a number by accident.
+// A big-endian word of a frame. Converts to and from a number.
 class Be32 {
  public:
     Be32() = default;
@@ -29,7 +29,7 @@ class Be32 {
 constexpr uint32_t kFrameMagic = 0x51534543;  // "QSEC"
 constexpr uint32_t kFrameVersion = 2;
 
-struct RequestHead {
+struct RequestHeader {
     Be32 magic{kFrameMagic};
     Be32 version{kFrameVersion};
     Be32 request_type;
@@ -37,38 +37,38 @@ struct RequestHead {
     Be32 session;
     Be32 context;         // the virtual device context that the client runs in
     Be32 length;          // bytes of the record that follows
-    char user_name[128];  // whom the client says it acts for; NUL-terminated
+    char user_name[128];  // on whose behalf the client claims to act; NUL-terminated
 };
-static_assert(sizeof(RequestHead) == 156);
+static_assert(sizeof(RequestHeader) == 156);
 
-struct ReplyHead {
+struct ReplyHeader {
     Be32 magic{kFrameMagic};
     Be32 version{kFrameVersion};
     Be32 status;
     Be32 length;
 };
-static_assert(sizeof(ReplyHead) == 16);
+static_assert(sizeof(ReplyHeader) == 16);
 
-// A message as it crosses: the head, and right behind it room for the largest record.
-template <class Head>
+// The buffer of a message: the header, and the largest record right behind it.
+template <class Header>
 struct Frame {
-    Head head;
+    Header header;
     unsigned char record[SECURITY_CMI_MAX_RECORD];
 };
 
-// Whether a message of `received` bytes is a head of this version and exactly the record that it announces.
-template <class Head>
-bool well_formed(const Head& head, size_t received) {
-    return received >= sizeof(Head) && head.magic == kFrameMagic && head.version == kFrameVersion &&
-           head.length == received - sizeof(Head);
+// Whether a message of `received` bytes is a header of this version and a record of the length in the header.
+template <class Header>
+bool well_formed(const Header& header, size_t received) {
+    return received >= sizeof(Header) && header.magic == kFrameMagic && header.version == kFrameVersion &&
+           header.length == received - sizeof(Header);
 }
 
-// The sockets of a context's daemon in its runtime folder, platform/folders.h.
+// The names of the daemon's sockets in the runtime directory (platform/folders.h).
 constexpr char kRequestSocket[] = "quillsecurityd.sock";
 constexpr char kAnnouncementSocket[] = "quillsecurityd.mts";
 
-// The address of one of them; false with errno EINVAL where the folder is no absolute path, and ENAMETOOLONG
-// where the address does not fit.
+// Stores the address of a socket in the runtime directory of this context. Returns false with errno EINVAL if
+// that is not an absolute path, or ENAMETOOLONG if the path does not fit. Throws std::bad_alloc.
 bool socket_address(sockaddr_un& address, const char* name = kRequestSocket);
 
 }  // namespace quill

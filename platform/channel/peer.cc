@@ -14,7 +14,7 @@ bool in_group(int socket, gid_t group) {
     auto size = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
     if (getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &size) != 0) {
         if (errno != ERANGE) return false;
-        groups.resize(size / sizeof(gid_t));  // the kernel has said how many there are
+        groups.resize(size / sizeof(gid_t));  // the size that the kernel returned
         if (getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &size) != 0) return false;
     }
     groups.resize(size / sizeof(gid_t));

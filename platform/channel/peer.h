@@ -1,4 +1,4 @@
-// Who is at the other end of a connection, and how many connections each may have.
+// The credentials of a connection's peer, and the limits on the number of connections of each user.
 #pragma once
 
 #include <sys/types.h>
@@ -9,9 +9,9 @@
 
 namespace quill {
 
-// Who was at the other end when the connection was made, as the kernel reports it (unix(7), SO_PEERCRED).
+// The credentials of the peer when it connected, as reported by the kernel (unix(7), SO_PEERCRED).
 struct Peer {
-    bool known = false;          // false: the kernel would not say; nothing is permitted
+    bool known = false;          // false: the kernel reported an error; such a peer may do nothing
     bool administrator = false;  // root, or a member of the administrators' group
     uid_t uid = 0;
     pid_t pid = 0;
@@ -19,21 +19,21 @@ struct Peer {
     bool is_root() const { return known && uid == 0; }
 };
 
-// Of a connected socket; `administrators` is a group, 0 for none.
+// Returns the peer of a connected socket. `administrators` is the administrators' group, or 0 for none.
 Peer identify(int socket, gid_t administrators);
 
-// Connections are limited: each uid but root's has at most some of them, and the last ones are kept for those
-// who may repair things.
+// Limits the number of connections, of each user but root and in total. The last ones are reserved for
+// administrators and root, so that other users cannot lock them out.
 class Places {
  public:
     struct Limits {
         size_t all;
-        size_t for_administrators;  // of these; nobody else gets them
-        size_t for_root;            // of those for administrators
-        size_t for_one_user;        // at most for each uid but root's
+        size_t for_administrators;  // of `all`, reserved for administrators
+        size_t for_root;            // of for_administrators, reserved for root
+        size_t for_one_user;        // maximum of each uid but root's
     };
 
-    // A place, given back with the object.
+    // One counted connection, released by the destructor. Must not outlive its Places.
     class Place {
      public:
         Place() = default;
@@ -62,7 +62,7 @@ class Places {
     Places(const Places&) = delete;
     Places& operator=(const Places&) = delete;
 
-    // Returns a place for the peer; none where there is none left for it. It must not outlive this object.
+    // Returns a place for the peer, or an empty Place if its limit is reached.
     Place take(const Peer& peer);
 
  private:

@@ -58,7 +58,7 @@ event_base* make_loop() {
 }
 
 // The name that a client gives, for the log.
-std::string user_name(const RequestHead& header) {
+std::string user_name(const RequestHeader& header) {
     return log_safe({header.user_name, strnlen(header.user_name, sizeof header.user_name)});
 }
 
@@ -67,7 +67,7 @@ std::string user_name(const RequestHead& header) {
 // The buffer of a request; the reply is sent from it too, with the same record.
 struct Message {
     alignas(16) char unused[4]{};  // aligns the record for any type
-    RequestHead header{};
+    RequestHeader header{};
     unsigned char record[SECURITY_CMI_MAX_RECORD]{};
 
     // Bytes of the largest message.
@@ -189,7 +189,7 @@ void Server::Loop::Client::on_event(short what) {
 }
 
 Answer Server::Loop::answer(Client& client, size_t size) {
-    RequestHead& header = message.header;
+    RequestHeader& header = message.header;
     if (size > Message::kRoom || !well_formed(header, size)) return {SECURITY_ERR_REQUEST_FRAME, 0, false};
     // Checked before anything else: the names in a request of another context are those of other users.
     if (header.context != settings.context) return {SECURITY_ERR_CONTEXT, 0, false};
@@ -200,7 +200,7 @@ Answer Server::Loop::answer(Client& client, size_t size) {
 }
 
 void Server::Loop::log_refusal(const Peer& peer, size_t size, uint32_t status) {
-    const RequestHead& header = message.header;
+    const RequestHeader& header = message.header;
     syslog(LOG_WARNING,
            "request type %u, operation %u, %zu bytes from uid %u, pid %d (for '%s', session %u) refused: %s",
            static_cast<uint32_t>(header.request_type), static_cast<uint32_t>(header.operation), size,
@@ -209,7 +209,7 @@ void Server::Loop::log_refusal(const Peer& peer, size_t size, uint32_t status) {
 }
 
 bool Server::Loop::reply(int socket, const Answer& answer) {
-    ReplyHead header;
+    ReplyHeader header;
     header.status = answer.status;
     header.length = answer.length;
     // Right before the record, over the end of the request's header, which is not needed any more.

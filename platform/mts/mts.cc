@@ -97,7 +97,7 @@ class Connection {
 
     bool subscribe(uint32_t sap, uint32_t opcode) {
         const int32_t context = sysmgrcmn_vdc_id_get();
-        if (context < 1) throw std::bad_alloc();  // over the platform's configuration
+        if (context < 1) throw std::bad_alloc();  // while reading the configuration
         MtsSubscription frame;
         frame.context = static_cast<uint32_t>(context);
         frame.sap = sap;

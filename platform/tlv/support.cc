@@ -1,4 +1,4 @@
-// Memory and messages for the TLV utilities and for converters written against them.
+// Memory and messages for the TLV functions and for converters.
 #include <syslog.h>
 
 #include <cstdarg>

@@ -1,5 +1,4 @@
-// The trace history: a ring of fixed slots in memory, written by every traced call and read only when
-// somebody asks. A slot holds the event as the library gave it, cut to the slot.
+// Traces: the history, a ring buffer of fixed slots, and messages on standard error.
 #include <unistd.h>
 
 #include <algorithm>
@@ -65,8 +64,8 @@ bool write_all(int descriptor, const char* bytes, size_t length) {
     return true;
 }
 
-// Writes one line: the time, then the text, in which what could break the line, speak to a terminal or is not
-// UTF-8 is spelled out as \xNN.
+// Writes one line: the time and the text. Control characters and bytes that are not UTF-8 are written as \xNN,
+// so that they neither end the line nor control a terminal.
 bool dump_slot(int descriptor, const Slot& slot) {
     constexpr size_t kEscape = 4;
     char line[40 + kEscape * kSlotBytes];

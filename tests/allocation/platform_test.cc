@@ -1,5 +1,4 @@
-// What the library asks of the reference platform, while memory runs out: the real store, configuration and
-// message transport.
+// The reference platform while memory runs out: store, configuration, channel, message transport and accounts.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
@@ -15,10 +14,9 @@
 
 namespace {
 
-constexpr uint32_t kParameters[4] = {};
 const std::string kOld(300, 'a'), kNew(3000, 'b');  // more than strings and pages have room for
 
-const std::string kBox = "/tmp/allocation";  // always the same: an environment never forgets
+const std::string kBox = "/tmp/allocation";  // always the same path: setenv() never releases the old values
 
 void empty_box() {
     const Unwatched ours;
@@ -29,40 +27,34 @@ void empty_box() {
     setenv("QUILL_PLATFORM_CONF", (kBox + "/platform.conf").c_str(), 1);
 }
 
-uint32_t open_store(uint32_t* handle) {
-    uint32_t status = 9;
-    *handle = pss2_open("store", PSS_READ_WRITE | PSS_CREATE, 0, 0, kParameters, &status);
-    return status;
-}
-
-// A store with one record, and what it holds when it is opened again.
+// A store with one record. now() opens it again and returns the value.
 struct Stored {
     uint32_t handle = 0;
     Stored() {
         empty_box();
-        open_store(&handle);
+        open_store(handle);
         put(handle, "key", kOld);
     }
     ~Stored() { pss2_close(handle); }
     std::string now() {
         pss2_close(handle);
-        open_store(&handle);
+        open_store(handle);
         return fetch(handle, "key");
     }
 };
 
-// A new store is made whole, and its secrets are blanked, or there is none.
+// A new store is complete and erases its secrets, or does not exist.
 Outcome opened() {
     empty_box();
     uint32_t handle = 0;
-    const uint32_t status = attempt([&] { return open_store(&handle); });
+    const uint32_t status = attempt([&] { return open_store(handle); });
     const bool blanking = sqlite3_vfs_find("quill-blanking") != nullptr;
     const Outcome outcome = judge(status, handle != 0 && blanking, handle == 0);
     attempt([&] { return pss2_close(handle); });
     return outcome;
 }
 
-// A change is done or not begun, as it says.
+// A change is made completely or not at all, and its status says which.
 Outcome changed(uint32_t (*change)(uint32_t), const std::string& after) {
     Stored stored;
     const uint32_t status = attempt([&] { return change(stored.handle); });
@@ -87,7 +79,7 @@ Outcome read() {
     return judge(status, found != nullptr && bytes_of(found) == kOld, found == nullptr);
 }
 
-// To the record, on to the next, and what stands there.
+// Moves to the record and on to the next, and reads that.
 Outcome walked() {
     Stored stored;
     put(stored.handle, "next", kNew);
@@ -107,7 +99,7 @@ Outcome stamped() {
     return judge(attempt([&] { return pss_version_set(stored.handle, 1, 7); }), true);
 }
 
-// The configuration is read at the first question. Nobody is of another context than it says.
+// The configuration is read on first use. No other context than its own is returned.
 struct Configured {
     Configured() {
         empty_box();
@@ -120,13 +112,13 @@ struct Configured {
     }
 };
 
-Outcome context_told() {
+Outcome context_read() {
     const Configured configured;
     const int32_t context = attempt(sysmgrcmn_vdc_id_get);
     return context == -1 ? kRefused : done_if(context == 2);
 }
 
-Outcome card_told() {
+Outcome card_read() {
     const Configured configured;
     card_module_info card{};
     const uint32_t status = attempt([&] { return get_card_module_info(&card); });
@@ -135,7 +127,7 @@ Outcome card_told() {
     return judge(status, card.card_type == 12 && count == 2);
 }
 
-Outcome names_known() {
+Outcome names_checked() {
     const Configured configured;
     const int32_t role =
         attempt([] { return vshd_perm_group_role_name_verify(4, "a-role-with-a-name-of-some-length"); });
@@ -155,7 +147,7 @@ Outcome sent() {
     return handle == 0 ? kRefused : done_if(status == 0 && carried == 1);
 }
 
-Outcome asked_in_vain() {
+Outcome requested_without_daemon() {
     empty_box();
     char record[] = "record";
     void* reply = nullptr;
@@ -176,11 +168,11 @@ const Case kCases[] = {
     {"pss2_fetch", read},
     {"pss2_getvalue", walked},
     {"pss_version_set", stamped},
-    {"sysmgrcmn_vdc_id_get", context_told, true},
-    {"get_card_module_info", card_told, true},
-    {"vshd_perm_group_role_name_verify", names_known, true},
+    {"sysmgrcmn_vdc_id_get", context_read, true},
+    {"get_card_module_info", card_read, true},
+    {"vshd_perm_group_role_name_verify", names_checked, true},
     {"mts_send", sent},
-    {"security_cmi", asked_in_vain},
+    {"security_cmi", requested_without_daemon},
     {"mygetspnam", looked_up},
 };
 

@@ -1,26 +1,24 @@
-// Who the server takes its clients for, by the kernel's word alone.
+// How the server identifies its clients.
 #undef _FORTIFY_SOURCE
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
 
 #include "quillplatform/shell.h"
 #include "tests/platform/server_process.h"
+#include "tests/support/interpose.h"
 
 namespace {
 
-int failing_option = -1;  // of getsockopt, from now on
+int failing_option = -1;  // getsockopt() fails for it
 
 }  // namespace
 
-int getsockopt(int socket, int level, int option, void* value, socklen_t* size) noexcept {
-    if (level == SOL_SOCKET && option == failing_option) {
-        errno = EIO;
-        return -1;
-    }
-    return reinterpret_cast<decltype(getsockopt)*>(dlsym(RTLD_NEXT, "getsockopt"))(socket, level, option,
-                                                                                   value, size);
+INTERPOSED int getsockopt(int socket, int level, int option, void* value, socklen_t* size) noexcept {
+    if (level != SOL_SOCKET || option != failing_option)
+        return original<decltype(getsockopt)>("getsockopt")(socket, level, option, value, size);
+    errno = EIO;
+    return -1;
 }
 
 namespace {
@@ -32,7 +30,7 @@ class Credentials : public testing::Test {
     Credentials() { security_cmi_timeout = 5; }
     ~Credentials() override { failing_option = -1; }
 
-    // What the server takes this process for.
+    // Returns how the server identifies this process.
     static std::string who() {
         const std::string reply = RawClient().ask(request_frame(1, 1, ""));
         return reply.size() > 16 ? reply.substr(16) : "no reply";
@@ -49,14 +47,14 @@ class Credentials : public testing::Test {
     Box box;
 };
 
-TEST_F(Credentials, AFailedLookUpIsNobody) {
+TEST_F(Credentials, AnUnknownPeerIsNoAdministrator) {
     failing_option = SO_PEERCRED;
     ServerProcess server(describe, kAdministrators);
     EXPECT_EQ("unknown", who());
 }
 
 TEST_F(Credentials, RootAndMembersOfTheGroupAreAdministrators) {
-    if (geteuid() != 0) GTEST_SKIP() << "only root can be somebody else";
+    if (geteuid() != 0) GTEST_SKIP() << "only root can change its user";
     std::vector<gid_t> many;
     for (gid_t group = 4200; group < 4243; ++group) many.push_back(group);
     const struct {
@@ -66,14 +64,19 @@ TEST_F(Credentials, RootAndMembersOfTheGroupAreAdministrators) {
         int failing;
         const char* want;
     } cases[] = {
-        {"somebody", kAdministrators, 65534, {}, -1, "other 65534"},
+        {"another user", kAdministrators, 65534, {}, -1, "other 65534"},
         {"a member of other groups", kAdministrators, 65534, {4, 4241, 4243}, -1, "other 65534"},
         {"a member", kAdministrators, 65534, {4, 4242}, -1, "administrator 65534"},
         {"a member of very many groups", kAdministrators, 65534, many, -1, "administrator 65534"},
-        {"by the first group", kAdministrators, 4242, {}, -1, "administrator 65534"},
-        {"a member whose groups cannot be had", kAdministrators, 65534, {4242}, SO_PEERGROUPS, "other 65534"},
+        {"by the primary group", kAdministrators, 4242, {}, -1, "administrator 65534"},
+        {"a member whose groups cannot be read",
+         kAdministrators,
+         65534,
+         {4242},
+         SO_PEERGROUPS,
+         "other 65534"},
         {"a member of root's group, where there is no other", 0, 65534, {0}, -1, "other 65534"},
-        {"by the first group, where there is no other", 0, 0, {0}, -1, "other 65534"},
+        {"by the primary group, where there is no other", 0, 0, {0}, -1, "other 65534"},
     };
     for (const auto& c : cases) {
         failing_option = c.failing;

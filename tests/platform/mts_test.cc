@@ -1,11 +1,9 @@
-// The message transport: a fan-out in a process of its own, which sends what the test wants, and real
-// listeners.
+// The message transport: a fan-out in a process of its own, and listeners.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -24,7 +22,7 @@ namespace {
 
 constexpr uint32_t kOpcode = 173;
 
-int shortages = 3;  // so often the system has no memory for what is called "scarce"
+int shortages = 3;  // how often sending "scarce" fails for lack of memory
 
 }  // namespace
 
@@ -49,7 +47,7 @@ quill::Answer send_on(const quill::Peer&, quill::Request& request) {
 }
 
 // A fan-out that sends a message for each request: to service point `type`, with opcode `operation` and the
-// record as payload. At service point 55 it answers itself, to 56.
+// record as payload. At service point 55 it replies itself, to 56.
 ServerProcess fan_out(gid_t administrators = 0) {
     return ServerProcess(send_on, administrators, [=](quill::Server& server) {
         static quill::Broadcast broadcast(server.loop(), administrators, 1);
@@ -100,7 +98,7 @@ class Transport : public testing::Test {
     Box box;
 };
 
-TEST_F(Transport, MessagesReachWhoWantsThem) {
+TEST_F(Transport, MessagesReachTheirListeners) {
     ServerProcess fanout = fan_out();
     Listener all, service(55), other(60), one_opcode(0, 7);
     EXPECT_EQ(0, send("to all"));
@@ -123,7 +121,7 @@ TEST_F(Transport, MessagesReachWhoWantsThem) {
     EXPECT_EQ(0, send("after it"));
     EXPECT_EQ("173 scarce", all.next());
     EXPECT_EQ("173 after it", all.next());
-    // A service of the process itself has answered at another point.
+    // A service inside the process replies at another point.
     Listener answered(56, 9);
     EXPECT_EQ(0, send("again", 55, 8));
     EXPECT_EQ("9 again", answered.next());
@@ -158,43 +156,33 @@ TEST_F(Transport, SendingThatFails) {
     EXPECT_EQ(-1, mts_send(carrier, MTS_THIS_NODE, 0, 1, "x", 1, 0, 0, 0));
 }
 
-int knock() {
-    const std::string path = std::string(getenv("QUILL_RUNTIME_DIR")) + "/quillsecurityd.mts";
-    sockaddr_un address{AF_UNIX, {}};
-    strcpy(address.sun_path, path.c_str());
-    const int made = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    EXPECT_EQ(0, connect(made, reinterpret_cast<sockaddr*>(&address), sizeof address));
-    return made;
-}
-
-// Who speaks out of turn, or rubbish, is hung up on, and nothing it says reaches anybody.
+// A listener that sends anything but one subscription is disconnected, and nothing of it reaches others.
 TEST_F(Transport, ListenersCannotSpeak) {
     const ServerProcess fanout = fan_out();
     Listener listener;
     const std::string subscription = "QMTS" + word(2) + word(1) + word(0) + word(0);
     const std::vector<std::string> cases[] = {
         {""},
-        {"rubbish"},
+        {"garbage"},
         {subscription + "x"},
         {"QMTS" + word(1) + word(1) + word(0) + word(0)},
         {subscription, "QMTS" + word(2) + word(173) + word(0) + word(3) + "amy"},
         {subscription, subscription},
     };
-    for (const auto& says : cases) {
-        const int socket = knock();
-        char bytes[64];
-        for (const auto& frame : says) {
-            EXPECT_EQ(12, recv(socket, bytes, sizeof bytes, 0));  // a welcome
+    for (const auto& sent : cases) {
+        const int socket = connect_to("quillsecurityd.mts");
+        for (const auto& frame : sent) {
+            EXPECT_EQ(12u, receive_message(socket).size()) << "a welcome";
             EXPECT_EQ(static_cast<ssize_t>(frame.size()), ::send(socket, frame.data(), frame.size(), 0));
         }
-        EXPECT_GE(0, recv(socket, bytes, sizeof bytes, 0)) << says.back();
+        EXPECT_EQ("", receive_message(socket)) << sent.back();
         close(socket);
     }
     EXPECT_EQ(0, send("still here"));
     EXPECT_EQ("173 still here", listener.next());
 }
 
-TEST_F(Transport, ListenersOfOtherContextsAreTurnedAway) {
+TEST_F(Transport, ListenersOfOtherContextsAreRefused) {
     const ServerProcess fanout = fan_out();
     ASSERT_EQ(0, symlink(".", (std::string(getenv("QUILL_RUNTIME_DIR")) + "/vdc_2").c_str()));
     setenv("SYSMGR_VDC_ID", "2", 1);
@@ -206,11 +194,11 @@ TEST_F(Transport, ListenersOfOtherContextsAreTurnedAway) {
 TEST_F(Transport, PlacesAreLimitedAndAdministratorsOnly) {
     constexpr gid_t kAdministrators = 4242;
     const ServerProcess fanout = fan_out(kAdministrators);
-    std::vector<int> knocking;
-    for (int i = 0; i < 64; ++i) knocking.push_back(knock());
+    std::vector<int> connections;
+    for (int i = 0; i < 64; ++i) connections.push_back(connect_to("quillsecurityd.mts"));
     EXPECT_EQ(EUSERS, Listener().error);
-    for (const int socket : knocking) close(socket);
-    EXPECT_EQ(0, send("let the loop see it"));
+    for (const int socket : connections) close(socket);
+    EXPECT_EQ(0, send("wake the loop"));
     EXPECT_EQ(0, Listener().error);
     if (geteuid() != 0) GTEST_SKIP() << "not root";
     EXPECT_EQ(0, in_child([] {

@@ -1,21 +1,24 @@
-// Trace history, configuration, file names and texts of statuses.
+// Trace history, configuration, TLV messages, file names and texts of statuses.
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <functional>
 #include <sstream>
 #include <vector>
 
 #include "quillplatform.h"
+#include "quillsecurity/notify.h"
 #include "quillsecurity/status.h"
 #include "tests/support/box.h"
 #include "tests/support/process.h"
 
 namespace {
 
-// ---- Traces. Each test runs in a process of its own, where the history is empty and $QUILL_TRACE was not
-// read yet.
+// ---- Traces. Each test runs in a process of its own, where the history is empty and $QUILL_TRACE was not read.
 
 void trace(const std::string& text) {
     const std::string event = std::string("\x66\0\0\0", 4) + text;
@@ -102,52 +105,129 @@ TEST(Traces, MessagesGoToStandardErrorUnderTheirModulesName) {
     EXPECT_EQ("security: a name has 7%\n", testing::internal::GetCapturedStderr());
 }
 
-// ---- Configuration
+// ---- Configuration, which each test reads in a process of its own
 
-struct Settings {
-    int32_t vdc;
-    int32_t card;  // -1: not configured
-    std::vector<uint16_t> telnet;
-};
-
-void expect_settings(const std::string& file, const char* environment, const Settings& want) {
+// Writes the file, unless its text is empty, and runs the check.
+void with_configuration(const std::string& file, const char* context,
+                        const std::function<void(Box&)>& check) {
     const int ended = in_child([&] {
         Box box;
         if (!file.empty()) write_file(box / "platform.conf", file);
         setenv("QUILL_PLATFORM_CONF", (box / "platform.conf").c_str(), 1);
         unsetenv("SYSMGR_VDC_ID");
-        if (environment != nullptr) setenv("SYSMGR_VDC_ID", environment, 1);
-        EXPECT_EQ(want.vdc, sysmgrcmn_vdc_id_get());
-        card_module_info card{777};
-        EXPECT_EQ(want.card < 0, get_card_module_info(&card) != 0);
-        EXPECT_EQ(want.card < 0 ? 777 : want.card, card.card_type);
+        if (context != nullptr) setenv("SYSMGR_VDC_ID", context, 1);
+        EXPECT_EQ(0, chdir((box / "").c_str()));
+        check(box);
+    });
+    EXPECT_EQ(0, ended) << file << (context == nullptr ? "" : context);
+}
+
+// `card` is -1 if it is not configured.
+void expect_settings(const std::string& file, const char* environment, int32_t context, int32_t card = -1,
+                     const std::vector<uint16_t>& telnet = {}) {
+    with_configuration(file, environment, [&](Box&) {
+        EXPECT_EQ(context, sysmgrcmn_vdc_id_get());
+        card_module_info info{777};
+        EXPECT_EQ(card < 0, get_card_module_info(&info) != 0);
+        EXPECT_EQ(card < 0 ? 777 : card, info.card_type);
         uint32_t count = 77;
         const uint16_t* types = quill_telnet_card_types(&count);
-        EXPECT_EQ(want.telnet, std::vector<uint16_t>(types, types + count));
+        EXPECT_EQ(telnet, std::vector<uint16_t>(types, types + count));
     });
-    EXPECT_EQ(0, ended) << file << (environment == nullptr ? "" : environment);
 }
 
 TEST(Configuration, Lines) {
     const std::string good = "[system]\nvdc_id = 7\ncard_type = 65535\ntelnet_card_types = 12, 13,0\n";
-    expect_settings("", nullptr, {1, -1, {}});
-    expect_settings(good, nullptr, {7, 65535, {12, 13, 0}});
-    expect_settings("; a comment\n\n[system]\ncard_type=0 ; zero is a type\n", nullptr, {1, 0, {}});
-    expect_settings("[other]\nvdc_id = 7\n[system]\n", nullptr, {1, -1, {}});
+    expect_settings("", nullptr, 1);
+    expect_settings(good, nullptr, 7, 65535, {12, 13, 0});
+    expect_settings("; a comment\n\n[system]\ncard_type=0 ; zero is a type\n", nullptr, 1, 0);
+    expect_settings("[other]\nvdc_id = 7\n[system]\n", nullptr, 1);
     // An invalid line leaves all other settings unchanged.
     for (const char* garbage :
-         {"vdc_id = 0", "vdc_id = 100", "vdc_id = 7x", "vdc_id =", "card_type = -1", "card_type = 65536",
+         {"vdc_id = 0", "vdc_id = 100", "vdc_id = 8x", "vdc_id =", "card_type = -1", "card_type = 65536",
           "card_type = twelve", "telnet_card_types = 5, x", "telnet_card_types = 70000", "no such name = 1",
           "neither name nor value", "[system", "\xff\xfe"})
-        expect_settings(good + garbage + "\n", nullptr, {7, 65535, {12, 13, 0}});
+        expect_settings(good + garbage + "\n", nullptr, 7, 65535, {12, 13, 0});
+    with_configuration(good, nullptr, [](Box&) {
+        setenv("QUILL_PLATFORM_CONF", "platform.conf", 1);
+        EXPECT_EQ(1, sysmgrcmn_vdc_id_get()) << "a relative path is not read";
+    });
 }
 
 TEST(Configuration, TheEnvironmentTakesPrecedence) {
     const std::string file = "[system]\nvdc_id = 7\n";
-    for (const char* value : {"1", "99", "42"}) expect_settings(file, value, {atoi(value), -1, {}});
+    for (const char* value : {"1", "99", "42"}) expect_settings(file, value, atoi(value));
     for (const char* value : {"0", "100", "-1", "", "7 ", "x", "4294967297", "0x10"})
-        expect_settings(file, value, {7, -1, {}});
-    expect_settings("", "0", {1, -1, {}});
+        expect_settings(file, value, 7);
+    expect_settings("", "0", 1);
+}
+
+TEST(Configuration, RolesAndLocales) {
+    const std::string longest(64, 'n');
+    with_configuration(
+        "[system]\nroles = auditor, " + longest + "\nroles = third,\nroles = bad name, other\n" +
+            "roles = " + longest + "n\nlocales = locales\nlocales = /proc/self/cwd/all\n",
+        nullptr, [&](Box& box) {
+            write_file(box / "locales", "relative\n");
+            write_file(box / "all", "# comment\n#off\nnorth\n\n  south \ntwo words\n" + longest + "n\n");
+            for (const char* role : {"auditor", longest.c_str(), "third", "network-admin", "network-operator",
+                                     "vdc-admin", "vdc-operator", "priv-0", "priv-15"})
+                EXPECT_EQ(0, vshd_perm_group_role_name_verify(0, role)) << role;
+            const std::string longer = longest + "n";
+            for (const char* role : {static_cast<const char*>(nullptr), "", "bad name", "other", "priv-16",
+                                     "priv-01", "priv-", "priv-x", "priv--1", "network", longer.c_str()})
+                EXPECT_EQ(-1, vshd_perm_group_role_name_verify(0, role));
+            for (const char* locale : {"north", "south"})
+                EXPECT_EQ(0, vshd_perm_locale_name_verify(0, locale));
+            for (const char* locale : {static_cast<const char*>(nullptr), "", "relative", "#off", "two words",
+                                       "two", longer.c_str()})
+                EXPECT_EQ(-1, vshd_perm_locale_name_verify(0, locale));
+        });
+}
+
+// ---- TLV messages
+
+struct Numbers {
+    uint16_t two;
+    uint64_t eight;
+    char three[3], text[4];
+};
+
+TEST(TlvMessages, OnlyNumbersAreByteSwapped) {
+    const auto field = [](intptr_t id, intptr_t width, size_t offset, uintptr_t kind, intptr_t length) {
+        return tlvu_field_descriptor{id, width, static_cast<intptr_t>(offset), kind, 0, 0, 0, 0, 0, length,
+                                     -1, 0};
+    };
+    const struct {
+        tlvu_table_header header;
+        tlvu_field_descriptor fields[5];
+    } table{{sizeof(Numbers), "numbers", 0, 0},
+            {field(1, 2, offsetof(Numbers, two), TLVU_KIND_BLOCK, 2),
+             field(2, 8, offsetof(Numbers, eight), TLVU_KIND_BLOCK, 8),
+             field(3, 3, offsetof(Numbers, three), TLVU_KIND_BLOCK, 3),
+             field(4, 1, offsetof(Numbers, text), TLVU_KIND_STRING, 4), field(-1, -1, -1, 0, 0)}};
+    const Numbers numbers{0x0102, 0x0102030405060708, {'a', 'b', 'c'}, {'t', 'e', 'x', 't'}};
+    using namespace std::string_literals;
+    const std::string want =
+        "\0\0\0\1\0\0\0\2\1\2\0\0\0\2\0\0\0\x8\1\2\3\4\5\6\7\x8"
+        "\0\0\0\3\0\0\0\3"
+        "abc\0\0\0\4\0\0\0\4text"s;
+    void* tlv = nullptr;
+    uint32_t length = 0;
+    ASSERT_EQ(0u, tlvu_table_convert_struct_to_tlv(&table, &numbers, &tlv, &length));
+    EXPECT_EQ(want, std::string(static_cast<char*>(tlv), length));
+    free(tlv);
+    Numbers read{};
+    void* structure = &read;
+    const auto parse = [&](size_t size) {
+        return tlvu_table_convert_tlv_to_struct(&table, want.data(), static_cast<uint32_t>(size), &structure,
+                                                1);
+    };
+    for (size_t cut = 1; cut < want.size(); ++cut)
+        EXPECT_EQ(cut == 10 || cut == 26 || cut == 37 ? TLVU_OK : TLVU_MALFORMED, parse(cut)) << cut;
+    EXPECT_EQ(0u, parse(length));
+    EXPECT_EQ(0, memcmp(&numbers.eight, &read.eight, 15));
+    EXPECT_EQ(numbers.two, read.two);
 }
 
 // ---- Names of files

@@ -1,5 +1,4 @@
-// Ends of the request channel for tests: the daemon's server with handlers of the test's own, and a peer that
-// follows a script byte by byte.
+// Servers of the request channel for tests: the daemon's, with handlers of the test, and a scripted one.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -20,14 +19,13 @@
 #include "tests/support/daemon.h"
 #include "tests/support/process.h"
 
-// A text as a reply's record.
+// Returns a reply with a text as its record.
 inline quill::Answer answer_text(quill::Request& request, const std::string& text) {
     memcpy(request.record, text.data(), text.size());
     return {0, static_cast<uint32_t>(text.size()), false};
 }
 
-// quill::Server in a process of its own, serving the box's runtime folder until the object goes. What else is
-// to join its loop, `prepare` makes there.
+// Runs quill::Server in a process of its own until the destructor. `prepare` may add to its event loop.
 class ServerProcess {
  public:
     explicit ServerProcess(
@@ -53,7 +51,7 @@ class ServerProcess {
     }
     ~ServerProcess() {
         if (pid_ < 0) return;
-        EXPECT_EQ(0, end(SIGTERM)) << "the server's end";
+        EXPECT_EQ(0, end(SIGTERM)) << "the server's exit code";
     }
     ServerProcess(const ServerProcess&) = delete;
     ServerProcess& operator=(const ServerProcess&) = delete;
@@ -72,8 +70,8 @@ class ServerProcess {
     pid_t pid_ = -1;
 };
 
-// A thread that listens where the daemon would, and hands each connection to the script; `backlog` as for
-// listen(2). The script runs for one connection after the other.
+// A thread that listens at the daemon's socket and runs the script for one connection after the other. `backlog`
+// is that of listen(2).
 class ScriptedServer {
  public:
     explicit ScriptedServer(std::function<void(int connection)> script, int backlog = 5) {

@@ -1,5 +1,4 @@
 // The files of the SQLite store: their modes, which are opened, and which are refused and left unchanged.
-// Damage to whole pages is tested by tests/torture/disk_torture.cc.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -16,7 +15,7 @@
 
 namespace {
 
-constexpr uint32_t kVersion = 0x100001;
+constexpr uint32_t kVersion = 0x100001, kCreate = PSS_READ_WRITE | PSS_CREATE;
 
 class SqliteFiles : public testing::Test {
  protected:
@@ -24,8 +23,7 @@ class SqliteFiles : public testing::Test {
         for (uint32_t opened = 1; opened <= 16; ++opened) pss2_close(opened);
     }
 
-    uint32_t open(uint32_t flags = PSS_READ_WRITE | PSS_CREATE, const std::string& name = "s",
-                  uint32_t version = kVersion) {
+    uint32_t open(uint32_t flags = kCreate, const std::string& name = "s", uint32_t version = kVersion) {
         const uint32_t status = open_store(handle, name, flags, version);
         EXPECT_EQ(status == PSS_OK, handle != 0);
         return status;
@@ -81,16 +79,15 @@ TEST_F(SqliteFiles, NothingIsCreatedWithoutTheFlag) {
 
 TEST_F(SqliteFiles, UnsuitableFolders) {
     const std::string state = box.state();
-    setenv("QUILL_STATE_DIR", (box / "missing/state").c_str(), 1);
-    EXPECT_EQ(PSS_MISSING, open());
-    setenv("QUILL_STATE_DIR", "state", 1);
-    EXPECT_EQ(PSS_BAD_ARGUMENT, open()) << "relative";
-
+    for (const auto& [path, want] :
+         {std::pair{box / "missing/state", PSS_MISSING}, {"state", PSS_BAD_ARGUMENT}}) {
+        setenv("QUILL_STATE_DIR", path.c_str(), 1);
+        EXPECT_EQ(want, open()) << path;
+    }
     setenv("QUILL_STATE_DIR", state.c_str(), 1);
     write_file(state, "a file");
     EXPECT_EQ(PSS_MISSING, open());
     unlink(state.c_str());
-
     for (const mode_t mode : {0755, 0710, 0701, 0770}) {
         mkdir(state.c_str(), 0700);
         chmod(state.c_str(), mode);
@@ -98,7 +95,7 @@ TEST_F(SqliteFiles, UnsuitableFolders) {
         EXPECT_EQ(mode, strtoul(mode_of(state).c_str(), nullptr, 8)) << "unchanged";
         EXPECT_EQ(0, rmdir(state.c_str())) << "still empty";
     }
-    if (geteuid() != 0) GTEST_SKIP() << "only root gives folders away";
+    if (geteuid() != 0) GTEST_SKIP() << "only root can change owners";
     mkdir(state.c_str(), 0700);
     ASSERT_EQ(0, chown(state.c_str(), 65534, 65534));
     EXPECT_EQ(PSS_UNSAFE, open()) << "of another user";
@@ -110,39 +107,37 @@ TEST_F(SqliteFiles, AFileOpenToOthersIsClosedToThem) {
     EXPECT_EQ(PSS_OK, open());
     EXPECT_EQ("0600", mode_of(file));
     pss2_close(handle);
-    if (geteuid() != 0) GTEST_SKIP() << "only root gives files away";
+    if (geteuid() != 0) GTEST_SKIP() << "only root can change owners";
     ASSERT_EQ(0, chown(file.c_str(), 65534, 65534));
     EXPECT_EQ(PSS_UNSAFE, open());
 }
 
 TEST_F(SqliteFiles, InvalidNamesAreRefused) {
-    for (const std::string& name :
-         {std::string(), std::string(".."), std::string("."), std::string(".hidden"), std::string("../s"),
-          std::string("a/b"), std::string("/etc/s"), std::string("a b"), std::string("s\n"),
-          std::string("\xc3\xa4"), std::string(65, 'n')})
-        EXPECT_EQ(PSS_BAD_ARGUMENT, open(PSS_READ_WRITE | PSS_CREATE, name)) << name;
+    const std::string longest(64, 'n'), longer = longest + "n";
+    for (const char* name :
+         {"", "..", ".", ".hidden", "../s", "a/b", "/etc/s", "a b", "s\n", "\xc3\xa4", longer.c_str()})
+        EXPECT_EQ(PSS_BAD_ARGUMENT, open(kCreate, name)) << name;
     EXPECT_EQ("none", mode_of(box.state()));
-    EXPECT_EQ(PSS_OK, open(PSS_READ_WRITE | PSS_CREATE, std::string(64, 'n')));
-    EXPECT_EQ(PSS_OK, open(PSS_READ_WRITE | PSS_CREATE, "A-z_0.9"));
+    EXPECT_EQ(PSS_OK, open(kCreate, longest));
+    EXPECT_EQ(PSS_OK, open(kCreate, "A-z_0.9"));
 }
 
 TEST_F(SqliteFiles, OnlyOneProcessAndHandleOpensAStore) {
     make_store();
-    // Another process, forked before this one opens anything. For the first of two bytes it opens the store
-    // and sends the status, for the second it closes it.
-    int orders[2], answers[2];
-    ASSERT_TRUE(pipe(orders) == 0 && pipe(answers) == 0);
+    // Another process opens the store for each first byte that it receives, and closes it for each second.
+    int orders[2], results[2];
+    ASSERT_TRUE(pipe(orders) == 0 && pipe(results) == 0);
     const pid_t other = start_child([&] {
         for (char byte; read(orders[0], &byte, 1) == 1; pss2_close(handle)) {
             const uint32_t status = open();
-            if (write(answers[1], &status, sizeof status) < 0 || read(orders[0], &byte, 1) != 1) break;
+            if (write(results[1], &status, sizeof status) < 0 || read(orders[0], &byte, 1) != 1) break;
         }
     });
     const auto tell_other = [&] { EXPECT_EQ(1, write(orders[1], "", 1)); };
     const auto opened_by_other = [&] {
         tell_other();
         uint32_t status = 0x55;
-        EXPECT_EQ(4, read(answers[0], &status, sizeof status));
+        EXPECT_EQ(4, read(results[0], &status, sizeof status));
         return status;
     };
     EXPECT_EQ(PSS_OK, opened_by_other());
@@ -157,16 +152,15 @@ TEST_F(SqliteFiles, OnlyOneProcessAndHandleOpensAStore) {
     EXPECT_EQ(PSS_OK, open());
     kill(other, SIGKILL);
     wait_for(other);
-    for (const int end : {orders[0], orders[1], answers[0], answers[1]}) close(end);
 }
 
 TEST_F(SqliteFiles, StoresDoNotShareHandlesBytesOrRecords) {
     for (unsigned i = 1; i <= 16; ++i) {
-        ASSERT_EQ(PSS_OK, open(PSS_READ_WRITE | PSS_CREATE, numbered("s", i)));
+        ASSERT_EQ(PSS_OK, open(kCreate, numbered("s", i)));
         ASSERT_EQ(i, handle);
-        put(handle, "key", numbered("of ", i));
+        ASSERT_EQ(PSS_OK, put(handle, "key", numbered("of ", i)));
     }
-    EXPECT_EQ(PSS_NO_FILES, open(PSS_READ_WRITE | PSS_CREATE, "s17"));
+    EXPECT_EQ(PSS_NO_FILES, open(kCreate, "s17"));
     const std::string name = "key";
     const pss_descriptor key = describe(name);
     uint32_t status = 0;
@@ -184,29 +178,24 @@ TEST_F(SqliteFiles, InvalidKeysAndValues) {
     ASSERT_EQ(PSS_OK, open());
     const pss_descriptor nothing{nullptr, 5};
     uint32_t status = 0;
-    EXPECT_EQ(PSS_BAD_ARGUMENT, put(handle, "", "v"));
-    EXPECT_EQ(PSS_BAD_ARGUMENT, put(handle, std::string(PSS_MAX_KEY + 1, 'k'), "v"));
-    EXPECT_EQ(PSS_BAD_ARGUMENT, put(handle, "k", std::string(PSS_MAX_VALUE + 1, 'v')));
-    EXPECT_EQ(PSS_BAD_ARGUMENT, erase(handle, ""));
+    for (const uint32_t got :
+         {put(handle, "", "v"), put(handle, std::string(PSS_MAX_KEY + 1, 'k'), "v"), erase(handle, ""),
+          put(handle, "k", std::string(PSS_MAX_VALUE + 1, 'v')), pss2_store(handle, nullptr, nullptr),
+          pss2_move2key(&handle, PSS_MODE, &nothing, &status)})
+        EXPECT_EQ(PSS_BAD_ARGUMENT, got);
     EXPECT_EQ("[40480002]", fetch(handle, ""));
     EXPECT_EQ(nullptr, pss2_fetch(handle, &nothing, &status));
     EXPECT_EQ(PSS_BAD_ARGUMENT, status);
-    EXPECT_EQ(PSS_BAD_ARGUMENT, pss2_store(handle, nullptr, nullptr));
-    EXPECT_EQ(PSS_BAD_ARGUMENT, pss2_move2key(&handle, PSS_MODE, &nothing, &status));
 }
 
 // With and without the create flag.
 TEST_F(SqliteFiles, AnythingButAStoreIsRefusedAndLeftUnchanged) {
-    const auto make_foreign = [this] {
-        run_sql(
-            "PRAGMA journal_mode=WAL; CREATE TABLE record(key BLOB, value BLOB);"
-            "INSERT INTO record VALUES('k', 'v')");
-    };
     const struct {
         const char* what;
         std::function<void()> make;
     } cases[] = {
-        {"a database of another program", make_foreign},
+        {"a database of another program",
+         [this] { run_sql("PRAGMA journal_mode=WAL; CREATE TABLE record(key BLOB, value BLOB)"); }},
         {"text", [this] { write_file(file, "user=admin\n", 0644); }},
         {"an empty file", [this] { write_file(file, ""); }},
         {"a truncated header", [this] { write_file(file, std::string("SQLite format 3\0", 16)); }},
@@ -260,22 +249,16 @@ TEST_F(SqliteFiles, Versions) {
     EXPECT_EQ("in the log", fetch(handle, "late"));
 }
 
-TEST_F(SqliteFiles, ACopyInAnotherJournalModeIsChangedToWal) {
+TEST_F(SqliteFiles, AStoreChangedWithSqlite) {
     make_store();
     run_sql("PRAGMA journal_mode=DELETE");
-    EXPECT_EQ(PSS_OK, open());
-    EXPECT_EQ(PSS_OK, put(handle, "key", "other"));
-    EXPECT_EQ("0600", mode_of(file + "-wal"));
-    EXPECT_EQ("none", mode_of(file + "-journal"));
-}
-
-// Of the key followed by the value; existing stores depend on it. This is the published check value of
-// "123456789".
-TEST_F(SqliteFiles, ChecksumsAreCrc32) {
-    make_store();
+    // The published check value of CRC-32 for "123456789": the checksum is that of the key followed by the value.
     run_sql("INSERT INTO record VALUES(CAST('1234' AS BLOB), CAST('56789' AS BLOB), 0xCBF43926)");
     EXPECT_EQ(PSS_OK, open());
     EXPECT_EQ("56789", fetch(handle, "1234"));
+    EXPECT_EQ(PSS_OK, put(handle, "key", "other"));
+    EXPECT_EQ("0600", mode_of(file + "-wal")) << "changed to WAL";
+    EXPECT_EQ("none", mode_of(file + "-journal"));
 }
 
 TEST_F(SqliteFiles, AnInterruptedCreationIsRepeated) {
@@ -309,15 +292,15 @@ TEST_F(SqliteFiles, ConcurrentCreationsYieldOneStore) {
     }
 }
 
-// They are valid until the next call, and for its duration.
+// Returned bytes are valid until the next call has ended.
 TEST_F(SqliteFiles, ReturnedBytesCanBeArgumentsOfTheNextCall) {
     ASSERT_EQ(PSS_OK, open());
     put(handle, "first", "second");
     put(handle, "second", std::string(300, 'v'));
     const std::string first = "first";
     const pss_descriptor key = describe(first);
+    uint32_t status = 0x55;
     for (int round = 0; round < 2; ++round) {
-        uint32_t status = 0x55;
         const pss_descriptor returned = *pss2_fetch(handle, &key, &status);
         EXPECT_EQ(std::string(300, 'v'), bytes_of(pss2_fetch(handle, &returned, &status)));
         const pss_descriptor value = *pss2_fetch(handle, &key, &status);
@@ -325,7 +308,6 @@ TEST_F(SqliteFiles, ReturnedBytesCanBeArgumentsOfTheNextCall) {
         EXPECT_EQ("second", fetch(handle, "first"));
         put(handle, "first", "second");
     }
-    pss2_close(handle);
 }
 
 // A damaged value is never returned, and the cursor moves on past it.
@@ -339,22 +321,12 @@ TEST_F(SqliteFiles, ADamagedValueIsReported) {
 
     ASSERT_EQ(PSS_OK, open());
     EXPECT_EQ("[4048000d]", fetch(handle, "b"));
-    uint32_t at = handle, status = 0x55;
-    const std::string start = "a";
-    const pss_descriptor key = describe(start);
-    ASSERT_EQ(PSS_OK, pss2_move2key(&at, PSS_MODE, &key, &status));
-    for (const std::string name : {"b", "c"}) {
-        EXPECT_EQ(PSS_OK, pss2_move2location(&at, PSS_MODE, PSS_NEXT, &status));
-        EXPECT_EQ(name, bytes_of(pss2_getkey(at, &status)));
-        EXPECT_EQ(name == "b" ? "(null)" : "value of c", bytes_of(pss2_getvalue(at, &status)));
-        EXPECT_EQ(name == "b" ? PSS_CORRUPT : PSS_OK, status);
-    }
-    const std::string damaged = "b";
-    const pss_descriptor damaged_key = describe(damaged);
-    for (int i = 0; i < 2; ++i) {  // by a search, and where the cursor is already
-        EXPECT_EQ(PSS_OK, pss2_move2key(&at, PSS_MODE, &damaged_key, &status));
-        EXPECT_EQ("(null)", bytes_of(pss2_getvalue(at, &status)));
-    }
+    const Cursor cursor{handle};
+    EXPECT_EQ("at a=value of a", cursor.move("a"));
+    EXPECT_EQ("b damaged", cursor.next());
+    EXPECT_EQ("c=value of c", cursor.next());
+    for (int i = 0; i < 2; ++i)  // by a search, and where the cursor is already
+        EXPECT_EQ("at b damaged", cursor.move("b"));
     EXPECT_EQ(PSS_OK, put(handle, "b", "anew"));
     EXPECT_EQ("anew", fetch(handle, "b"));
     pss2_close(handle);

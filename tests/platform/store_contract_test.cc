@@ -1,10 +1,35 @@
-// The guarantees of quillplatform/pss.h, for the SQLite store and for the fake that the library is tested
-// with.
-#include "tests/platform/store_contract.h"
+// The guarantees of quillplatform/pss.h, for the SQLite store and, with QUILL_FAKE_STORE, for the fake that the
+// library is tested with.
+#include <gtest/gtest.h>
+
+#include "tests/support/store.h"
+
+#ifdef QUILL_FAKE_STORE
+#include "tests/fakes/world.h"
+#define StoreContract FakeStoreContract
+#else
+#include "tests/support/box.h"
+#endif
 
 namespace {
 
-TEST_P(StoreContract, AValueIsWhatWasLastStored) {
+class StoreContract : public testing::Test {
+ protected:
+#ifdef QUILL_FAKE_STORE
+    StoreContract() : store(kHandle) { world() = World(); }
+#else
+    StoreContract() { EXPECT_EQ(PSS_OK, open_store(store)); }
+    ~StoreContract() override { pss2_close(store); }
+    Box box;
+#endif
+    std::string here() const { return Cursor{store}.here(); }
+    std::string move(const std::string& key) const { return Cursor{store}.move(key); }
+    std::string next() const { return Cursor{store}.next(); }
+
+    uint32_t store = 0;
+};
+
+TEST_F(StoreContract, AValueIsWhatWasLastStored) {
     EXPECT_EQ("[40480003]", fetch(store, "key"));
     EXPECT_EQ(PSS_NO_KEY, erase(store, "key"));
     for (const std::string& value : {std::string("first"), std::string("a longer second"), std::string("3rd"),
@@ -19,7 +44,7 @@ TEST_P(StoreContract, AValueIsWhatWasLastStored) {
     EXPECT_EQ(PSS_NO_KEY, erase(store, "key"));
 }
 
-TEST_P(StoreContract, TheLongestKeyAndValueAreStored) {
+TEST_F(StoreContract, TheLongestKeyAndValueAreStored) {
     const std::string key(PSS_MAX_KEY, 'k');
     std::string value(PSS_MAX_VALUE, 'v');
     for (size_t i = 0; i < value.size(); ++i) value[i] = static_cast<char>(i * 7 + i / 256);
@@ -30,19 +55,10 @@ TEST_P(StoreContract, TheLongestKeyAndValueAreStored) {
 }
 
 // Bytes are unsigned, 0 and 0xff are like any other, and a prefix comes first.
-TEST_P(StoreContract, TheCursorFollowsTheByteOrderOfKeys) {
-    const std::string ordered[] = {std::string(1, '\0'),
-                                   std::string("\0\0", 2),
-                                   std::string("\0\1", 2),
-                                   "A",
-                                   std::string("A\0", 2),
-                                   "AA",
-                                   "B",
-                                   "a",
-                                   "\x7f",
-                                   "\x80",
-                                   "\xff",
-                                   "\xff\xff"};
+TEST_F(StoreContract, TheCursorFollowsTheByteOrderOfKeys) {
+    using namespace std::string_literals;
+    const std::string ordered[] = {"\0"s, "\0\0"s, "\0\1"s, "A",    "A\0"s, "AA",
+                                   "B",   "a",     "\x7f",  "\x80", "\xff", "\xff\xff"};
     for (const size_t i : {7, 2, 11, 0, 9, 4, 6, 1, 10, 3, 8, 5})
         ASSERT_EQ(PSS_OK, put(store, ordered[i], "v"));
     EXPECT_EQ("at " + ordered[0] + "=v", move(ordered[0]));
@@ -50,7 +66,7 @@ TEST_P(StoreContract, TheCursorFollowsTheByteOrderOfKeys) {
     EXPECT_EQ("none", next());
 }
 
-TEST_P(StoreContract, MovingToAKey) {
+TEST_F(StoreContract, MovingToAKey) {
     EXPECT_EQ("after none", move("any")) << "an empty store";
     put(store, "bb", "1");
     put(store, "dd", "2");
@@ -68,7 +84,7 @@ TEST_P(StoreContract, MovingToAKey) {
     EXPECT_EQ("none", next());
 }
 
-TEST_P(StoreContract, ACursorStaysValidWhenItsRecordIsDeleted) {
+TEST_F(StoreContract, ACursorStaysValidWhenItsRecordIsDeleted) {
     for (const char* key : {"a", "b", "c", "d"}) put(store, key, "1");
     move("b");
     erase(store, "b");
@@ -88,7 +104,7 @@ TEST_P(StoreContract, ACursorStaysValidWhenItsRecordIsDeleted) {
     EXPECT_EQ("bb=came after", next()) << "the next key at the time of the call";
 }
 
-TEST_P(StoreContract, ACursorReadsThePresentValue) {
+TEST_F(StoreContract, ACursorReadsThePresentValue) {
     put(store, "a", "old");
     put(store, "c", "old");
     move("a");
@@ -102,7 +118,7 @@ TEST_P(StoreContract, ACursorReadsThePresentValue) {
     EXPECT_EQ("c=new", next());
 }
 
-TEST_P(StoreContract, InvalidArgumentsAreRefused) {
+TEST_F(StoreContract, InvalidArgumentsAreRefused) {
     const std::string name = "a";
     const pss_descriptor key = describe(name);
     put(store, "a", "1");

@@ -118,15 +118,15 @@ int run_daemon_command(const std::vector<std::string>& arguments, std::string& p
     return status;
 }
 
-RawClient::RawClient() : socket_(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
+int connect_to(const std::string& name) {
+    const int made = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     sockaddr_un address;
-    const socklen_t size =
-        make_address(getenv("QUILL_RUNTIME_DIR") + std::string("/quillsecurityd.sock"), address);
+    const socklen_t size = make_address(getenv("QUILL_RUNTIME_DIR") + ("/" + name), address);
     const timeval timeout{kTimeout / 1000, 0};
-    setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-    if (connect(socket_, reinterpret_cast<sockaddr*>(&address), size) == 0) return;
-    close(socket_);
-    socket_ = -1;
+    setsockopt(made, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    if (connect(made, reinterpret_cast<sockaddr*>(&address), size) == 0) return made;
+    close(made);
+    return -1;
 }
 
 RawClient::~RawClient() {
@@ -143,9 +143,9 @@ pid_t RawClient::server() const {
     return getsockopt(socket_, SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0 ? credentials.pid : -1;
 }
 
-std::string RawClient::receive() {
+std::string receive_message(int socket) {
     std::string message(65536, '\0');
-    const ssize_t got = recv(socket_, message.data(), message.size(), 0);
+    const ssize_t got = recv(socket, message.data(), message.size(), 0);
     message.resize(got < 0 ? 0 : static_cast<size_t>(got));
     return message;
 }

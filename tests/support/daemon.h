@@ -39,14 +39,21 @@ int run_daemon_command(const std::vector<std::string>& arguments, std::string& p
 // Returns a new AF_UNIX socket bound to the path, or to an abstract address if the path begins with '@'.
 int bound_socket(int type, const std::string& path);
 
+// Returns a new connection to the daemon's socket of this name in $QUILL_RUNTIME_DIR, or -1. Receiving fails after
+// 10 seconds.
+int connect_to(const std::string& name = "quillsecurityd.sock");
+
+// Receives one message; returns an empty text at the end of the connection or on failure.
+std::string receive_message(int socket);
+
 class RawClient {
  public:
-    RawClient();  // connects to the daemon's socket; if that fails, so does each call
+    RawClient() : socket_(connect_to()) {}  // if that fails, so does each call
     ~RawClient();
     RawClient(RawClient&& other) noexcept : socket_(other.socket_) { other.socket_ = -1; }
 
     bool send(const std::string& frame, int flags = 0);
-    std::string receive();  // empty after 10 seconds or at the end of the connection
+    std::string receive() { return receive_message(socket_); }
     std::string ask(const std::string& frame) { return send(frame) ? receive() : ""; }
     pid_t server() const;  // the process that listens
 

@@ -1,6 +1,6 @@
 // Preloaded into the daemon: kills it with SIGKILL before the n-th step of a change to an account, where n is
-// $QUILL_DIE_AT. A step is a write to the store, the start or end of a program, or the renaming of a file. The first step is the
-// write of the journal entry.
+// $QUILL_DIE_AT. A step is a write to the store, the start or end of a program, or the renaming of a file.
+// The first step is the write of the journal entry.
 #include <sys/types.h>
 
 #include <csignal>

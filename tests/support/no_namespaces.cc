@@ -1,7 +1,9 @@
 // Preloaded into a program: a system on which nobody may make namespaces.
 #include <cerrno>
 
-extern "C" __attribute__((visibility("default"))) int unshare(int) {
+#include "tests/support/interpose.h"
+
+INTERPOSED int unshare(int) noexcept {
     errno = EPERM;
     return -1;
 }

@@ -1,23 +1,20 @@
 // Preloaded into the daemon: a directory service that takes ten seconds for each name.
-#include <dlfcn.h>
 #include <grp.h>
 #include <pwd.h>
 #include <shadow.h>
 #include <unistd.h>
 
+#include "tests/support/interpose.h"
+
 namespace {
 
 template <class Entry>
-Entry* after_a_while(const char* function, const char* name) {
+Entry* look_up_slowly(const char* function, const char* name) {
     sleep(10);
-    return reinterpret_cast<Entry* (*)(const char*)>(dlsym(RTLD_NEXT, function))(name);
+    return original<Entry*(const char*)>(function)(name);
 }
 
 }  // namespace
 
-extern "C" {
-#pragma GCC visibility push(default)
-passwd* getpwnam(const char* name) { return after_a_while<passwd>("getpwnam", name); }
-spwd* getspnam(const char* name) { return after_a_while<spwd>("getspnam", name); }
-#pragma GCC visibility pop
-}
+INTERPOSED passwd* getpwnam(const char* name) { return look_up_slowly<passwd>("getpwnam", name); }
+INTERPOSED spwd* getspnam(const char* name) { return look_up_slowly<spwd>("getspnam", name); }

@@ -46,3 +46,32 @@ inline std::string fetch(uint32_t handle, const std::string& key) {
     snprintf(text, sizeof text, "[%x]%s", status, found == nullptr ? "" : " and a value");
     return text;
 }
+
+// The cursor of a store. Results are "key=value" of its record, "none", or "failed".
+struct Cursor {
+    uint32_t store;
+
+    std::string here() const {
+        uint32_t key_status = 0x55, value_status = 0x55;
+        const pss_descriptor* key = pss2_getkey(store, &key_status);
+        const std::string name = bytes_of(key);
+        const pss_descriptor* value = pss2_getvalue(store, &value_status);
+        if (key_status == PSS_OK && value_status == PSS_OK) return name + "=" + bytes_of(value);
+        if (value != nullptr || (key == nullptr) != (key_status != PSS_OK)) return "inconsistent";
+        if (key_status == PSS_OK && value_status == PSS_CORRUPT) return name + " damaged";
+        return key_status == PSS_NO_KEY && value_status == PSS_NO_KEY ? "none" : "failed";
+    }
+    // To a key ("at ...") or, if it does not exist, the one that follows ("after ...").
+    std::string move(const std::string& key) const {
+        const pss_descriptor described = describe(key);
+        uint32_t handle = store, status = 0x55;
+        const uint32_t returned = pss2_move2key(&handle, PSS_MODE, &described, &status);
+        return returned != status ? "inconsistent" : (status == PSS_OK ? "at " : "after ") + here();
+    }
+    std::string next() const {
+        uint32_t handle = store, status = 0x55;
+        const uint32_t returned = pss2_move2location(&handle, PSS_MODE, PSS_NEXT, &status);
+        if (returned != status) return "inconsistent";
+        return status == PSS_OK ? here() : status == PSS_NO_KEY ? "none" : "failed";
+    }
+};

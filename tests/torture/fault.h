@@ -1,5 +1,5 @@
-// The faults that the preloaded faults.cc injects into a daemon, in a file that the test and the daemon map
-// into memory. $QUILL_FAULTS is its path.
+// Faults that faults.cc injects into a daemon into which it is preloaded, through a file at $QUILL_FAULTS that
+// test and daemon map into memory, or into the test that it is linked into.
 #pragma once
 
 #include <fcntl.h>
@@ -7,18 +7,27 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <climits>
 #include <string>
 
 struct Fault {
-    std::atomic<int> error;        // errno of the failing system calls on the store's files; 0: none fail
-    std::atomic<unsigned> after;   // so many calls succeed first
-    std::atomic<unsigned> times;   // so many calls fail then
-    std::atomic<unsigned> calls;   // calls since arm()
-    std::atomic<unsigned> failed;  // calls of these that failed
-    std::atomic<bool> hide_peers;  // getsockopt(SO_PEERCRED) fails
-    std::atomic<bool> old_kernel;  // setsockopt(SO_PASSRIGHTS) fails, as on kernels before 6.16
+    static constexpr int kKill = 9999;  // as `error`: the call kills the process
 
-    void arm(int with, unsigned first, unsigned count) {
+    enum Kind { kRead = 1, kWrite = 2, kFlush = 4, kOther = 8, kAny = 15 };
+
+    std::atomic<int> kinds;         // of the calls that fail: the sum of some
+    std::atomic<int> error;         // errno of the failing system calls on the store's files; 0: none fail
+    std::atomic<unsigned> after;    // so many calls succeed first
+    std::atomic<unsigned> times;    // so many calls fail then
+    std::atomic<unsigned> calls;    // calls since arm()
+    std::atomic<unsigned> failed;   // calls of these that failed
+    std::atomic<unsigned> flushes;  // successful calls of fsync() and fdatasync()
+    std::atomic<bool> unflushed;    // a file was changed since the last flush
+    std::atomic<bool> hide_peers;   // getsockopt(SO_PEERCRED) fails
+    std::atomic<bool> old_kernel;   // setsockopt(SO_PASSRIGHTS) fails, as on kernels before 6.16
+
+    void arm(int with, unsigned first = 0, unsigned count = UINT_MAX, int of_kinds = kAny) {
+        kinds = of_kinds;
         error = 0;
         calls = failed = 0;
         after = first;
@@ -27,6 +36,8 @@ struct Fault {
     }
     void end() { error = 0; }
 };
+
+extern Fault* injected_fault;  // of a test that faults.cc is linked into
 
 inline Fault* map_fault(const std::string& path) {
     const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);

@@ -5,7 +5,7 @@
  *
  * The reference is a fan-out by quillsecurityd over AF_UNIX sockets of type SOCK_SEQPACKET (unix(7)), named
  * quillsecurityd.mts in the runtime directory of its context (quillplatform/shell.h). A messaging library such
- * as nng is not used, because the daemon has an event loop for such sockets already, the kernel preserves message
+ * as nng is not used: the daemon already has an event loop for such sockets, the kernel preserves message
  * boundaries and order and identifies the peer, and a ring buffer with a position for each listener is little
  * code. A library would add threads to a daemon that has none, and does not identify the peer.
  *  - Only the process that runs the fan-out can send. Listeners send only what they want to listen to, so
@@ -63,21 +63,26 @@ uint32_t mts_payload_size(const void* message);
 /* ---- Not imported by the library: for programs that listen, and for the one that sends. */
 
 /* Starts to listen to messages of one opcode, or MTS_ANY_OPCODE, that are sent to a service point or to all
- * (MTS_SAP_ALL for only those to all). Messages that are sent from now on are received in order. Returns 0
- * and stores a handle, or -1 with errno set: ENOENT and ECONNREFUSED if no daemon is running, EACCES if the
- * caller may not listen, EUSERS if there are too many listeners, EXDEV if the daemon serves another context, EPROTO, ETIMEDOUT after 10 seconds, or an
- * errno of socket(2) or connect(2). The caller closes the handle with quill_mts_close(). */
+ * (MTS_SAP_ALL for only those to all). Messages that are sent from now on are received in order. Returns 0 and
+ * stores a handle in *handle, which the caller closes with quill_mts_close(), or -1 with errno set:
+ *   ENOENT, ECONNREFUSED  no daemon of this context is running
+ *   EACCES                the caller may not listen
+ *   EUSERS                there are too many listeners
+ *   EXDEV                 the daemon serves another context
+ *   ETIMEDOUT             no response from the daemon within 10 seconds
+ *   EPROTO                the peer does not follow the protocol
+ *   others                as of socket(2), connect(2), send(2), recv(2) and malloc(3) */
 int32_t quill_mts_listen(uint32_t sap, uint32_t opcode, uint32_t* handle);
 
 /* Waits for the next message, for the given time in milliseconds or without limit for -1. Returns the
- * message, which the caller releases with quill_mts_free(), or null with errno set: ETIMEDOUT, ECONNRESET if
- * the daemon has ended, EPROTO. */
+ * message, which the caller releases with quill_mts_free(), or null with errno set: ETIMEDOUT; ECONNRESET if
+ * the daemon has ended; EPROTO; EBADF if the handle is not one of quill_mts_listen(); ENOMEM. */
 void* quill_mts_receive(uint32_t handle, int32_t milliseconds);
 
 /* Returns the number of messages that were lost between the previous message and this one. */
 uint32_t quill_mts_lost(const void* message);
 
-/* Release a message, and close a handle. */
+/* Release a message of quill_mts_receive(), and close a handle. Null and an invalid handle are ignored. */
 void quill_mts_free(void* message);
 void quill_mts_close(uint32_t handle);
 

@@ -1,4 +1,4 @@
-/* TLV utilities: conversion of structures to messages of tagged fields and back, according to field tables
+/* TLV functions: conversion of structures to messages of tagged fields and back, according to field tables
  * (tlvu_table_header and tlvu_field_descriptor, quillsecurity/notify.h).
  *
  * A message of the reference is a sequence of fields:
