@@ -104,15 +104,15 @@ uint32_t drop_records(uint32_t store, const char* user, uint32_t* dropped) {
 }
 
 uint32_t drop_orphans(uint32_t store, uint32_t operation, void* record) {
-    auto& answer = *static_cast<security_orphans*>(record);
-    answer.dropped = 0;
+    auto& result = *static_cast<security_orphans*>(record);
+    result.dropped = 0;
     if (operation != DEL_REQ) return SECURITY_ERR_NOT_SUPPORTED;
     std::set<std::string> orphans;
     for (const uint32_t table : kTablesOfUsers)
         if (!collect_orphans(store, table, orphans)) return SECURITY_ERR_FILE_READ;
     uint32_t status = SECURITY_OK;
     for (const std::string& user : orphans) {
-        if (status == SECURITY_OK) status = drop_records(store, user.c_str(), &answer.dropped);
+        if (status == SECURITY_OK) status = drop_records(store, user.c_str(), &result.dropped);
         syslog(LOG_NOTICE, "records of '%s', who has no account, dropped: %s", log_safe(user).c_str(),
                syserr2str(status));
     }

@@ -99,7 +99,7 @@ uint32_t replace(const Kind& kind, uint32_t store, NameList& list) {
     return write(kind, store, list);
 }
 
-uint32_t take_out(const Kind& kind, uint32_t store, NameList& list) {
+uint32_t remove_name(const Kind& kind, uint32_t store, NameList& list) {
     if (list.count != 1) return SECURITY_ERR_REQUEST_COUNT;
     if (!terminated(list.names[0])) return SECURITY_ERR_REQUEST_TEXT;
     NameList held = list;
@@ -126,7 +126,7 @@ uint32_t serve(const Kind& kind, uint32_t store, uint32_t operation, NameList& l
     case SET_REQ:
         return replace(kind, store, list);
     case DEL_REQ:
-        return take_out(kind, store, list);
+        return remove_name(kind, store, list);
     }
     return SECURITY_ERR_NOT_SUPPORTED;
 }

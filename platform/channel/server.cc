@@ -235,7 +235,7 @@ bool Server::Loop::serve(Client& client) {
     client.has_asked = true;
 
     // Records contain secrets: wipes the bytes that were used, and all of them after an exception.
-    struct Wipe {
+    struct Wipe {  // NOLINT(cppcoreguidelines-special-member-functions)
         Message& message;
         size_t used = Message::kRoom;
         ~Wipe() { explicit_bzero(&message.header, used); }

@@ -162,9 +162,8 @@ TEST_F(SecurityDaemon, OutlivesWritesThatFail) {
     limit_files(RLIM_INFINITY);
     EXPECT_EQ(reply(SECURITY_SERVICE_FIPS, 1), client.ask(set(1)));
     EXPECT_NE(std::string::npos, daemon->log().find("writing works again"));
-    EXPECT_NE(
-        std::string::npos,
-        read_file("/proc/" + std::to_string(daemon->pid()) + "/limits").find("Max core file size        0 "));
+    EXPECT_NE(std::string::npos, read_file("/proc/" + std::to_string(daemon->pid()) + "/limits")
+                                     .find("Max core file size        0                    0 "));
     const std::string facts = read_file("/proc/" + std::to_string(daemon->pid()) + "/status");
     const uint64_t ignored = std::stoull(facts.substr(facts.find("SigIgn:") + 8), nullptr, 16);
     for (const int signal : {SIGPIPE, SIGXFSZ})
@@ -182,8 +181,10 @@ TEST_F(SecurityDaemon, LogsWhatItRefuses) {
     for (auto& role : many.roles) strcpy(role, "x, by uid 0 pid 1 for 'root' in session 0, and a lot more");
     client.ask(request_frame(SECURITY_ROLE_ASSIGN_REQUEST, SET_REQ,
                              std::string(reinterpret_cast<const char*>(&many), sizeof many), 78));
+    expect_service();
     for (int i = 0; i < 100; ++i) client.ask("rubbish");
     const std::string log = daemon->log();
+    EXPECT_EQ(std::string::npos, log.find(" 0 bytes ")) << "the end of a connection is no request";
     for (const std::string& line :
          {std::string("there is no group no-such-group"),
           "the daemon does not serve requests of this type" + by + " for 'ann...' in session 77",

@@ -130,6 +130,9 @@ TEST_F(Dispatch, OnlyRecordsOfARoutesSizeWithGoodFieldsAreHandled) {
             EXPECT_FALSE(refused(GET_REQ, is_text ? std::string(limit - 1, 'x') : count(limit)));
         }
     }
+    for (const uint32_t operation : {SET_REQ, DEL_REQ})
+        EXPECT_EQ(SECURITY_ERR_REQUEST_TEXT,
+                  ask(158, operation, list("root", {"x"}).replace(132, 65, 65, 'x')));
     // A length may be that of the whole field, in which the text ends nevertheless.
     EXPECT_EQ(SECURITY_OK, ask(5159, SET_REQ, secret(1, 0, std::string(1023, 's'), 1024)));
     for (const uint32_t type : {0, 100})
@@ -235,6 +238,7 @@ TEST_F(Dispatch, ChangesAndRefusalsAreToldInWords) {
          SECURITY_ERR_NOT_FOUND},
         {158, SET_REQ, list("no-such", {"a", "b"}), "roles of 'no-such': set to a, b",
          SECURITY_ERR_NOT_FOUND},
+        {158, DEL_REQ, list("root", {"priv-2"}), "roles of 'root': -priv-2", SECURITY_ERR_ROLE_NOT_HELD},
         {158, SET_REQ, list("root", {"priv-1", "priv-2"}), "roles of 'root': +priv-1, +priv-2"},
         {158, SET_REQ, list("root", {"priv-2", "priv-1"}), "roles of 'root': put in another order"},
         {158, SET_REQ, list("root", {"priv-2", "priv-1"}), "roles of 'root': unchanged"},
