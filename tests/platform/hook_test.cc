@@ -102,6 +102,7 @@ TEST_F(Hook, WithoutASupervisorIsNotStarted) {
     const std::string path = hook("none", "touch ran\n");
     for (const int forks : {0, 1}) {
         forks_left = forks;
+        errno = 0;
         EXPECT_FALSE(quill::start_hook(path, box / "")) << forks;
         EXPECT_EQ(EAGAIN, errno);
     }
