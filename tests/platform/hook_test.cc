@@ -2,6 +2,7 @@
 #include "platform/hook.h"
 
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <csignal>
 #include <filesystem>
 
+#include "base/file.h"
 #include "base/process.h"
 #include "tests/support/box.h"
 #include "tests/support/process.h"
@@ -150,6 +152,22 @@ TEST(Children, ThatNobodyWaitsForAreReapedLater) {
     sleep_for(0.2);
     EXPECT_TRUE(quill::run_program({.words = {"/bin/true"}}, quill::kNever).ok());
     EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "a zombie is left";
+}
+
+TEST(Children, HoldALockAsLongAsTheyRun) {
+    const Box box;
+    const auto open_lock = [&] { return quill::Descriptor(quill::open_lock_file(box / "lock")); };
+    quill::Child child;
+    {
+        const quill::Descriptor lock = open_lock();
+        EXPECT_EQ(0, flock(lock.get(), LOCK_EX));
+        child = quill::Child::run({.words = {"/bin/sleep", "1"}, .held = lock.get()});
+    }
+    sleep_for(0.3);
+    const quill::Descriptor lock = open_lock();
+    EXPECT_EQ(-1, flock(lock.get(), LOCK_EX | LOCK_NB));
+    EXPECT_TRUE(child.wait(quill::kNever));
+    EXPECT_EQ(0, flock(lock.get(), LOCK_EX | LOCK_NB));
 }
 
 }  // namespace
