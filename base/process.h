@@ -16,7 +16,7 @@
 
 namespace quill {
 
-// A program is run without a shell, in a session of its own, with umask 022. Its environment is PATH and
+// A program is run without a shell, in a new session, with umask 022 and an environment of PATH and
 // LC_ALL=C. The standard streams that are neither `input` nor captured are /dev/null.
 struct Program {
     enum Capture { kErrors, kOutput, kBoth };

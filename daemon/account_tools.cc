@@ -62,8 +62,8 @@ AccountToolResult run(std::initializer_list<const char*> words, std::string_view
                                          std::min(deadline, after(kProgramTime)))};
     if (result.timed_out) syslog(LOG_ERR, "%s was ended: it did not finish in time", name);
     // The status does not tell a locked file from a failed write, so the locks are looked at. They are rarely
-    // released between the two: for the lock of all files a program has waited 15 seconds by then, and whoever
-    // holds one of the others holds that lock too.
+    // released between the two: for the lock of all files a program has waited 15 seconds by then, and a
+    // process that holds one of the others holds that lock too.
     result.files_locked = std::ranges::count(kCannotUpdate, result.code) != 0 && account_files_are_locked();
     if (result.files_locked) syslog(LOG_ERR, "%s", log_safe(result.output).c_str());
     return result;

@@ -72,9 +72,9 @@ KeyPairOutcome run_in_child(const passwd& user, const Command& command, ssh_key_
     if (outcome.status == SECURITY_ERR_KEY_PAIR) {
         const bool stopped = outcome.stopped || awaited == Awaited::kStopped;
         log_failure(record, command,
-                    stopped       ? "its process was stopped, and ended"
+                    stopped       ? "its process was stopped, and was killed"
                     : passed(end) ? "it took too long"
-                                  : "ssh-keygen or the home did not let it");
+                                  : "ssh-keygen failed, or the home does not permit it");
     }
     return outcome;
 }

@@ -1,8 +1,8 @@
 // Receives messages and closes connections without being blocked by files that a peer passes (SCM_RIGHTS,
 // unix(7)).
 //
-// Whoever drops the last reference to a passed file closes it, which may take as long as its sender wants: a TCP
-// socket with SO_LINGER and unsent data blocks the process that closes it, except when that process ends. A
+// The process that drops the last reference to a passed file closes it, which may take as long as its sender wants: a
+// TCP socket with SO_LINGER and unsent data blocks the process that closes it, except when that process ends. A
 // receiver that has no room for files drops them in recv(2), and close(2) drops those of messages that were not
 // received, and so on for the queues of passed Unix sockets.
 //

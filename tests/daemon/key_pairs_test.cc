@@ -42,16 +42,23 @@ struct Asked {
 
 bool run(const char* script) { return system(script) == 0; }
 
-TEST(KeyPairs, AreMadeMovedAndDeletedByTheirOwner) {
-    if (getenv("QUILL_SANDBOX_SINGLE_USER") != nullptr) GTEST_SKIP() << "this box has one user";
-    ASSERT_TRUE(
-        run("mkdir -p /bootflash/home; useradd -mb /bootflash/home amy && useradd -Mb /bootflash/home bob &&"
-            "useradd -m other && useradd -md /bootflash/home/eve#02# eve#02# --badname 2>/dev/null &&"
-            "install -d -m 1777 /tmp/k && cd /tmp/k && ssh-keygen -qt ed25519 -N '' -f x && cp x of_root &&"
-            "ssh-keygen -qt rsa -N secret -f locked && ssh-keygen -qt rsa -m PEM -N '' -f rsa1 &&"
-            "cat rsa1 rsa1 >two && cat rsa1 x.pub >around && sed '2i ssh-rsa AAAA mallory' rsa1 >inside &&"
-            "ssh-keygen -qt rsa -N '' -C \"$(printf 'a\\nssh-rsa AAAA mallory')\" -f comment &&"
-            "chown amy * && chown root of_root && echo junk >junk && mkfifo pipe"));
+class KeyPairs : public testing::Test {
+ protected:
+    void SetUp() override {
+        if (getenv("QUILL_SANDBOX_SINGLE_USER") != nullptr) GTEST_SKIP() << "this box has one user";
+    }
+};
+
+TEST_F(KeyPairs, AreMadeMovedAndDeletedByTheirOwner) {
+    ASSERT_TRUE(run(
+        "mkdir -p /bootflash/home; useradd -mb /bootflash/home amy && useradd -Mb /bootflash/home bob &&"
+        "useradd -mb /bootflash/home ted && chown root /bootflash/home/ted && useradd -m other && useradd -md /bootflash/home/eve#02# eve#02# --badname 2>/dev/null &&"
+        "install -d -m 1777 /tmp/k && cd /tmp/k && ssh-keygen -qt ed25519 -N '' -f x && cp x of_root &&"
+        "ssh-keygen -qt rsa -N secret -f locked && ssh-keygen -qt rsa -m PEM -N '' -f rsa1 &&"
+        "cat rsa1 rsa1 >two && cat rsa1 x.pub >around && sed '2i ssh-rsa AAAA mallory' rsa1 >inside &&"
+        "ssh-keygen -qt rsa -N '' -C \"$(printf 'a\\nssh-rsa AAAA mallory')\" -f comment &&"
+        "chown amy * && chown root of_root && echo junk >junk && mkfifo pipe &&"
+        "(cat rsa1; head -c 65536 /dev/zero | tr '\\0' '\\n') >long"));
     const std::string ssh = "/bootflash/home/amy/.ssh/";
     const struct {
         const char* what;
@@ -66,6 +73,7 @@ TEST(KeyPairs, AreMadeMovedAndDeletedByTheirOwner) {
         {"not made here", 1, 0, "", SECURITY_ERR_NO_USER, "other"},
         {"of another context", 1, 0, "", SECURITY_ERR_NO_USER, "eve#02#"},
         {"no home", 1, 0, "", SECURITY_ERR_NO_USER, "bob"},
+        {"the home of another user", 1, 0, "", SECURITY_ERR_NO_USER, "ted"},
         {"too few bits", 1, 1023, "", SECURITY_ERR_NOT_SUPPORTED},
         {"too many bits", 1, 0xffffffff, "", SECURITY_ERR_NOT_SUPPORTED},
         {"another operation", 9, 0, "", SECURITY_ERR_NOT_SUPPORTED},
@@ -79,6 +87,7 @@ TEST(KeyPairs, AreMadeMovedAndDeletedByTheirOwner) {
         {"text in a key", 2, 0, "/tmp/k/inside", SECURITY_ERR_SSHKEY_FORMAT},
         {"root's", 3, 0, "/tmp/k/of_root", SECURITY_ERR_FILE_OPEN},
         {"a pipe", 3, 0, "/tmp/k/pipe", SECURITY_ERR_FILE_OPEN},
+        {"too long", 2, 0, "/tmp/k/long", SECURITY_ERR_FILE_OPEN},
         {"not absolute", 3, 0, "k/x", SECURITY_ERR_FILE_OPEN},
     };
     Asked(9, GET_REQ).gives(SECURITY_OK, 0, "none");
@@ -116,9 +125,9 @@ TEST(KeyPairs, AreMadeMovedAndDeletedByTheirOwner) {
           "id_ed25519", "config", "environment", ".", "", "sub/key", "a b"})
         Asked(4, SET_REQ, 0, place).gives(SECURITY_ERR_FILE_OPEN, 0, place);
     Asked(4, SET_REQ, 0, ssh + "known_hosts").gives(SECURITY_ERR_FILE_OPEN, 0, "known_hosts");
-    EXPECT_EQ(before, files_in(ssh)) << "nor drafts";
+    EXPECT_EQ(before, files_in(ssh));
 
-    // Only the key of a file comes along, and nothing that stands around it or in its comment.
+    // Only the key is imported, without the text around it and without its comment.
     for (const char* file : {"around", "comment"}) {
         Asked(7, DEL_REQ).gives(SECURITY_OK, 0, file);
         Asked(2, SET_REQ, 0, std::string("/tmp/k/") + file).gives(SECURITY_OK, 3072, file);
@@ -139,6 +148,7 @@ TEST(KeyPairs, AreMadeMovedAndDeletedByTheirOwner) {
     EXPECT_TRUE(run("rmdir /bootflash/home/amy/.ssh/id_rsa.pub"));
     Asked(2, SET_REQ, 0, "/tmp/k/rsa").gives(SECURITY_OK, 1024, "no half of a pair is left");
     EXPECT_EQ("mine\n", read_file(ssh + "id_rsa.new"));
+    EXPECT_TRUE(run("! ls -d /bootflash/home/amy/.ssh/new-*")) << "a draft is left";
 
     setenv("SYSMGR_VDC_ID", "2", 1);
     Asked(9, GET_REQ).gives(SECURITY_ERR_NO_USER, 0, "amy of context 1");
@@ -151,8 +161,7 @@ TEST(KeyPairs, AreMadeMovedAndDeletedByTheirOwner) {
 int loop[2];
 
 // The daemon's handlers write to its loop, which a child shares.
-TEST(KeyPairs, LetNobodySignalTheDaemon) {
-    if (getenv("QUILL_SANDBOX_SINGLE_USER") != nullptr) GTEST_SKIP() << "this box has one user";
+TEST_F(KeyPairs, LetNobodySignalTheDaemon) {
     ASSERT_EQ(0, pipe2(loop, O_NONBLOCK));
     const auto handler = [](int) { static_cast<void>(!write(loop[1], "!", 1)); };
     for (const int number : {SIGTERM, SIGINT, SIGUSR1}) signal(number, handler);
@@ -165,9 +174,8 @@ TEST(KeyPairs, LetNobodySignalTheDaemon) {
     for (const int number : {SIGTERM, SIGINT, SIGUSR1}) signal(number, SIG_DFL);
 }
 
-// Whoever stops what runs with his rights holds nobody up.
-TEST(KeyPairs, DoNotWaitForWhoIsStopped) {
-    if (getenv("QUILL_SANDBOX_SINGLE_USER") != nullptr) GTEST_SKIP() << "this box has one user";
+// A user who stops the processes that run with their rights does not block the daemon.
+TEST_F(KeyPairs, DoNotWaitForAStoppedProcess) {
     ASSERT_TRUE(run("useradd -mb /bootflash/home sam; (until pkill -STOP -u sam; do :; done) &"));
     const auto start = std::chrono::steady_clock::now();
     Asked(1, SET_REQ, 4096, "", "sam").gives(SECURITY_ERR_KEY_PAIR, 4096, "stopped");
