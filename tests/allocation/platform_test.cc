@@ -158,7 +158,8 @@ Outcome requested_without_daemon() {
 
 Outcome looked_up() {
     const platform_shadow_entry* entry = attempt([] { return mygetspnam(0, "root"); });
-    return entry == nullptr ? kWrong : judge(entry->status, entry->password != nullptr);
+    return entry == nullptr ? kWrong
+                            : judge(entry->status, entry->password != nullptr && entry->expiry_days == -1);
 }
 
 const Case kCases[] = {

@@ -187,47 +187,71 @@ TEST(Configuration, RolesAndLocales) {
 
 // ---- TLV messages
 
-struct Numbers {
+struct Mixed {
     uint16_t two;
     uint64_t eight;
-    char three[3], text[4];
+    char text[4], converted[3];
 };
 
-TEST(TlvMessages, OnlyNumbersAreByteSwapped) {
-    const auto field = [](intptr_t id, intptr_t width, size_t offset, uintptr_t kind, intptr_t length) {
-        return tlvu_field_descriptor{id, width, static_cast<intptr_t>(offset), kind, 0, 0, 0, 0, 0, length,
-                                     -1, 0};
-    };
+uint32_t converted_length = 3;  // of the converter's value; its field takes 3 bytes
+
+uint32_t to_tlv(const void* structure, const void*, void** data, uint32_t* length, uint32_t* count) {
+    *data = memcpy(tlvu_malloc(3), static_cast<const Mixed*>(structure)->converted, 3);
+    *length = converted_length;
+    *count = 1;
+    return 0;
+}
+uint32_t to_structure(void* structure, const void* value) {
+    memcpy(static_cast<Mixed*>(structure)->converted, value, 3);
+    return 0;
+}
+uint32_t size_in_tlv() { return 3; }
+
+TEST(TlvMessages, NumbersTextsAndConvertedFields) {
+    constexpr uintptr_t kBlock = TLVU_KIND_BLOCK;
     const struct {
         tlvu_table_header header;
         tlvu_field_descriptor fields[5];
-    } table{{sizeof(Numbers), "numbers", 0, 0},
-            {field(1, 2, offsetof(Numbers, two), TLVU_KIND_BLOCK, 2),
-             field(2, 8, offsetof(Numbers, eight), TLVU_KIND_BLOCK, 8),
-             field(3, 3, offsetof(Numbers, three), TLVU_KIND_BLOCK, 3),
-             field(4, 1, offsetof(Numbers, text), TLVU_KIND_STRING, 4), field(-1, -1, -1, 0, 0)}};
-    const Numbers numbers{0x0102, 0x0102030405060708, {'a', 'b', 'c'}, {'t', 'e', 'x', 't'}};
-    using namespace std::string_literals;
-    const std::string want =
+    } table{{sizeof(Mixed), "mixed", 0, 0},
+            {{1, 2, offsetof(Mixed, two), kBlock, 0, 0, 0, 0, 0, 2, -1, 0},
+             {2, 8, offsetof(Mixed, eight), kBlock, 0, 0, 0, 0, 0, 8, -1, 0},
+             {3, 1, offsetof(Mixed, text), TLVU_KIND_STRING, 0, 0, 0, 0, 0, 4, -1, 0},
+             {4, 3, offsetof(Mixed, converted), TLVU_KIND_CONVERTED, reinterpret_cast<uintptr_t>(to_tlv),
+              reinterpret_cast<uintptr_t>(to_structure), reinterpret_cast<uintptr_t>(size_in_tlv), 0, 0, 3,
+              -1, 0},
+             {-1, -1, -1, 0, 0, 0, 0, 0, 0, -1, -1, 0}}};
+    const Mixed mixed{0x0102, 0x0102030405060708, {'t', 'e', 'x', 't'}, {'a', 'b', 'c'}};
+    const std::string want(
         "\0\0\0\1\0\0\0\2\1\2\0\0\0\2\0\0\0\x8\1\2\3\4\5\6\7\x8"
-        "\0\0\0\3\0\0\0\3"
-        "abc\0\0\0\4\0\0\0\4text"s;
+        "\0\0\0\3\0\0\0\4text\0\0\0\4\0\0\0\3"
+        "abc",
+        49);
     void* tlv = nullptr;
     uint32_t length = 0;
-    ASSERT_EQ(0u, tlvu_table_convert_struct_to_tlv(&table, &numbers, &tlv, &length));
+    ASSERT_EQ(0u, tlvu_table_convert_struct_to_tlv(&table, &mixed, &tlv, &length));
     EXPECT_EQ(want, std::string(static_cast<char*>(tlv), length));
     free(tlv);
-    Numbers read{};
+    converted_length = 2;
+    EXPECT_EQ(TLVU_MALFORMED, tlvu_table_convert_struct_to_tlv(&table, &mixed, &tlv, &length));
+
+    Mixed read{};
     void* structure = &read;
-    const auto parse = [&](size_t size) {
-        return tlvu_table_convert_tlv_to_struct(&table, want.data(), static_cast<uint32_t>(size), &structure,
-                                                1);
+    const auto parse = [&](const std::string& message) {
+        return tlvu_table_convert_tlv_to_struct(&table, message.data(), static_cast<uint32_t>(message.size()),
+                                                &structure, TLVU_MODE_FILL);
     };
     for (size_t cut = 1; cut < want.size(); ++cut)
-        EXPECT_EQ(cut == 10 || cut == 26 || cut == 37 ? TLVU_OK : TLVU_MALFORMED, parse(cut)) << cut;
-    EXPECT_EQ(0u, parse(length));
-    EXPECT_EQ(0, memcmp(&numbers.eight, &read.eight, 15));
-    EXPECT_EQ(numbers.two, read.two);
+        EXPECT_EQ(cut == 10 || cut == 26 || cut == 38 ? TLVU_OK : TLVU_MALFORMED, parse(want.substr(0, cut)));
+    const std::string shorter = std::string(want).replace(45, 4, "\2ab");  // the converted field
+    EXPECT_EQ(TLVU_MALFORMED, parse(shorter));
+    tlvu_field_itr walk;
+    EXPECT_EQ(0u, tlvu_field_itr_init(&table, shorter.data(), static_cast<uint32_t>(shorter.size()), &walk));
+    uint32_t id = 0;
+    for (const uint32_t status : {TLVU_OK, TLVU_OK, TLVU_OK, TLVU_MALFORMED})
+        EXPECT_EQ(status, tlvu_field_itr_get_next(&walk, &id, &tlv, &length));
+    EXPECT_EQ(0u, parse(want));
+    EXPECT_EQ(mixed.two, read.two);
+    EXPECT_EQ(0, memcmp(&mixed.eight, &read.eight, 15));
 }
 
 // ---- Names of files
