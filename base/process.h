@@ -12,7 +12,7 @@
 
 namespace quill {
 
-// As fork(2), but the child has none of its parent's signal handlers: they may speak to an event loop through
+// As fork(2), but the child has none of its parent's signal handlers, which may write to an event loop through
 // descriptors that the child shares. No signal is blocked in the child.
 pid_t fork_without_handlers();
 
@@ -47,8 +47,8 @@ class RunningProgram {
 
     // Waits until it and whatever shares its standard error have ended; false at the deadline.
     bool wait(Deadline deadline);
-    // Kills the program and the processes of its group. A process that even SIGKILL does not end is given one second and then left
-    // behind.
+    // Kills the program and the processes of its group. A process that even SIGKILL does not end is left
+    // behind after one second.
     void kill();
 
     // Once it has ended.
