@@ -33,9 +33,9 @@ inline bool dictionary_is_empty() {
     return false;
 }
 
-// Returns what makes the password easy to guess, as a clause: "it is based on a dictionary word". Returns null
-// if nothing does, kNoDictionary if the dictionary cannot be used. The text is owned by cracklib and valid
-// until the next call.
+// Returns what makes the password easy to guess, as a clause: "it is based on a dictionary word"; null if
+// nothing does, kNoDictionary if the dictionary cannot be used. The text is owned by cracklib and valid until
+// the next call.
 inline const char* dictionary_objection(const char* password) {
     return dictionary_is_empty() ? kNoDictionary : FascistCheck(password, kDictionary);
 }

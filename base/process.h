@@ -12,8 +12,8 @@
 
 namespace quill {
 
-// As fork(2), but the child has none of its parent's signal handlers, which may write to an event loop through
-// descriptors that the child shares. No signal is blocked in the child.
+// As fork(2), but the child has none of its parent's signal handlers, which may write to an event loop
+// through descriptors that the child shares. No signal is blocked in the child.
 pid_t fork_without_handlers();
 
 using Deadline = std::chrono::steady_clock::time_point;

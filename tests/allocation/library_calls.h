@@ -65,8 +65,8 @@ struct Calls {  // what a call did besides its result
     bool operator==(const Calls&) const = default;
 };
 
-// A call that succeeds, or fails as it does with memory, has the same results as with memory. Any other failure
-// leaves the result as it was given, if it is to be `untouched`.
+// A call that succeeds, or fails as it does with memory, must have the same result as with memory. Any other
+// failure must leave the result as it was given, if `untouched`.
 template <bool untouched, class Given, class Call>
 Outcome as_with_memory(Given given, Call call) {
     const auto ready = [&] {

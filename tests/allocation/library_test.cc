@@ -24,8 +24,8 @@ namespace {
 #define ROW(function, given, ...) Case(#function, CALL(true, given, __VA_ARGS__))
 #define LOOSE(function, given, ...) Case(#function, CALL(false, given, __VA_ARGS__))
 #define FIRST(function, given, ...) Case(#function, CALL(true, given, __VA_ARGS__), true)
-// All of a row by the function's arguments: STATUS with none of them a result, BLOCK with a block and its length
-// for the last two, ASKED with a record for the last.
+// By the function's arguments alone: STATUS for a call without a result, BLOCK for one whose last two arguments
+// are for a block and its length, ASKED for one whose last is for a record.
 #define STATUS(function, ...) ROW(function, 0, function(__VA_ARGS__))
 #define BLOCK(type, function, ...) \
     ROW(function, text(), block<type>(out, [](auto... made) { return function(__VA_ARGS__, made...); }))
@@ -64,7 +64,8 @@ const Case kCases[] = {
     ASKED(char, cmi_security_banner_config, 4, GET_REQ),
     ASKED(security_user, cmi_security_user_config, 4, GET_REQ),
     ASKED(security_priv_info, cmi_security_priv_info_config, 4, GET_REQ),
-    LOOSE(cmi_security_priv_info_config_all, level("", 0), cmi_security_priv_info_config_all(4, GET_REQ, out)),
+    LOOSE(cmi_security_priv_info_config_all, level("", 0),
+          cmi_security_priv_info_config_all(4, GET_REQ, out)),
     ASKED(security_self_test_results, cmi_post_lc_result, 4),
     STATUS(cmi_security_priv_info_cleanup, 4, DEL_REQ),
     STATUS(cmi_security_vsh_callback_priv_info_cleanup, 4),
@@ -79,7 +80,8 @@ const Case kCases[] = {
     ROW(vdc_getspnam, accounts(), named(vdc_getspnam("eve"), out)),
     ROW(vdc_getpwuid, accounts(), named(vdc_getpwuid(2001), out)),
     // A name of the system's own is one, whatever becomes of the list; any other may be taken for one.
-    FIRST(is_internal_user, (accounts(), uint32_t{1}), (*out = is_internal_user("root"), is_internal_user("amy"))),
+    FIRST(is_internal_user, (accounts(), uint32_t{1}),
+          (*out = is_internal_user("root"), is_internal_user("amy"))),
     STATUS(cmi_security_num_users_get, 4, &number),  // those that could be read
     ROW(security_conf_user_getnext, text(), not_ended(security_conf_user_getnext(4, out->text), out)),
     ROW(security_conf_user_role_getnext, text(), security_conf_user_role_getnext(4, "amy", out->text)),
@@ -91,7 +93,8 @@ const Case kCases[] = {
     ROW(cmi_common_user_config, 0, (read = account("amy"), cmi_common_user_config(4, GET_REQ, &read))),
     ROW(cmi_common_user_config, 0, (read = account(""), cmi_common_user_config(4, GETNEXT_REQ, &read))),
     LOOSE(cmi_common_user_config,
-          (world().shadow.reset(), account("new", kSecret, "bootflash:a-name-that-is-longer-than-fifteen.pub")),
+          (world().shadow.reset(),
+           account("new", kSecret, "bootflash:a-name-that-is-longer-than-fifteen.pub")),
           cmi_common_user_config(4, SET_REQ, out)),
     STATUS(security_change_passwd, 4, "amy", kSecret, nullptr, nullptr),
     ROW(cmi_security_common_user_ssh_key_configured, 0,
@@ -99,8 +102,10 @@ const Case kCases[] = {
     ROW(cmi_common_user_role_config, member("amy", "auditor"), cmi_common_user_role_config(4, GET_REQ, out)),
     ROW(cmi_common_user_role_config, member("amy", "another"), cmi_common_user_role_config(4, SET_REQ, out)),
     LOOSE(cmi_common_user_role_config, member("", ""), cmi_common_user_role_config(4, GETNEXT_REQ, out)),
-    ROW(cmi_common_user_locale_config, member("amy", "auditor"), cmi_common_user_locale_config(4, GET_REQ, out)),
-    ROW(cmi_common_user_locale_config, member("amy", "another"), cmi_common_user_locale_config(4, SET_REQ, out)),
+    ROW(cmi_common_user_locale_config, member("amy", "auditor"),
+        cmi_common_user_locale_config(4, GET_REQ, out)),
+    ROW(cmi_common_user_locale_config, member("amy", "another"),
+        cmi_common_user_locale_config(4, SET_REQ, out)),
     ROW(cmi_security_common_user_config, frame(SECURITY_FRAME_LOCALE),
         cmi_security_common_user_config(4, GET_REQ, out, "amy", 1)),
     STATUS(cmi_security_common_user_create, 4, "amy", "2036-1-1", "", kSecret, 1, 2, "amy", 1),
@@ -137,7 +142,8 @@ const Case kCases[] = {
             return security_init_security_notif(made);
         })),
     STATUS(security_userchange_notify, 9, 1, "amy", 2, &kNotification.role_set, "text"),
-    ROW(securityd_bootup_fips_post_test_parse_response, text(), block<void*>(out, [](void** array, uint32_t*) {
+    ROW(securityd_bootup_fips_post_test_parse_response, text(),
+        block<void*>(out, [](void** array, uint32_t*) {
             uint8_t value;
             uint16_t size;
             return securityd_bootup_fips_post_test_parse_response(&kResponse, &value, &number, &size, array);
@@ -148,7 +154,8 @@ const Case kCases[] = {
     BLOCK(void*, tlvu_security_notification_to_tlv, &kNotification),
     BLOCK(void*, tlvu_role_set_to_tlv, &kNotification.role_set),
     ROW(tlvu_security_notification_to_struct, text(),
-        read_back(out, kNotification, tlvu_security_notification_to_tlv, tlvu_security_notification_to_struct)),
+        read_back(out, kNotification, tlvu_security_notification_to_tlv,
+                  tlvu_security_notification_to_struct)),
     ROW(tlvu_role_set_to_struct, text(),
         read_back(out, kNotification.role_set, tlvu_role_set_to_tlv, tlvu_role_set_to_struct)),
 };
