@@ -15,7 +15,7 @@ namespace quill {
 
 constexpr char kDictionary[] = "/tovo/etc/quillsecurity/cracklib_dict";
 
-// What cracklib says when it finds no dictionary, and dictionary_objection() of an empty one.
+// The text that cracklib returns if it finds no dictionary, and dictionary_objection() if it is empty.
 constexpr char kNoDictionary[] = "error loading dictionary";
 
 // Cracklib finds nothing in an empty dictionary: it would object to no password.
@@ -33,8 +33,9 @@ inline bool dictionary_is_empty() {
     return false;
 }
 
-// What makes the password easy to guess, as a clause: "it is based on a dictionary word". Null for nothing,
-// kNoDictionary where that cannot be told. The text is cracklib's and lasts until the next call.
+// Returns what makes the password easy to guess, as a clause: "it is based on a dictionary word"; null if
+// nothing does, kNoDictionary if the dictionary cannot be used. The text is owned by cracklib and valid until
+// the next call.
 inline const char* dictionary_objection(const char* password) {
     return dictionary_is_empty() ? kNoDictionary : FascistCheck(password, kDictionary);
 }

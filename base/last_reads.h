@@ -1,6 +1,6 @@
 // What one end of a connection remembers of the lists that were read there in order to be changed: a client
-// reads a user's list, changes it and stores all of it, which must not undo what somebody else stored in
-// between.
+// reads a user's list, changes it and stores all of it, which must not overwrite a change that another client
+// stored in between.
 #pragma once
 
 #include <cstddef>
@@ -14,23 +14,23 @@
 
 namespace quill {
 
-// Whether requests of this type carry the list of a user, whose name is the first field.
+// Returns true if requests of this type carry the list of a user, whose name is the first field.
 constexpr bool carries_list(uint32_t type) {
     return type == SECURITY_ROLE_ASSIGN_REQUEST || type == SECURITY_ROLES_REQUEST ||
            type == SECURITY_LOCALE_ASSIGN_REQUEST;
 }
 
-// Whether the request reads a list in order to change it. SECURITY_ROLES_REQUEST only reads.
+// Returns true if the request reads a list in order to change it. SECURITY_ROLES_REQUEST only reads.
 constexpr bool reads_to_change(uint32_t type, uint32_t operation) {
     return operation == GET_REQ && carries_list(type) && type != SECURITY_ROLES_REQUEST;
 }
 
-// A value for each list that was read: that of the last time.
+// A value for each list that was read, of the last time that it was read.
 template <class Value>
 class LastReads {
  public:
-    // More users than a system has. Once more lists were read than this, all are forgotten, and it is no
-    // longer known of any other list that it was not read.
+    // More users than a system has. If more lists than this are read, all are forgotten; from then on
+    // forgot() is true, since a list of which nothing is remembered may have been read.
     static constexpr size_t kMost = 1024;
 
     // Throws std::bad_alloc; then nothing is remembered.
@@ -41,7 +41,7 @@ class LastReads {
         }
         values_.insert_or_assign(key(type, user), value);
     }
-    // Null for a list of which nothing is remembered.
+    // Returns null for a list of which nothing is remembered.
     const Value* find(uint32_t type, std::string_view user) const {
         const auto found = values_.find(key(type, user));
         return found == values_.end() ? nullptr : &found->second;

@@ -51,7 +51,7 @@ inline bool affordable_scrypt(std::string_view parameters) {
            parameters.substr(1).starts_with("U..../....");
 }
 
-// False for a hash of a method that is not known here, too.
+// Returns false also for a hash of a method that is not in the table.
 inline bool affordable(const char* text) {
     const std::string_view hash(text);
     if (hash.starts_with("$y$")) return affordable_yescrypt(hash.substr(3));
@@ -75,8 +75,8 @@ inline size_t setting_length(std::string_view hash) {
 // The last digit of a traditional hash holds four bits, so its lower two are zero.
 inline bool ends_as_traditional(std::string_view hash) { return kDigits.find(hash.back()) % 4 == 0; }
 
-// Whether some password could have this hash: for any phrase crypt(3) returns a text of the same setting,
-// length and alphabet.
+// Returns true if some password could have this hash: for any phrase crypt(3) returns a text of the same
+// setting, length and alphabet.
 inline bool is_hash(const char* stored) {
     if (!affordable(stored)) return false;
     const auto memory = std::make_unique<Wiped<crypt_data>>();
@@ -91,11 +91,11 @@ inline bool is_hash(const char* stored) {
 
 }  // namespace stored_password
 
-// Whether crypt(3) of this system could verify a password against the stored text, or the text locks the
-// password on purpose: "*", any number of '!', or either of "*" and a hash behind them, as passwd(1) and
-// usermod(8) lock it. False for an empty text, which would let everybody in; for a hash that is cut or too
-// long, of a disabled method, or so costly that verifying it would take much more than a second. `stored` may
-// be any terminated text. Computes one hash, which takes as long as a login.
+// Returns true if crypt(3) of this system could verify a password against the stored text, or the text locks
+// the password on purpose: "*", any number of '!', or either of "*" and a hash behind them, as passwd(1) and
+// usermod(8) lock it. Returns false for an empty text, which would let everybody in; for a hash that is cut
+// or too long, of a disabled method, or so costly that verifying it would take much more than a second. `stored`
+// may be any terminated text. Computes one hash, which takes as long as a login.
 inline bool verifiable_password(const char* stored) {
     if (*stored == '\0') return false;
     const char* hash = stored + strspn(stored, "!");

@@ -71,8 +71,8 @@ bool holds(const NameList& list, const Member& member) {
     return find_name(names_in_use(list.count, list.names), member.name) >= 0;
 }
 
-// The daemon refuses a list that another process changed since it was read. It cannot tell threads of one process
-// apart, which share a connection, so they take turns wherever a list is read.
+// The daemon refuses a list that another process changed since it was read. It cannot tell threads of one
+// process apart, which share a connection, so they take turns wherever a list is read.
 std::mutex reading_and_writing;
 
 uint32_t check(const MemberKind& kind, uint32_t connection, const Member& member) {

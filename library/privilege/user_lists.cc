@@ -1,4 +1,4 @@
-// Handlers of a user's roles and of his locales: one list for each user, stored as it is given.
+// Handlers of the roles and the locales of users: one list of each for a user, stored as it is given.
 //
 // The two records have the same layout. The handlers differ in ways that callers depend on:
 //

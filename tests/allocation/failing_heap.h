@@ -1,21 +1,21 @@
 // The heap of the whole program, which fails where a test says so.
 //
-// malloc(3) and its kin and operator new are the program's own, for every library in it: C library, OpenSSL,
-// cracklib and SQLite too. Allocations count while a call is watched. What the fakes around the library keep
-// in C++ is neither counted nor refused: it is no part of the product.
+// The program defines malloc(3), its relatives and operator new itself, for every library in it: the C library,
+// OpenSSL, cracklib and SQLite too. Allocations count while a call is watched. What the fakes around the library
+// allocate in C++ is neither counted nor refused: it is no part of the product.
 #pragma once
 
 #include <cstdint>
 
 struct Refusals {
     uint32_t first = 0;     // the first allocation to fail, counted from 1; 0 for none
-    bool for_good = false;  // and all that follow, else that one alone
+    bool for_good = false;  // all that follow fail too
 };
 
 // Counts from 1 again.
 void refuse(Refusals refusals);
 
-// Whether a refusal has been met since.
+// Returns true if an allocation was refused since.
 bool refused();
 
 // While in scope, allocations count and may fail.
@@ -27,7 +27,7 @@ class Watched {
     Watched& operator=(const Watched&) = delete;
 };
 
-// What a test does itself inside of that.
+// Interrupts Watched for what the test does itself.
 class Unwatched {
  public:
     Unwatched();

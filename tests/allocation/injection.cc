@@ -33,10 +33,10 @@ struct Use {
     }
 };
 
-// What children tell.
+// Written by child processes.
 struct Shared {
     bool met;
-    Use after[3];  // calls that went well: what they leave
+    Use after[3];  // in use after calls that succeeded
 };
 
 Shared& shared = *static_cast<Shared*>(
@@ -50,7 +50,7 @@ Use prepare(const Case& examined) {
     return {};
 }
 
-void measure_calls_that_go_well(const Case& examined) {
+void measure_calls_that_succeed(const Case& examined) {
     const Use before = prepare(examined);
     for (Use& after : shared.after) {
         after = Use() - before;
@@ -73,7 +73,7 @@ void fail_once(const Case& examined, Refusals refusals) {
     ERR_clear_error();  // OpenSSL keeps the last few
     if (Use() - before <= allowed) return;
 
-    // What is kept for ever is kept once. What is lost is lost again.
+    // What is kept is kept once; what is lost is lost again.
     const Use once;
     refuse(refusals);
     static_cast<void>(examined.run());
@@ -90,7 +90,7 @@ void fail_once(const Case& examined, Refusals refusals) {
 void escaped() { thrown = true; }
 
 uint32_t examine(const Case& examined) {
-    EXPECT_EQ(0, in_child([&] { measure_calls_that_go_well(examined); })) << examined.function;
+    EXPECT_EQ(0, in_child([&] { measure_calls_that_succeed(examined); })) << examined.function;
     uint32_t failures = 0;
     for (const bool for_good : {false, true}) {
         for (uint32_t n = 1;; ++n) {

@@ -1,5 +1,4 @@
-// One call after the other in which an allocation fails: the first, the second, and so on until none is left
-// to fail.
+// Calls in which an allocation fails: the first, the second, and so on until none is left to fail.
 #pragma once
 
 #include <cstdint>
@@ -8,16 +7,16 @@
 
 #include "tests/allocation/failing_heap.h"
 
-// What became of a call. A case that makes several answers the worst.
+// What a call did. A case of several calls returns the worst.
 enum Outcome {
-    kDone,     // what it is for, all of it
-    kRefused,  // its failure, with nothing written that a failure leaves alone
+    kDone,     // it succeeded
+    kRefused,  // it reported a failure and wrote nothing that a failure must not write
     kWrong
 };
 
 inline Outcome done_if(bool right) { return right ? kDone : kWrong; }
 
-// Of a call that answers 0 for success.
+// For a call that returns 0 for success.
 inline Outcome judge(uint32_t status, bool right, bool untouched = true) {
     if (status == 0) return done_if(right);
     return untouched ? kRefused : kWrong;
@@ -26,13 +25,13 @@ inline Outcome judge(uint32_t status, bool right, bool untouched = true) {
 struct Case {
     const char* function;
     Outcome (*run)();
-    // The process's first call is examined; else one that goes well has filled what is kept for ever.
+    // Examines the process's first call; otherwise a call that succeeds comes first and fills what is kept.
     bool first_call = false;
 
     friend void PrintTo(const Case& examined, std::ostream* to) { *to << examined.function; }
 };
 
-// Notes that something was thrown out of a function of C.
+// Records that an exception left a C function.
 void escaped();
 
 // The product's call, with its allocations watched.
@@ -47,7 +46,7 @@ auto attempt(Call call) -> decltype(call()) {
     }
 }
 
-// Each n-th allocation of the case fails, alone and with all that follow, in a process of its own. It must
-// end in kDone or kRefused, with nothing thrown, no block and no descriptor more in use than a call that went
-// well leaves, and the next call must go well. Answers how many failures were met.
+// Runs the case once for each of its allocations, which fails, alone and with all that follow, in a new
+// process. The call must end in kDone or kRefused, without an exception, with no more blocks and descriptors in
+// use than a call that succeeds leaves, and the next call must succeed. Returns how many failures were met.
 uint32_t examine(const Case& examined);

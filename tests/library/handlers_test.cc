@@ -17,11 +17,18 @@ struct Handler {
     uint32_t (*call)(uint32_t operation, char* record);
     std::string (*record)(char which);
     std::string first_key, last_key;
+    struct {
+        size_t offset, size;        // the run of bytes that is the value
+        std::vector<size_t> words;  // offsets of those that are stored in big-endian order
+    } value;
     uint32_t get_none, delete_none, walk_end;
-    const char* trace;  // the last one of each call; '*' stands for the status, '?' for the operation
+    // The first trace of a call, those of each operation, and the last. '*' stands for the status, '?' for
+    // the operation, '%' for the identity in the record.
+    const char *first_trace, *traces[4], *last_trace;
     void (*adjust)(uint32_t operation, uint32_t status, std::string& record);  // what a call always changes
     std::string replaced_key = {};        // deleted by SET before it stores
     const char* failure_trace = nullptr;  // once for each failure of the store
+    bool whole_names = false;             // refuses a name without a terminator, else cuts it
 };
 
 template <auto config>
@@ -37,37 +44,32 @@ uint32_t by_code(uint32_t operation, char* record) {
     return config(kHandle, operation, static_cast<int32_t>(info->code), &info->value);
 }
 
-std::string field(std::string text, size_t size) {
-    text.resize(size);
-    return text;
-}
-std::string word(uint32_t value) { return {reinterpret_cast<const char*>(&value), sizeof value}; }
 std::string number(char which, uint32_t a, uint32_t m, uint32_t z) {
-    return word(which == 'z' ? z : which == 'm' ? m : a);
+    return bytes_of(which == 'z' ? z : which == 'm' ? m : a);
 }
-std::string name(char which) { return field(which == 'z' ? "zoe" : which == 'm' ? "mia" : "amy", 128); }
+std::string name(char which) { return padded(which == 'z' ? "zoe" : which == 'm' ? "mia" : "amy", 128); }
 
 std::string user(char which) {  // the password is digits, which the cipher does not change
-    return name(which) + word(3) + word(7) + field(std::to_string(1000 + which), 128);
+    return name(which) + bytes_of(3) + bytes_of(7) + padded(std::to_string(1000 + which), 128);
 }
 std::string level(char which) {
-    return number(which, 2, 5, 9) + word(7) + field({which}, 1024) + word(1) + word(2) + field("s", 64) +
-           word(3);
+    return number(which, 2, 5, 9) + bytes_of(7) + padded({which}, 1024) + bytes_of(1) + bytes_of(2) +
+           padded("s", 64) + bytes_of(3);
 }
-std::string list(char which) { return name(which) + word(1) + field({which}, size_t{64} * 65); }
+std::string list(char which) { return name(which) + bytes_of(1) + padded({which}, size_t{64} * 65); }
 std::string key_line(char which) { return name(which) + std::string(2200, which); }
 std::string key_file(char which) { return name(which) + std::string(8193, which); }
 std::string delimiter(char which) { return {which}; }
 std::string service(char which) { return number(which, 16, 13, 2) + std::string("val") + which; }
 std::string port(char which) { return number(which, 21, 24, 30) + std::string("val") + which; }
-std::string web_text(char which) { return number(which, 0, 0, 1) + field({which}, 2100) + word(0); }
+std::string web_text(char which) { return number(which, 0, 0, 1) + padded({which}, 2100) + bytes_of(0); }
 
 void swap_word(std::string& record, size_t at) { std::reverse(&record[at], &record[at + 4]); }
 bool reads(uint32_t operation) { return operation == GET_REQ || operation == GETNEXT_REQ; }
 
 void nothing(uint32_t, uint32_t, std::string&) {}
 void after_user(uint32_t operation, uint32_t status, std::string& record) {
-    if (reads(operation) && status == 0) record.replace(132, 4, word(0));  // deciphered
+    if (reads(operation) && status == 0) record.replace(132, 4, bytes_of(0));  // deciphered
 }
 void after_roles(uint32_t operation, uint32_t status, std::string& record) {
     if (operation == SET_REQ || (reads(operation) && status != 0)) swap_word(record, 128);
@@ -79,7 +81,7 @@ void after_banner(uint32_t operation, uint32_t, std::string& record) {
     if (operation == GETNEXT_REQ || (operation == GET_REQ && world().store.empty())) record = "#";
 }
 void after_service(uint32_t operation, uint32_t, std::string& record) {  // scp reads as 0
-    if (operation == GET_REQ && !world().store.contains(number_key(1, 16))) record.replace(4, 4, word(0));
+    if (operation == GET_REQ && !world().store.contains(number_key(1, 16))) record.replace(4, 4, bytes_of(0));
 }
 void after_port(uint32_t operation, uint32_t status, std::string& record) {
     if (operation == SET_REQ && status != 0) swap_word(record, 4);
@@ -87,31 +89,70 @@ void after_port(uint32_t operation, uint32_t status, std::string& record) {
 
 constexpr uint32_t kNoKey = 0x40480003, kNotFound = 0x404a0014, kEnd = 0x404a001c;
 constexpr char kStatus[] = "status for the operation:<[*]>";
-constexpr char kReturned[] = "got back the return value of configuration operation:<[*]>";
 
 // clang-format off
 const Handler kHandlers[] = {
     {"users", by_record<security_user_config>, user, name_key(5, "amy"), name_key(5, "zoe"),
-     kNotFound, kNoKey, kEnd, kStatus, after_user},
+     {128, 136, {128, 132}}, kNotFound, kNoKey, kEnd,
+     "In security_user_config:",
+     {"GET operation for user:%", "GETNEXT for user:%", "SET operation for user:%", "DELETE operation for user:%"},
+     kStatus, after_user, {}, nullptr, true},
     {"privilege levels", by_record<security_priv_info_config>, level, number_key(22, 2), number_key(22, 9),
-     0x404a0045, kNoKey, 0x404a0046, "status for the operation ?: <[*]>", nothing, {}, "):text of 40480011"},
+     {4, 1104, {4, 1032, 1036, 1104}}, 0x404a0045, kNoKey, 0x404a0046,
+     "In security_priv_info_config:",
+     {"GET operation for priv_lvl:%", "GETNEXT for prvi-lvl:%", "SET operation for prvi_lvl:%",
+      "DELETE operation for priv_lvl:%"},
+     "status for the operation ?: <[*]>", nothing, {}, "):text of 40480011"},
     {"roles", by_record<security_user_roles_config>, list, name_key(20, "amy"), name_key(20, "zoe"),
-     kNotFound, kNotFound, kEnd, "status for the operation:<[*]>, desc text of *", after_roles},
+     {128, 69, {128}}, kNotFound, kNotFound, kEnd,
+     "In security_user_roles_config:",
+     {"GET for user:% roles", "GETNEXT for user:% roles",
+      "SET for user:%, 1 roles\nsecurity_user_roles_config:role is n", "DELETE for user:% roles"},
+     "status for the operation:<[*]>, desc text of *", after_roles},
     {"locales", by_record<security_user_locales_config>, list, name_key(27, "amy"), name_key(27, "zoe"),
-     kNotFound, kNotFound, 0, nullptr, after_locales},
+     {128, 69, {128}}, kNotFound, kNotFound, 0,
+     nullptr,
+     {"GET for user:% locales\nGET num_locales 1", "GETNEXT for user:% locales", "SET for user:% 1 locales",
+      "DELETE for user:% locales"},
+     nullptr, after_locales},
     {"keys", by_record<security_user_ssh_key_config>, key_line, name_key(6, "amy"), name_key(6, "zoe"),
-     kNotFound, kNotFound, kEnd, kStatus, nothing, name_key(21, "amy")},
-    {"key files", by_record<security_user_ssh_key_new_config>, key_file, name_key(21, "amy"),
-     name_key(21, "zoe"), kNotFound, kNotFound, kEnd, kStatus, nothing, name_key(6, "amy")},
+     {128, 2200, {}}, kNotFound, kNotFound, kEnd,
+     nullptr,
+     {"SSH key GET operation for user:%", "SSH key GETNEXT for user:%",
+      "SSH Key SET operation for user:%\nDELETE operation for user:%\nstatus for the operation:<[*]>",
+      "DELETE operation for user:%"},
+     kStatus, nothing, name_key(21, "amy"), nullptr, true},
+    {"key files", by_record<security_user_ssh_key_new_config>, key_file, name_key(21, "amy"), name_key(21, "zoe"),
+     {128, 8193, {}}, kNotFound, kNotFound, kEnd,
+     nullptr,
+     {"SSH key GET operation for user:%", "SSH key GETNEXT for user:%",
+      "SSH Key SET operation for user:%\nDELETE operation for user:%\nSET operation for user:%",
+      "DELETE operation for user:%"},
+     kStatus, nothing, name_key(6, "amy"), nullptr, true},
     {"banner", by_record<security_banner_info_config>, delimiter, be32(28), be32(28),
-     0, kNoKey, kNoKey, kStatus, after_banner},
+     {0, 1, {}}, 0, kNoKey, kNoKey,
+     "In security_banner_info_config:",
+     {"GET operation for banner-config.", "GETNEXT for banner config.",
+      "SET operation for banner config, delimiter char:n.", "DELETE operation for banner config."},
+     kStatus, after_banner},
     {"services", by_code<enable_info_config>, service, number_key(1, 16), number_key(1, 2),
-     0, kUnserved, kUnserved, kReturned, after_service},
+     {4, 4, {4}}, 0, kUnserved, kUnserved,
+     nullptr,
+     {"GET_REQ for scp", nullptr, "SET_REQ for scp with value:1852596598", nullptr},
+     "got back the return value of configuration operation:<[*]>", after_service},
     {"web texts", by_record<security_nginx_ssh_key_config>, web_text, number_key(32, 0), number_key(33, 0),
-     kNoKey, kNoKey, kUnserved, kStatus, nothing, number_key(32, 0)},
+     {4, 2100, {}}, kNoKey, kNoKey, kUnserved,
+     nullptr,
+     {"NGINX key GET operation for key/cert :%", nullptr,
+      "NGINX Key SET operation for cert/key:%\nDELETE operation for cert/key:%\nSET operation for cert/key:%",
+      "DELETE operation for (cert/key) %"},
+     kStatus, nothing, number_key(32, 0)},
     {"ports", by_code<nginx_port_info_config>, port, number_key(31, 21), number_key(31, 30),
-     0x404a0007, kNoKey, kUnserved, "NGINX: got back the return value of configuration operation:<[*]>",
-     after_port},
+     {4, 4, {4}}, 0x404a0007, kNoKey, kUnserved,
+     "nginx_port_info_config :: Entered function with value ploty\n",
+     {"NGINX: GET_REQ for ploty", nullptr, "NGINX: SET_REQ for ploty with value:1986096238",
+      "Nginx: DEL_REQ for http/https :352321536"},
+     "NGINX: got back the return value of configuration operation:<[*]>", after_port},
 };
 // clang-format on
 
@@ -137,17 +178,40 @@ class Handlers : public LibraryTest {
     void expect(const Handler& h, const std::string& what, uint32_t operation, uint32_t status, char given,
                 char want) {
         SCOPED_TRACE(std::string(h.name) + ": " + what);
+        world().traces.clear();
         std::string record = h.record(given), wanted = h.record(want);
         EXPECT_EQ(status, h.call(operation, record.data()));
         h.adjust(operation, status, wanted);
         EXPECT_TRUE(wanted == record) << "the record differs";
-        if (h.trace == nullptr) return;
-        std::string trace;
-        char hex[16];
-        snprintf(hex, sizeof hex, "%x", status);
-        for (const char* at = h.trace; *at != '\0'; ++at)
-            trace += *at == '*' ? hex : *at == '?' ? std::to_string(operation) : std::string(1, *at);
-        EXPECT_EQ(trace, world().traces.back());
+        const auto filled = [&](const char* trace) {
+            const bool named = h.first_key.size() == 132;
+            const std::string identity = named                 ? h.record(given).c_str()
+                                         : h.value.offset == 4 ? std::to_string(h.record(given)[0])
+                                                               : "";
+            char hex[16];
+            snprintf(hex, sizeof hex, "%x", status);
+            std::string text;
+            for (const char* at = trace; *at != '\0'; ++at)
+                text += *at == '*'   ? hex
+                        : *at == '?' ? std::to_string(operation)
+                        : *at == '%' ? identity
+                                     : std::string(1, *at);
+            return text;
+        };
+        const Texts& traces = world().traces;
+        std::string all = "\n";
+        for (const std::string& trace : traces) all += trace + "\n";
+        EXPECT_EQ(h.first_trace ? h.first_trace : traces.front(), traces.front());
+        EXPECT_EQ(h.last_trace ? filled(h.last_trace) : traces.back(), traces.back());
+        if (given == 'z' || given == 'm' || (status != 0 && operation != GETNEXT_REQ)) return;
+        const std::string own = "\n" + filled(h.traces[operation - 1]) + "\n";
+        EXPECT_NE(all.npos, all.find(own)) << own << "is not in" << all;
+    }
+    // The value of a record as it is stored.
+    static std::string value(const Handler& h, char which) {
+        std::string bytes = h.record(which);
+        for (const size_t word : h.value.words) swap_word(bytes, word);
+        return bytes.substr(h.value.offset, h.value.size);
     }
 };
 
@@ -166,7 +230,7 @@ TEST_F(Handlers, ReadWalkStoreAndDelete) {
         expect(h, "set", SET_REQ, 0, 'n', 'n');
         expect(h, "get of another value", GET_REQ, 0, 'a', 'n');
         if (h.replaced_key != h.first_key) store.erase(h.replaced_key);
-        store[h.first_key] = world().store[h.first_key];
+        store[h.first_key] = value(h, 'n');
         EXPECT_EQ(store, world().store) << h.name;
         if (h.delete_none != kUnserved) {
             expect(h, "delete", DEL_REQ, 0, 'a', 'a');
@@ -202,6 +266,21 @@ TEST_F(Handlers, StoreFailuresPassThrough) {
                              [&](const std::string& text) { return text.ends_with(h.failure_trace); }))
                 << call;
         }
+}
+
+// Only the first 127 characters of a name are used, or it is refused.
+TEST_F(Handlers, NamesWithoutATerminator) {
+    for (const Handler& h : kHandlers) {
+        if (h.first_key.size() != 132) continue;
+        SetUp();
+        for (const uint32_t operation : {SET_REQ, GET_REQ, GETNEXT_REQ, DEL_REQ}) {
+            std::string record = h.record('a').replace(0, 128, 128, 'n');
+            const uint32_t status = h.call(operation, record.data());
+            const uint32_t want = h.whole_names ? 0x404a0104 : operation == GETNEXT_REQ ? h.walk_end : 0;
+            EXPECT_EQ(want, status) << h.name << operation;
+        }
+        EXPECT_EQ(h.whole_names, world().calls.empty()) << h.name;
+    }
 }
 
 // Whatever is in the record.

@@ -6,7 +6,7 @@
 namespace {
 
 using Enumeration = AccountFiles;
-using Names = std::vector<std::string>;
+using Names = Texts;
 
 Names walk() {
     Names names;
@@ -18,40 +18,29 @@ Names walk() {
 TEST_F(Enumeration, NameOrderIsLengthFirst) {
     const std::tuple<const char*, const char*, int> cases[] = {
         {"b", "aa", -1}, {"aa", "b", 1}, {"a", "b", -1},    {"b", "a", 1},
-        {"a", "a", 0},   {"", "a", -1},  {"a\xff", "ab", 1}};
+        {"a", "a", 0},   {"", "a", -1},  {"z", "aaaa", -1}, {"a\xff", "ab", 1}};
     for (const auto& [a, b, want] : cases) {
         const int order = security_conf_compare_username(a, b);
         EXPECT_EQ(want, (order > 0) - (order < 0)) << a << " " << b;
     }
-    EXPECT_EQ(-1, security_conf_compare_username("z", "aaaa"));
-    EXPECT_EQ(1, security_conf_compare_username("aaaa", "z"));
 }
 
 TEST_F(Enumeration, UsersOfAllContextsInNameOrder) {
-    write({{"b"}, {"aa"}, {"a"}, {"ab"}, {"a#02#"}, {"passwd-only", true, false}});
-    world().vdc = 2;
-    EXPECT_EQ((Names{"a", "b", "aa", "ab", "a#02#"}), walk());
-
-    char name[128] = "c";  // does not exist: the walk goes on after its place
-    EXPECT_EQ(0u, security_conf_user_getnext(0, name));
-    EXPECT_STREQ("aa", name);
-}
-
-TEST_F(Enumeration, OddFilesEndTheWalkAllTheSame) {
     const std::string longest(127, 'n');
     std::vector<Account> many;
-    Names expected;
+    Names in_order;
     for (int i = 1000; i < 1600; ++i) {
-        many.push_back({"u" + std::to_string(i)});
-        expected.push_back(many.back().name);
+        in_order.push_back("u" + std::to_string(i));
+        many.insert(many.begin(), {in_order.back()});
     }
-    std::reverse(many.begin(), many.end());
     const std::pair<std::vector<Account>, Names> cases[] = {
-        {{}, {}},
+        {{{"b"}, {"aa"}, {"a"}, {"ab"}, {"a#02#"}, {"passwd-only", true, false}},
+         {"a", "b", "aa", "ab", "a#02#"}},
         {{{"twice"}, {"twice"}, {"z"}, {"z"}}, {"z", "twice"}},
         {{{longest}, {longest + "n"}, {std::string(300, 'x')}}, {longest}},
-        {many, expected},
+        {many, in_order},
     };
+    world().vdc = 2;
     for (const auto& [accounts, names] : cases) {
         write(accounts);
         EXPECT_EQ(names, walk());
@@ -59,38 +48,36 @@ TEST_F(Enumeration, OddFilesEndTheWalkAllTheSame) {
 }
 
 TEST_F(Enumeration, UserTraces) {
-    write({{"b"}, {"a"}});
-    const std::string each = "security_conf_get_vdc_user(b)\n", other = "security_conf_get_vdc_user(a)\n";
+    const Names each = {"security_conf_get_vdc_user(b)\n", "security_conf_get_vdc_user(a)\n",
+                        "security_conf_compare_username\n"};
     const struct {
         const char* given;
+        std::vector<Account> accounts;
         uint32_t want;
-        Names tail;
+        Names head, tail;
     } cases[] = {
-        {"", 0, {each, other, "security_conf_compare_username\n", "return a\n"}},
-        {"b", 0x404a001c, {each, other, "security_conf_compare_username\n"}},
-        {"zz", 0x404a001c, {each, other, "security_conf_compare_username\n", "USER_END_OF_TABLE\n"}},
+        {"", {{"b"}, {"a"}}, 0, each, {"return a\n"}},
+        {"aa", {{"b"}, {"a"}}, 0x404a001c, each, {"USER_END_OF_TABLE\n"}},
+        {"b", {{"b"}, {"a"}}, 0x404a001c, each, {}},
+        {"", {}, 0x404a001c, {}, {"USER_END_OF_TABLE\n"}},
     };
     for (const auto& c : cases) {
+        write(c.accounts);
         world().traces.clear();
         char name[128];
-        strcpy(name, c.given);
-        EXPECT_EQ(c.want, security_conf_user_getnext(0, name));
-        Names expected = c.tail;
-        expected.insert(expected.begin(), "security_conf_user_getnext(" + std::string(c.given) + ")\n");
+        EXPECT_EQ(c.want, security_conf_user_getnext(0, strcpy(name, c.given)));
+        Names expected = {"security_conf_user_getnext(" + std::string(c.given) + ")\n"};
+        expected.insert(expected.end(), c.head.begin(), c.head.end());
+        expected.insert(expected.end(), c.tail.begin(), c.tail.end());
         EXPECT_EQ(expected, world().traces);
     }
-    write({});
-    world().traces.clear();
-    char name[128] = "";
-    EXPECT_EQ(0x404a001cu, security_conf_user_getnext(0, name));
-    EXPECT_EQ((Names{"security_conf_user_getnext()\n", "USER_END_OF_TABLE\n"}), world().traces);
 }
 
 std::string roles_reply(int32_t count, const Names& roles) {
     security_user_roles record{};
     record.num_roles = count;
-    for (size_t i = 0; i < roles.size(); ++i) memcpy(record.roles[i], roles[i].data(), roles[i].size());
-    return {reinterpret_cast<const char*>(&record), sizeof record};
+    for (size_t i = 0; i < roles.size(); ++i) roles[i].copy(record.roles[i], sizeof record.roles[i]);
+    return bytes_of(record);
 }
 
 TEST_F(Enumeration, RolesOfAUserInNameOrder) {
@@ -100,12 +87,8 @@ TEST_F(Enumeration, RolesOfAUserInNameOrder) {
     while (security_conf_user_role_getnext(6, "alice", role) == 0) walked.push_back(role);
     EXPECT_EQ((Names{"b", "aa", "ops", "network-admin"}), walked);
     const Sent& sent = world().requests.at(0);
-    EXPECT_EQ(5155, sent.type);
-    EXPECT_EQ(1u, sent.operation);
-    EXPECT_EQ(6u, sent.connection);
-    std::string expected = "alice";
-    expected.resize(4292);
-    EXPECT_EQ(expected, sent.record);
+    EXPECT_EQ(std::tuple(5155, 1u, 6u), std::tuple(sent.type, sent.operation, sent.connection));
+    EXPECT_EQ(padded("alice", 4292), sent.record);
 }
 
 TEST_F(Enumeration, RoleWalksThatEnd) {

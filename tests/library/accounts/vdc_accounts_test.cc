@@ -11,7 +11,6 @@
 namespace {
 
 using VdcAccounts = AccountFiles;
-using Names = std::vector<std::string>;
 
 TEST_F(VdcAccounts, ContextsOfStoredNames) {
     constexpr int32_t kNone = INT32_MIN;
@@ -32,68 +31,70 @@ TEST_F(VdcAccounts, ContextsOfStoredNames) {
     }
 }
 
+const char* name_of(const passwd* entry) { return entry->pw_name; }
+const char* name_of(const spwd* entry) { return entry->sp_namp; }
+
+template <class Next>
+std::string walk(Next next) {
+    std::string names;
+    while (const auto* entry = next()) names += name_of(entry) + std::string(" ");
+    return names;
+}
+template <class Entry>
+std::string walk(const char* path, Entry* (*next)(FILE*)) {
+    FILE* stream = fopen(path, "r");
+    const std::string names = walk([&] { return next(stream); });
+    fclose(stream);
+    return names;
+}
+
 TEST_F(VdcAccounts, EnumerationsShowOneContextUnderPlainNames) {
     write({{"bob"}, {"bob#02#"}, {"bob#12#"}, {"amy#02#"}, {"root"}, {"x##"}, {"cy#01#"}, {"#"}});
-    const struct {
-        int32_t context;
-        Names names;
-    } cases[] = {{1, {"bob", "root", "cy#01#"}}, {2, {"bob", "amy"}}, {12, {"bob"}}, {3, {}}};
-    for (const auto& c : cases) {
-        world().vdc = c.context;
-        Names passwd, shadow, passwd_stream, shadow_stream;
+    const std::pair<int32_t, const char*> cases[] = {
+        {1, "bob root cy#01# "}, {2, "bob amy "}, {12, "bob "}, {3, ""}};
+    for (const auto& [context, names] : cases) {
+        world().vdc = context;
         setpwent();
-        while (const auto* entry = vdc_getpwent()) passwd.push_back(entry->pw_name);
+        EXPECT_EQ(names, walk(vdc_getpwent));
         endpwent();
         setspent();
-        while (const auto* entry = vdc_getspent()) shadow.push_back(entry->sp_namp);
+        EXPECT_EQ(names, walk(vdc_getspent));
         endspent();
-        FILE* stream = fopen("/etc/passwd", "r");
-        while (const auto* entry = vdc_fgetpwent(stream)) passwd_stream.push_back(entry->pw_name);
-        fclose(stream);
-        stream = fopen("/etc/shadow", "r");
-        while (const auto* entry = vdc_fgetspent(stream)) shadow_stream.push_back(entry->sp_namp);
-        fclose(stream);
-        for (const Names& names : {passwd, shadow, passwd_stream, shadow_stream})
-            EXPECT_EQ(c.names, names) << c.context;
+        EXPECT_EQ(names, walk("/etc/passwd", vdc_fgetpwent));
+        EXPECT_EQ(names, walk("/etc/shadow", vdc_fgetspent));
     }
 }
 
 TEST_F(VdcAccounts, LookUpsByPlainName) {
-    write({{"bob"}, {"bob#02#"}, {"amy#03#"}});
+    write({{"bob"}, {"bob#02#"}, {"amy#03#"}, {"bob#100#"}});
     const struct {
         int32_t context;
         const char* name;
-        const char* found;
-        uid_t uid;
-    } cases[] = {{1, "bob", "bob", 2000}, {2, "bob", "bob", 2001}, {3, "bob", nullptr, 0},
-                 {3, "amy", "amy", 2002}, {1, "amy", nullptr, 0},  {100, "bob", nullptr, 0},
-                 {1, "", nullptr, 0}};
+        uid_t uid;  // 0: not found
+    } cases[] = {{1, "bob", 2000}, {2, "bob", 2001}, {3, "bob", 0}, {3, "amy", 2002},
+                 {1, "amy", 0},    {100, "bob", 0},  {1, "", 0}};
     for (const auto& c : cases) {
         world().vdc = c.context;
         const passwd* entry = vdc_getpwnam(c.name);
         const spwd* shadow = vdc_getspnam(c.name);
-        ASSERT_EQ(c.found != nullptr, entry != nullptr) << c.name << c.context;
-        ASSERT_EQ(c.found != nullptr, shadow != nullptr) << c.name << c.context;
-        if (c.found == nullptr) continue;
-        EXPECT_STREQ(c.found, entry->pw_name);
-        EXPECT_STREQ(c.found, shadow->sp_namp);
-        EXPECT_EQ(c.uid, entry->pw_uid);
+        const std::string want = c.uid == 0 ? "" : c.name;
+        EXPECT_EQ(want, entry == nullptr ? "" : entry->pw_name) << c.context;
+        EXPECT_EQ(want, shadow == nullptr ? "" : shadow->sp_namp) << c.context;
+        EXPECT_EQ(c.uid, entry == nullptr ? 0 : entry->pw_uid);
     }
 }
 
 // Look-ups by user id find accounts of all contexts; outside context 1 four characters are removed.
 TEST_F(VdcAccounts, LookUpByIdCutsFourCharacters) {
-    write({{"bob"}, {"bob#02#"}, {"robert"}});
-    const struct {
-        int32_t context;
-        uid_t uid;
-        const char* name;
-    } cases[] = {{1, 2001, "bob#02#"}, {2, 2001, "bob"}, {7, 2001, "bob"}, {2, 2002, "ro"}, {2, 2000, "bob"}};
-    for (const auto& c : cases) {
-        world().vdc = c.context;
-        const passwd* entry = vdc_getpwuid(c.uid);
+    write({{"bob"}, {"bob#02#"}, {"robert"}, {"four"}});
+    const std::tuple<int32_t, uid_t, const char*> cases[] = {{1, 2001, "bob#02#"}, {2, 2001, "bob"},
+                                                             {7, 2001, "bob"},     {2, 2002, "ro"},
+                                                             {2, 2000, "bob"},     {2, 2003, ""}};
+    for (const auto& [context, uid, name] : cases) {
+        world().vdc = context;
+        const passwd* entry = vdc_getpwuid(uid);
         ASSERT_NE(nullptr, entry);
-        EXPECT_STREQ(c.name, entry->pw_name) << c.context;
+        EXPECT_STREQ(name, entry->pw_name) << context;
     }
     EXPECT_EQ(nullptr, vdc_getpwuid(4242));
 }
@@ -108,6 +109,7 @@ TEST_F(VdcAccounts, StoredNamesAreBounded) {
         {3, "admin", "admin#03#", "admin#03#"},
         {12, "", "#12#", "#12#"},
         {1, too_long, too_long.substr(0, 131), too_long},
+        {1, too_long.substr(0, 132), too_long.substr(0, 131), too_long.substr(0, 132)},
         {2, longest, longest + "#02#", longest + "#02#"},
         {2, longest + "n", longest + "n#02", longest + "n#02#"},
         {2, too_long, too_long.substr(0, 131), too_long + "#02#"},
@@ -147,22 +149,16 @@ TEST_F(VdcAccounts, CountsThoseInBothFiles) {
 }
 
 TEST_F(VdcAccounts, ShadowLookUpsDifferInTheStatusOfAFailure) {
-    const struct {
-        std::optional<platform_shadow_entry> shadow;
-        uint32_t first, second;
-        bool found;
-    } cases[] = {
-        {{{0, "x", 5}}, 0, 0, true}, {{{0x41, "x", 5}}, 0x41, 0, false}, {std::nullopt, 0, 0, false}};
-    for (const auto& c : cases) {
-        world().shadow = c.shadow;
-        platform_shadow_entry* entry = reinterpret_cast<platform_shadow_entry*>(1);
-        EXPECT_EQ(c.first, security_conf_get_vdc_user(9, "bob#02#", &entry));
-        EXPECT_EQ(c.found, entry != nullptr);
-        entry = reinterpret_cast<platform_shadow_entry*>(1);
-        EXPECT_EQ(c.second, security_conf_get_user(9, "bob#02#", &entry));
-        EXPECT_EQ(c.found, entry != nullptr);
-    }
-    EXPECT_EQ((std::pair<uint32_t, std::string>(9, "bob#02#")), world().shadow_look_ups.at(0));
+    const std::tuple<std::optional<platform_shadow_entry>, uint32_t, bool> cases[] = {
+        {{{0, "x", 5}}, 0, true}, {{{0x41, "x", 5}}, 0x41, false}, {std::nullopt, 0, false}};
+    for (const auto& [shadow, status, found] : cases)
+        for (const auto look_up : {security_conf_get_vdc_user, security_conf_get_user}) {
+            world().shadow = shadow;
+            auto* entry = reinterpret_cast<platform_shadow_entry*>(1);
+            EXPECT_EQ(look_up == security_conf_get_user ? 0 : status, look_up(9, "bob#02#", &entry));
+            EXPECT_EQ(found, entry != nullptr);
+            EXPECT_EQ((std::pair<uint32_t, std::string>(9, "bob#02#")), world().shadow_look_ups.back());
+        }
 }
 
 }  // namespace

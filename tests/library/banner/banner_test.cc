@@ -4,52 +4,6 @@ namespace {
 
 using Banner = LibraryTest;
 
-TEST_F(Banner, DelimiterByOperation) {
-    const std::string key = be32(28);
-    const struct {
-        const char* what;
-        uint32_t operation;
-        const char* stored;  // "" for none
-        uint32_t want;
-        char delimiter;  // after the call; '?' before it
-        std::string left;
-    } cases[] = {
-        {"GET operation for banner-config.", GET_REQ, "%", 0, '%', "%"},
-        {"GET operation for banner-config.", GET_REQ, "", 0, '#', ""},
-        {"GETNEXT for banner config.", GETNEXT_REQ, "%", 0x40480003, '#', "%"},
-        {"SET operation for banner config, delimiter char:?.", SET_REQ, "%", 0, '?', "?"},
-        {"DELETE operation for banner config.", DEL_REQ, "%", 0, '?', ""},
-    };
-    for (const auto& c : cases) {
-        world() = World();
-        if (*c.stored != '\0') world().store[key] = c.stored;
-        char delimiter = '?';
-        EXPECT_EQ(c.want, security_banner_info_config(kHandle, c.operation, &delimiter)) << c.what;
-        EXPECT_EQ(c.delimiter, delimiter) << c.what;
-        EXPECT_EQ(c.left, world().store.contains(key) ? world().store[key] : "") << c.what;
-        char last[64];
-        snprintf(last, sizeof last, "status for the operation:<[%x]>", c.want);
-        EXPECT_EQ((std::vector<std::string>{"In security_banner_info_config:", c.what, last}),
-                  world().traces);
-    }
-}
-
-TEST_F(Banner, ClientSendsAByteAndTakesAByte) {
-    world().reply.record = "%";
-    char delimiter = '!';
-    EXPECT_EQ(0u, cmi_security_banner_config(9, GET_REQ, &delimiter));
-    EXPECT_EQ('%', delimiter);
-    const Sent& sent = world().requests.at(0);
-    EXPECT_EQ(171, sent.type);
-    EXPECT_EQ(1u, sent.operation);
-    EXPECT_EQ("!", sent.record);
-    EXPECT_EQ(9u, sent.connection);
-
-    world().reply.status = 0x40480003;  // with a reply all the same
-    EXPECT_EQ(0x40480003u, cmi_security_banner_config(9, GETNEXT_REQ, &(delimiter = '!')));
-    EXPECT_EQ('!', delimiter);
-}
-
 // Returns the text that was written, if the count returned is its length.
 std::string read(int32_t (*reader)(char*, FILE*), std::string bytes) {
     // fmemopen(3) does not accept an empty buffer

@@ -1,5 +1,6 @@
 // User management with a scripted channel and the sandbox's account files: which requests are sent, in which
 // order and with which bytes, and what is done with the replies.
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -20,8 +21,6 @@ extern "C" time_t time(time_t* into) noexcept {
 }
 
 namespace {
-
-std::string be_value(uint32_t code, uint32_t value) { return be32(code) + be32(value); }
 
 class UserChange : public AccountFiles {
  protected:
@@ -52,20 +51,20 @@ class UserChange : public AccountFiles {
     // The expected request for the account: zero except for the given fields.
     static std::string account(const std::string& password, const std::string& expiry,
                                const std::string& role) {
-        std::string bytes(16960, '\0');
-        bytes.replace(8, 5, "alice");
-        bytes.replace(136, password.size(), password);
-        bytes.replace(8724, expiry.size(), expiry);
-        if (role.empty()) return bytes;
-        bytes.replace(268, std::min<size_t>(role.size(), 63), role, 0, 63);
-        bytes[332] = 1;
-        return bytes.replace(336, role.size(), role);
+        security_user_manage message{};
+        strcpy(message.user_name, "alice");
+        password.copy(message.password, sizeof message.password);
+        expiry.copy(message.expiry, sizeof message.expiry);
+        message.num_roles = role.empty() ? 0 : 1;
+        role.copy(message.roles[0], sizeof message.roles[0] - 1);
+        role.copy(message.role, sizeof message.role - 1);
+        return bytes_of(message);
     }
     static Reply failure(int32_t status, int32_t code, const std::string& error) {
-        std::string bytes(16960, '\0');
-        memcpy(bytes.data() + 8764, &code, sizeof code);
-        bytes.replace(12864, std::min<size_t>(error.size(), 4096), error, 0, 4096);
-        return {.status = status, .record = bytes};
+        security_user_manage message{};
+        message.return_code = code;
+        error.copy(message.error, sizeof message.error);
+        return {.status = status, .record = bytes_of(message)};
     }
 
     common_user_record record{};
@@ -74,55 +73,50 @@ class UserChange : public AccountFiles {
 // The password (none, clear, stored), the date (none, given, cleared) and the role decide which requests are
 // sent, for new and for existing accounts.
 TEST_F(UserChange, EachChangeSendsItsRequests) {
-    const std::string long_role(64, 'r');
-    for (const bool old : {false, true})
-        for (const int password : {0, 1, 2})
-            for (const int dated : {0, 1, 2})
-                for (const std::string& role : {std::string(), long_role}) {
-                    SetUp();
-                    if (old) exists();
-                    if (password != 0) strcpy(record.password, "Xk9#mVq2!wLz");
-                    record.password_format = static_cast<uint8_t>(password);
-                    if (dated == 1) date(2030, 1, 5);
-                    if (dated == 2) date(0, 0, 0);
-                    strcpy(record.role, role.c_str());
-                    record.account_kind = 9;
-                    ASSERT_EQ(0u, config(SET_REQ));
-                    EXPECT_EQ(2, record.account_kind);
+    const std::string secret = "Xk9#mVq2!wLz";
+    for (int choice = 0; choice < 36; ++choice) {
+        SetUp();
+        const int password = choice % 3, dated = choice / 3 % 3;
+        const bool old = choice / 9 % 2 == 1;
+        const std::string role = choice < 18 ? "" : std::string(64, 'r');
+        if (old) exists();
+        if (password != 0) strcpy(record.password, secret.c_str());
+        record.password_format = static_cast<uint8_t>(password);
+        if (dated == 1) date(2030, 1, 5);
+        if (dated == 2) date(0, 0, 0);
+        strcpy(record.role, role.c_str());
+        record.account_kind = 9;
+        ASSERT_EQ(0u, config(SET_REQ));
+        EXPECT_EQ(2, record.account_kind);
 
-                    std::vector<uint32_t> want;
-                    if (password == 1) want.push_back(kStrength);
-                    const bool asks = !old || dated != 0 || password == 2;
-                    if (asks) want.push_back(kUser);
-                    if (password == 1) want.push_back(kPassword);
-                    ASSERT_EQ(want, types()) << old << password << dated << role.size();
-                    for (const Sent& sent : world().requests) {
-                        EXPECT_EQ(3u, sent.connection);
-                        if (sent.type == kUser) {
-                            EXPECT_EQ(3u, sent.operation);
-                            EXPECT_EQ(account(password == 2 ? "Xk9#mVq2!wLz" : "",
-                                              dated == 1 ? "2030-1-5" : "", role),
-                                      sent.record);
-                        }
-                        if (sent.type == kPassword) {
-                            std::string bytes(8452, '\0');
-                            bytes.replace(0, 5, "alice").replace(128, 12, "Xk9#mVq2!wLz");
-                            EXPECT_EQ(bytes, sent.record);
-                        }
-                    }
-                }
+        std::map<uint32_t, std::string> records = {
+            {kStrength, be32(13) + be32(1)},
+            {kUser, account(password == 2 ? secret : "", dated == 1 ? "2030-1-5" : "", role)},
+            {kPassword, padded(padded("alice", 128) + secret, 8452)}};
+        std::vector<uint32_t> want;
+        if (password == 1) want.push_back(kStrength);
+        if (!old || dated != 0 || password == 2) want.push_back(kUser);
+        if (password == 1) want.push_back(kPassword);
+        ASSERT_EQ(want, types()) << choice;
+        for (size_t i = 0; i < want.size(); ++i) {
+            const Sent& sent = world().requests[i];
+            EXPECT_EQ(3u, sent.connection);
+            EXPECT_EQ(want[i] == kStrength ? +GET_REQ : +SET_REQ, static_cast<int>(sent.operation));
+            EXPECT_EQ(records[want[i]], sent.record) << choice;
+        }
+    }
 }
 
 TEST_F(UserChange, ErrorsAreFoundBeforeAnythingIsSent) {
-    record.name[0] = '\0';
-    EXPECT_EQ(0x404a0031u, config(SET_REQ));
-    EXPECT_EQ(0x404a0031u, config(DEL_REQ));
-
-    SetUp();
-    EXPECT_EQ(0x404a0014u, config(DEL_REQ));
-    strcpy(record.name, "daemon");  // in the sandbox's list of internal users
-    EXPECT_EQ(0x404a0031u, config(SET_REQ));
-
+    const std::tuple<const char*, uint32_t, uint32_t> cases[] = {
+        {"", SET_REQ, 0x404a0031},
+        {"", DEL_REQ, 0x404a0031},
+        {"alice", DEL_REQ, 0x404a0014},
+        {"daemon", SET_REQ, 0x404a0031}};  // in the sandbox's list of internal users
+    for (const auto& [name, operation, want] : cases) {
+        strcpy(record.name, name);
+        EXPECT_EQ(want, config(operation)) << name;
+    }
     SetUp();
     world().shadow = platform_shadow_entry{77, "", -1};
     EXPECT_EQ(1u, config(SET_REQ));
@@ -131,52 +125,50 @@ TEST_F(UserChange, ErrorsAreFoundBeforeAnythingIsSent) {
 
     SetUp();
     strcpy(record.password, "alice");
-    world().reply.record = be_value(13, 1);
+    world().reply.record = be32(13) + be32(1);
     EXPECT_EQ(0x404a002fu, config(SET_REQ));
     EXPECT_EQ((std::vector{kStrength}), types());
     EXPECT_NE('\0', cmi_common_user_err_str[0]);
 }
 
 TEST_F(UserChange, ThereIsRoomFor256Users) {
-    const auto create_beside = [this](int count) {
+    // More than 256 were created by other programs.
+    for (const auto& [count, want] : {std::pair{255, 0u}, {256, 0x404a0033}, {257, 0}}) {
         std::vector<Account> accounts;
         for (int i = 0; i < count; ++i) accounts.push_back({"u" + std::to_string(i)});
         write(accounts);
-        return config(SET_REQ);
-    };
-    EXPECT_EQ(0u, create_beside(255));
-    EXPECT_EQ(0x404a0033u, create_beside(256));
-    EXPECT_EQ(0u, create_beside(257));  // created by other programs
+        EXPECT_EQ(want, config(SET_REQ)) << count;
+    }
 }
 
 TEST_F(UserChange, DatesMustBeInTheCalendarAndNotPast) {
-    struct Case {
+    const struct {
         int year, month, day;
         uint32_t want;
-        std::string log;
+        Texts log;
+    } cases[] = {
+        {2037, 12, 31, 0, {}},
+        {2038, 1, 1, 0x404a0030, {}},
+        {1901, 12, 31, 0x404a0030, {}},
+        {2027, 1, 16, 0, {}},
+        {2027, 1, 15, 0x404a0030, {"3 expiry time = 1799971200, today = 1800000000"}},  // its first second
+        {1902, 1, 1, 0x404a0030, {"3 expiry time = -2145916800, today = 1800000000"}},
+        {2027,
+         2,
+         30,
+         0x404a0030,
+         {"3 canonized_time_struct->tm_year=2027,canonized_time_struct->tm_mon=3,"
+          "canonized_time_struct->tm_mday=2,canonized_time_struct->tm_isdst=0,time_struct.tm_year=2027,"
+          "time_struct.tm_mon=2,time_struct.tm_mday=30,time_struct.tm_isdst=-1,canonized_time=1803945600,"
+          "today=1800000000"}},
+        {2147483647, 2147483647, 2147483647, 0x404a0030, {}},
+        {2027, 0, 1, 0, {}},  // not a date: ignored
     };
-    const std::string past = "3 expiry time = 1799971200, today = 1800000000";
-    const Case cases[] = {
-        {2037, 12, 31, 0, ""},
-        {2038, 1, 1, 0x404a0030, ""},
-        {1901, 12, 31, 0x404a0030, ""},
-        {2027, 1, 16, 0, ""},
-        {2027, 1, 15, 0x404a0030, past},  // its first second is past
-        {1902, 1, 1, 0x404a0030, "3 expiry time = -2145916800, today = 1800000000"},
-        {2027, 2, 30, 0x404a0030,
-         "3 canonized_time_struct->tm_year=2027,canonized_time_struct->tm_mon=3,"
-         "canonized_time_struct->tm_mday=2,canonized_time_struct->tm_isdst=0,time_struct.tm_year=2027,"
-         "time_struct.tm_mon=2,time_struct.tm_mday=30,time_struct.tm_isdst=-1,canonized_time=1803945600,"
-         "today=1800000000"},
-        {2147483647, 2147483647, 2147483647, 0x404a0030, ""},
-        {2027, 0, 1, 0, ""},  // not a date: ignored
-    };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SetUp();
         date(c.year, c.month, c.day);
-        log_lines().clear();
         EXPECT_EQ(c.want, config(SET_REQ)) << c.year << "-" << c.month << "-" << c.day;
-        EXPECT_EQ(c.log.empty() ? std::vector<std::string>{} : std::vector{c.log}, log_lines());
+        EXPECT_EQ(c.log, log_lines());
         EXPECT_EQ(c.want == 0 ? 1u : 0u, world().requests.size());
     }
 }
@@ -213,8 +205,10 @@ TEST_F(UserChange, PasswordFailuresEndBeforeTheKey) {
     exists();
     strcpy(record.password, "Xk9#mVq2!wLz");
     strcpy(record.ssh_key, "bootflash:a.pub");
-    std::string bytes(8452, '\0');
-    bytes.replace(260, 4, "said").replace(4356, 4096, "x passwd:" + std::string(4087, 'p'));
+    security_passwd answer{};
+    strcpy(answer.output, "said");
+    ("x passwd:" + std::string(4087, 'p')).copy(answer.error, sizeof answer.error);
+    const std::string bytes = bytes_of(answer);
     world().replies[1] = {.status = 0x404a0101, .record = bytes};
     EXPECT_EQ(0x404a0101u, config(SET_REQ));
     EXPECT_EQ(std::string(255, 'p'), cmi_common_user_err_str);
@@ -234,15 +228,9 @@ TEST_F(UserChange, PasswordFailuresEndBeforeTheKey) {
 TEST_F(UserChange, KeysComeFromKnownDevices) {
     exists();
     write_file("/volatile/a.pub", "ssh-rsa AAAA not a key\n");
-    const std::pair<const char*, uint32_t> cases[] = {
-        {"slot0:a.pub", 0x404a0029},
-        {"a.pub", 0x404a0029},
-        {":a.pub", 0x404a0029},
-        {"bootflash:", 0x404a0029},  // no file
-    };
-    for (const auto& [uri, want] : cases) {
+    for (const char* uri : {"slot0:a.pub", "a.pub", ":a.pub", "bootflash:"}) {  // the last is no file
         strcpy(record.ssh_key, uri);
-        EXPECT_EQ(want, config(SET_REQ)) << uri;
+        EXPECT_EQ(0x404a0029u, config(SET_REQ)) << uri;
     }
     EXPECT_TRUE(world().requests.empty());
     world().uri_result = 5;
@@ -250,22 +238,19 @@ TEST_F(UserChange, KeysComeFromKnownDevices) {
 }
 
 TEST_F(UserChange, ReadingDescribesTheAccount) {
-    struct Case {
+    const struct {
         const char* password;
         int32_t days;
         int kind;
-        std::vector<int> expiry;  // year, month, day, hour, minute, second
-    };
-    const Case cases[] = {
+        std::array<int, 6> expiry;  // year, month, day, hour, minute, second
+    } cases[] = {
         {"x", -1, 2, {0, 0, 0, 7, 7, 7}},  // the time of day is unchanged
         {"!!!!!!!!!!!", 0, 3, {1970, 1, 1, 23, 59, 59}},
         {"!!!!!!!!!!", 20454, 2, {2026, 1, 1, 23, 59, 59}},
         {"!!!!!!!!!!!!", 24854, 2, {2038, 1, 18, 23, 59, 59}},
     };
-    for (const Case& c : cases) {
-        world() = World();
-        record = {};
-        strcpy(record.name, "alice");
+    for (const auto& c : cases) {
+        SetUp();
         record.expiry_hour = record.expiry_minute = record.expiry_second = 7;
         strcpy(record.ssh_key, "something older");
         world().shadow = platform_shadow_entry{0, c.password, c.days};
@@ -273,14 +258,14 @@ TEST_F(UserChange, ReadingDescribesTheAccount) {
         EXPECT_EQ(0u, config(GET_REQ));
         EXPECT_EQ(c.kind, record.account_kind);
         EXPECT_EQ(c.expiry,
-                  (std::vector<int>{record.expiry_year, record.expiry_month, record.expiry_day,
-                                    record.expiry_hour, record.expiry_minute, record.expiry_second}));
-        EXPECT_EQ(std::string(256, '\0'), std::string(record.ssh_key, 256));
+                  (std::array<int, 6>{record.expiry_year, record.expiry_month, record.expiry_day,
+                                      record.expiry_hour, record.expiry_minute, record.expiry_second}));
+        EXPECT_EQ(padded("", 256), bytes_of(record.ssh_key));
     }
     // The second request is sent without the name.
     ASSERT_EQ((std::vector{kKeyLookUp, kKeyLookUp}), types());
-    EXPECT_EQ("alice" + std::string(2323, '\0'), world().requests[0].record);
-    EXPECT_EQ(std::string(8321, '\0'), world().requests[1].record);
+    EXPECT_EQ(padded("alice", 2328), world().requests[0].record);
+    EXPECT_EQ(padded("", 8321), world().requests[1].record);
 
     world().replies[3] = {};
     EXPECT_EQ(0u, config(GET_REQ));
@@ -301,16 +286,21 @@ TEST_F(UserChange, WrappersFillTheFrame) {
     EXPECT_EQ(0u, cmi_security_common_user_create(3, name.c_str(), "2030-1-5", "vdc-admin", nullptr, 1, 2,
                                                   "admin", 5));
     ASSERT_EQ((std::vector{kUser}), types());
-    EXPECT_EQ(name.substr(0, 127), world().requests[0].record.c_str() + 8);
-    EXPECT_STREQ("2030-1-5", world().requests[0].record.c_str() + 8724);
-    EXPECT_STREQ("vdc-admin", world().requests[0].record.c_str() + 336);
+    const auto sent = [](size_t i) {
+        security_user_manage message;
+        memcpy(&message, world().requests.at(i).record.data(), sizeof message);
+        return message;
+    };
+    EXPECT_EQ(name.substr(0, 127), sent(0).user_name);
+    EXPECT_STREQ("2030-1-5", sent(0).expiry);
+    EXPECT_STREQ("vdc-admin", sent(0).role);
     EXPECT_STREQ("admin", security_cmi_username);
     EXPECT_EQ(5u, security_cmi_session_id);
 
     // A placeholder has a password that matches nothing and expires a day later.
     EXPECT_EQ(0u, cmi_security_common_user_create(3, "al", "never", "", "secret", 1, 3, nullptr, 0));
-    EXPECT_STREQ("!!!!!!!!!!!", world().requests[1].record.c_str() + 136);
-    EXPECT_STREQ("2027-1-16", world().requests[1].record.c_str() + 8724);
+    EXPECT_STREQ("!!!!!!!!!!!", sent(1).password);
+    EXPECT_STREQ("2027-1-16", sent(1).expiry);
 
     common_user_frame frame{};
     frame.kind = 3;
@@ -329,14 +319,12 @@ TEST_F(UserChange, WrappersFillTheFrame) {
 }
 
 TEST_F(UserChange, ResultsOfTheSelfTestAreUnchanged) {
-    std::string bytes(176, 'r');
-    const uint32_t entries = 3;
-    memcpy(bytes.data() + 12, &entries, sizeof entries);
+    const std::string bytes = std::string(12, 'r') + bytes_of(3) + std::string(160, 'r');
     world().reply.record = bytes;
     char result[177] = "";
     EXPECT_EQ(0u, cmi_post_lc_result(3, result));
     EXPECT_EQ(bytes, std::string(result, 176));
-    EXPECT_EQ(std::string(176, '\0'), world().requests[0].record);
+    EXPECT_EQ(padded("", 176), world().requests[0].record);
     EXPECT_EQ("cmi_post_lc_result(2985): num_entries :3", world().traces.back());
     world().reply.record = bytes.substr(100);
     EXPECT_EQ(0x804a0000u | EPROTO, cmi_post_lc_result(3, result));

@@ -1,5 +1,6 @@
 // Defaults are stored only where there is no value.
 #include <algorithm>
+#include <span>
 
 #include "tests/fakes/library_test.h"
 
@@ -7,31 +8,44 @@ namespace {
 
 using Defaults = LibraryTest;
 
-std::string stored(uint32_t code) {
-    const auto found = world().store.find(number_key(1, code));
-    return found == world().store.end() ? "absent" : found->second;
+// In the order in which they are written.
+const std::pair<uint32_t, uint32_t> kDefaults[] = {{1, 1},  {8, 1024}, {9, 0},  {10, 0}, {13, 1},
+                                                   {14, 0}, {20, 0},   {21, 0}, {2, 0}};
+
+std::map<std::string, std::string> first(size_t count) {
+    std::map<std::string, std::string> store;
+    for (const auto& [code, value] : std::span(kDefaults).first(count))
+        store[number_key(1, code)] = be32(value);
+    return store;
 }
 
-TEST_F(Defaults, FillAnEmptyStore) {
+TEST_F(Defaults, FillAnEmptyStoreUntilAWriteFails) {
     EXPECT_EQ(0u, security_conf_default_check(kHandle));
-    const std::map<std::string, std::string> expected = {
-        {number_key(1, 1), be32(1)},  {number_key(1, 8), be32(1024)}, {number_key(1, 9), be32(0)},
-        {number_key(1, 10), be32(0)}, {number_key(1, 13), be32(1)},   {number_key(1, 14), be32(0)},
-        {number_key(1, 20), be32(0)}, {number_key(1, 21), be32(0)},   {number_key(1, 2), be32(0)},
-    };
-    EXPECT_EQ(expected, world().store);
+    EXPECT_EQ(first(9), world().store);
     EXPECT_EQ("setting default values in security configuration", world().traces.at(0));
+    for (size_t written = 0; written < 9; ++written) {
+        world() = World();
+        world().answer = {{"pss2_store", 0x40480009}};
+        world().fail_after = {{"pss2_store", static_cast<int>(written)}};
+        EXPECT_EQ(0x40480009u, security_conf_default_check(kHandle));
+        EXPECT_EQ(first(written), world().store);
+        EXPECT_EQ("error in storing to pss:<[40480009]>", world().traces.back());
+        EXPECT_EQ(static_cast<int>(written) + 1, std::ranges::count(world().calls, "pss2_store"));
+    }
 }
 
 TEST_F(Defaults, NeverTouchAStoredValue) {
-    world().store = {
-        {number_key(1, 1), be32(0)}, {number_key(1, 2), be32(1)}, {number_key(1, 8), be32(4096)}};
+    auto expected = first(9);
+    for (const auto& [code, value] : {std::pair{1u, 0u}, {2u, 1u}, {8u, 4096u}})
+        expected[number_key(1, code)] = world().store[number_key(1, code)] = be32(value);
     EXPECT_EQ(0u, security_conf_default_check(kHandle));
-    EXPECT_EQ(be32(0), stored(1));
-    EXPECT_EQ(be32(1), stored(2));
-    EXPECT_EQ(be32(4096), stored(8));
-    EXPECT_EQ(9u, world().store.size());
+    EXPECT_EQ(expected, world().store);
     EXPECT_EQ(0, world().card_reads);
+
+    SetUp();  // a value that cannot be looked up may exist
+    world().answer = {{"pss2_move2key", 0x4048000c}};
+    EXPECT_EQ(0u, security_conf_default_check(kHandle));
+    EXPECT_TRUE(world().store.empty());
 }
 
 TEST_F(Defaults, TelnetGoesByTheCard) {
@@ -45,33 +59,10 @@ TEST_F(Defaults, TelnetGoesByTheCard) {
         world().card_type = c.card;
         world().telnet_card_types = c.listed;
         EXPECT_EQ(0u, security_conf_default_check(kHandle));
-        EXPECT_EQ(be32(c.want), stored(2));
+        EXPECT_EQ(be32(c.want), world().store[number_key(1, 2)]);
         const bool said = world().traces.back() == "Failed to get SW_CARD_ID, assuming non-ferrow: <[41]>";
         EXPECT_EQ(!c.card.has_value(), said);
     }
-}
-
-// If a write fails, those before it are kept and those after it are not attempted.
-TEST_F(Defaults, StopAtTheFirstFailedWrite) {
-    const uint32_t order[] = {1, 8, 9, 10, 13, 14, 20, 21, 2};
-    for (size_t written = 0; written < 9; ++written) {
-        world() = World();
-        world().answer = {{"pss2_store", 0x40480009}};
-        world().fail_after = {{"pss2_store", static_cast<int>(written)}};
-        EXPECT_EQ(0x40480009u, security_conf_default_check(kHandle));
-        EXPECT_EQ(written, world().store.size());
-        for (size_t i = 0; i < 9; ++i) EXPECT_EQ(i >= written, stored(order[i]) == "absent") << order[i];
-        EXPECT_EQ("error in storing to pss:<[40480009]>", world().traces.back());
-        EXPECT_EQ(static_cast<int>(written) + 1,
-                  std::count(world().calls.begin(), world().calls.end(), "pss2_store"));
-    }
-}
-
-// A value that cannot be looked up may exist, so it is not overwritten.
-TEST_F(Defaults, SkipWhatCannotBeLookedUp) {
-    world().answer = {{"pss2_move2key", 0x4048000c}};
-    EXPECT_EQ(0u, security_conf_default_check(kHandle));
-    EXPECT_TRUE(world().store.empty());
 }
 
 TEST_F(Defaults, DebugConfigurationHasNone) {

@@ -1,5 +1,4 @@
-// Sending a record to the daemon and receiving the reply: what all client functions have in common, with a
-// user record.
+// What all requests with one record have in common: its way to the daemon and back, and failures.
 #include <cerrno>
 
 #include "tests/fakes/library_test.h"
@@ -8,62 +7,76 @@ namespace {
 
 using Request = LibraryTest;
 
-security_user sample() {
-    security_user user{};
-    snprintf(user.user_name, sizeof user.user_name, "alice");
-    user.user_type = 1;
-    user.encryption_type = 7;
-    return user;
+struct Function {
+    int32_t type;
+    size_t size, result;  // of the record, and where the part of it that is a result begins
+    uint32_t (*call)(uint32_t operation, char* record);
+};
+
+template <auto function>
+uint32_t by_record(uint32_t operation, char* record) {
+    return [&]<class Record>(uint32_t (*)(uint32_t, uint32_t, Record*)) {
+        return function(42, operation, reinterpret_cast<Record*>(record));
+    }(function);
 }
 
-std::string bytes_of(const security_user& user) {
-    return {reinterpret_cast<const char*>(&user), sizeof user};
+const Function kFunctions[] = {{165, 264, 0, by_record<cmi_security_user_config>},
+                               {5159, 1108, 0, by_record<cmi_security_priv_info_config>},
+                               {171, 1, 0, by_record<cmi_security_banner_config>},
+                               {161, 8, 4, [](uint32_t operation, char* record) {
+                                    auto* info = reinterpret_cast<security_enable_info*>(record);
+                                    return cmi_enable_info_config(
+                                        42, operation, static_cast<int32_t>(info->code), &info->value);
+                                }}};
+
+std::string swapped(const Function& function, std::string record) {
+    security_conf_cmi_byteorder_convert(function.type, record.data());
+    return record;
+}
+
+std::string numbered(size_t size, unsigned first) {
+    std::string bytes;
+    while (bytes.size() < size) bytes += static_cast<char>(first++);
+    return bytes;
 }
 
 TEST_F(Request, TravelsInWireOrderAndComesBackInHostOrder) {
-    security_user answer = sample();
-    snprintf(answer.password, sizeof answer.password, "kept");
-    answer.user_type = __builtin_bswap32(2);
-    for (const uint32_t operation : {GET_REQ, GETNEXT_REQ, SET_REQ, DEL_REQ}) {
-        world() = World();
-        world().reply.record = bytes_of(answer);
-        security_user user = sample();
-        EXPECT_EQ(0u, cmi_security_user_config(42, operation, &user));
-        ASSERT_EQ(1u, world().requests.size());
-        const Sent& sent = world().requests[0];
-        EXPECT_EQ(165, sent.type);
-        EXPECT_EQ(operation, sent.operation);
-        EXPECT_EQ(42u, sent.connection);
-        security_user wire = sample();
-        wire.user_type = __builtin_bswap32(1);
-        wire.encryption_type = __builtin_bswap32(7);
-        EXPECT_EQ(bytes_of(wire), sent.record);
-        EXPECT_EQ(2u, user.user_type);
-        EXPECT_STREQ("kept", user.password);
-    }
+    for (const Function& function : kFunctions)
+        for (const uint32_t operation : {SET_REQ, GETNEXT_REQ}) {
+            const std::string given = numbered(function.size, 1), answer = numbered(function.size, 101);
+            std::string record = given;
+            world().reply.record = swapped(function, answer);
+            EXPECT_EQ(0u, function.call(operation, record.data())) << function.type;
+            const Sent& sent = world().requests.back();
+            EXPECT_EQ(std::tuple(function.type, operation, 42u),
+                      std::tuple(sent.type, sent.operation, sent.connection));
+            EXPECT_EQ(swapped(function, given), sent.record) << function.type;
+            EXPECT_EQ(given.substr(0, function.result) + answer.substr(function.result), record);
+        }
 }
 
 TEST_F(Request, FailureLeavesTheRecordAndPassesTheStatusOn) {
-    const security_user before = sample();
     const struct {
         const char* what;
         Reply reply;
         uint32_t want;
     } cases[] = {
-        {"a status of the daemon", {.status = 0x404a0014, .record = std::string(264, 'x')}, 0x404a0014},
+        {"a status of the daemon", {.status = 0x404a0014, .record = std::string(2000, 'x')}, 0x404a0014},
         {"a status without a record", {.status = 0x404a0014, .missing = true}, 0x404a0014},
         {"undeliverable", {.status = -1, .error = ENOENT}, 0xffffffff},
         {"no record where one is due", {.missing = true, .error = EPROTO}, 0x804a0000 | EPROTO},
         {"a record that is short", {.record = std::string(200, 'x'), .error = EPROTO}, 0x804a0000 | EPROTO},
     };
-    for (const auto& c : cases) {
-        world().reply = c.reply;
-        security_user user = before;
-        errno = 0;
-        EXPECT_EQ(c.want, cmi_security_user_config(0, GETNEXT_REQ, &user)) << c.what;
-        EXPECT_EQ(bytes_of(before), bytes_of(user)) << c.what;
-        EXPECT_EQ(c.reply.error, errno) << c.what;
-    }
+    for (const Function& function : kFunctions)
+        for (const auto& c : cases) {
+            if (c.reply.record && c.reply.status == 0 && function.size < 200) continue;
+            world().reply = c.reply;
+            std::string record = numbered(function.size, 1);
+            errno = 0;
+            EXPECT_EQ(c.want, function.call(GETNEXT_REQ, record.data())) << c.what;
+            EXPECT_EQ(numbered(function.size, 1), record) << c.what;
+            EXPECT_EQ(c.reply.error, errno) << c.what;
+        }
 }
 
 }  // namespace

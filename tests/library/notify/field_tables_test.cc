@@ -58,19 +58,18 @@ TEST_F(FieldTables, RoleSetsGoThereAndBack) {
     void* tlv = nullptr;
     uint32_t length = 0;
     ASSERT_EQ(0u, tlvu_role_set_to_tlv(&set, &tlv, &length));
-    const std::string roles(set.roles[0], sizeof set.roles);
+    const std::string roles = bytes_of(set.roles);
     EXPECT_EQ(field(1, be32(2)) + field(3, roles), std::string(static_cast<char*>(tlv), length));
     EXPECT_EQ(length, tlvu_role_set_get_tlv_sz(&set));
     EXPECT_EQ(4164, tlvu_role_set_get_struct_sz(tlv, length));
 
     security_role_set filled;
-    memset(&filled, 0xaa, sizeof filled);
-    void* structure = &filled;
+    void* structure = memset(&filled, 0xaa, sizeof filled);
     EXPECT_EQ(0u, tlvu_role_set_to_struct(tlv, length, &structure, TLVU_MODE_FILL));
-    EXPECT_EQ(0, memcmp(&set, &filled, sizeof set));
+    EXPECT_EQ(bytes_of(set), bytes_of(filled));
     EXPECT_EQ(0u, tlvu_role_set_to_struct(tlv, length, &structure, TLVU_MODE_ALLOCATE));
     EXPECT_NE(&filled, structure);
-    EXPECT_EQ(0, memcmp(&set, structure, sizeof set));
+    EXPECT_EQ(bytes_of(set), bytes_of(*static_cast<security_role_set*>(structure)));
     free(structure);
 
     void* value = nullptr;
@@ -142,15 +141,20 @@ TEST_F(FieldTables, FailuresAreReportedByName) {
     EXPECT_EQ(nullptr, block);
     EXPECT_EQ(TLVU_BAD_ARGUMENT, tlvu_role_set_to_struct("", 0, &block, 2));
     EXPECT_EQ(-1, tlvu_role_set_get_struct_sz(nullptr, 0));
-    EXPECT_EQ((std::vector<std::string>{
-                  "tlvu_role_set_to_tlv: ERR 0x1\n", "tlvu_security_notification_to_struct: ERR 0x1\n",
-                  "tlvu_role_set_to_struct: ERR 0x49\n", "tlvu_role_set_get_struct_sz: ERR 0x49\n"}),
+    EXPECT_EQ((Texts{"tlvu_role_set_to_tlv: ERR 0x1\n", "tlvu_security_notification_to_struct: ERR 0x1\n",
+                     "tlvu_role_set_to_struct: ERR 0x49\n", "tlvu_role_set_get_struct_sz: ERR 0x49\n"}),
               world().tlv_errors);
     uint32_t count = 0;
-    EXPECT_EQ(1u, security_roles_struct_to_tlv(&set, nullptr, &block, &length, &count));
-    EXPECT_EQ(73u, security_roles_struct_to_tlv(&set, nullptr, nullptr, &length, &count));
-    EXPECT_EQ(73u, security_roles_struct_to_tlv(&set, nullptr, &block, nullptr, &count));
-    EXPECT_EQ(73u, security_roles_struct_to_tlv(&set, nullptr, &block, &length, nullptr));
+    const auto to_tlv = security_roles_struct_to_tlv;
+    EXPECT_EQ(1u, to_tlv(&set, nullptr, &block, &length, &count));
+    world().tlv_memory = true;
+    EXPECT_EQ(0u, to_tlv(&set, nullptr, &block, &length, &count));
+    EXPECT_EQ(1u, count);
+    free(block);
+    EXPECT_EQ(73u, to_tlv(&set, nullptr, nullptr, &length, &count));
+    EXPECT_EQ(73u, to_tlv(&set, nullptr, &block, nullptr, &count));
+    EXPECT_EQ(73u, to_tlv(&set, nullptr, &block, &length, nullptr));
+    EXPECT_EQ(73u, to_tlv(nullptr, nullptr, &block, &length, &count));
     EXPECT_EQ(73u, security_roles_tlv_to_struct(nullptr, &set));
     EXPECT_EQ(73u, security_roles_tlv_to_struct(&set, nullptr));
 }

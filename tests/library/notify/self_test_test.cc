@@ -9,14 +9,12 @@ using SelfTest = LibraryTest;
 TEST_F(SelfTest, RequestsAreBuiltByteByByteOrRefused) {
     std::vector<uint32_t> entries(65535);
     for (uint32_t i = 0; i < entries.size(); ++i) entries[i] = i * 0x01010101;
-    for (const uint16_t count : std::vector<uint16_t>{1, 3, 65535}) {
+    for (const uint16_t count : {uint16_t{1}, uint16_t{3}, uint16_t{65535}}) {
         EXPECT_EQ(0u, securityd_bootup_fips_post_test_send_request(9, 0xab, count, entries.data()));
         const Announced& sent = world().announced.back();
         EXPECT_EQ((std::vector<uint32_t>{9, 0xFE000000u, 55, 2213, 0, 0, 0}), sent.words);
-        std::string want("\xab\0", 2);
-        want.append(reinterpret_cast<const char*>(&count), 2);
-        want.append(reinterpret_cast<const char*>(entries.data()), 4u * count);
-        EXPECT_TRUE(want == sent.payload) << count;
+        const std::string body(reinterpret_cast<const char*>(entries.data()), 4u * count);
+        EXPECT_TRUE(std::string("\xab\0", 2) + bytes_of(count) + body == sent.payload) << count;
     }
     const uint32_t entry = 1;
     world().announced.clear();
@@ -47,30 +45,23 @@ std::string response(uint32_t array_size, const std::string& elements) {
 }
 
 TEST_F(SelfTest, ResponsesAreParsed) {
-    for (const uint32_t size : {4u, 100u, 70000u}) {
-        const std::string elements(size - 4, 'e');
-        Parts parts;
-        ASSERT_EQ(0u, parse({2213, response(size, elements) + "more"}, parts));
-        EXPECT_EQ(7, parts.value);
-        EXPECT_EQ(0x01020304u, parts.word);
-        EXPECT_EQ(size & 0xffff, parts.size);
-        EXPECT_TRUE(be32(size) + elements == std::string(static_cast<char*>(parts.array), size));
-    }
-}
-
-TEST_F(SelfTest, NothingIsReadBehindAResponseWithoutAnArray) {
-    for (const size_t size : {8, 11}) {
+    for (const uint32_t size : {4u, 8u, 100u, 70000u})
+        for (const bool sized : {true, false}) {  // a transport may leave the size out
+            world().mts_sizes = sized;
+            const std::string elements(size - 4, 'e');
+            Parts parts;
+            ASSERT_EQ(0u, parse({2213, response(size, elements) + "more"}, parts));
+            EXPECT_EQ(7, parts.value);
+            EXPECT_EQ(0x01020304u, parts.word);
+            EXPECT_EQ(size & 0xffff, parts.size);
+            EXPECT_TRUE(be32(size) + elements == std::string(static_cast<char*>(parts.array), size));
+        }
+    world().mts_sizes = true;
+    for (const size_t size : {8, 11}) {  // without an array, of which nothing is read
         Parts parts;
         ASSERT_EQ(0u, parse({2213, response(0xffffffff, "").substr(0, size)}, parts));
         EXPECT_EQ(0, parts.size);
     }
-}
-
-TEST_F(SelfTest, ATransportMayLeaveTheSizeOut) {
-    Parts parts;
-    world().mts_sizes = false;
-    ASSERT_EQ(0u, parse({2213, response(8, "eeee") + "more"}, parts));
-    EXPECT_EQ(8, parts.size);
 }
 
 TEST_F(SelfTest, ResponsesThatAreNone) {

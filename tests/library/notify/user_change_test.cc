@@ -30,7 +30,7 @@ TEST_F(UserChange, IsSentLoggedAndRead) {
         EXPECT_EQ(type, got.type);
         EXPECT_STREQ("amy", got.user_name);
         EXPECT_EQ(0x01020304u, got.number);
-        EXPECT_EQ(0, memcmp(&roles, &got.role_set, sizeof roles));
+        EXPECT_EQ(bytes_of(roles), bytes_of(got.role_set));
         EXPECT_STREQ("a text", got.text);
         EXPECT_EQ("85 " + std::string(texts[type - 1]) + " amy", log_lines().back());
         EXPECT_STREQ(texts[type - 1], security_notification_msg[type - 1]);
@@ -41,17 +41,16 @@ TEST_F(UserChange, NullTextsAreZeroAndLongOnesCut) {
     EXPECT_EQ(0u, security_userchange_notify(9, 7, nullptr, 0, nullptr, nullptr));
     security_notification want{};
     want.type = 7;
-    security_notification got = received();
-    EXPECT_EQ(0, memcmp(&want, &got, sizeof want));
+    EXPECT_EQ(bytes_of(want), bytes_of(received()));
     EXPECT_EQ("85  ", log_lines().back());  // a type without a text
 
     const std::string name(128, 'n'), text(40, 't');
-    EXPECT_EQ(0u,
-              security_userchange_notify(9, 1, (name + "more").c_str(), 0, nullptr, (text + "x").c_str()));
-    got = received();
-    EXPECT_EQ(name, std::string(got.user_name, 128));
+    const std::string longer_name = name + "more", longer_text = text + "x";
+    EXPECT_EQ(0u, security_userchange_notify(9, 1, longer_name.c_str(), 0, nullptr, longer_text.c_str()));
+    const security_notification got = received();
+    EXPECT_EQ(name, bytes_of(got.user_name));
     EXPECT_EQ(0u, got.number);  // no terminator was written to it
-    EXPECT_EQ(text, std::string(got.text, 40));
+    EXPECT_EQ(text, bytes_of(got.text));
 }
 
 TEST_F(UserChange, AFailedStepIsReturnedAndNotLogged) {
@@ -71,13 +70,13 @@ TEST_F(UserChange, AFailedStepIsReturnedAndNotLogged) {
 TEST_F(UserChange, UnreadableMessagesAreRefused) {
     security_notification structure;
     memset(&structure, 0xaa, sizeof structure);
-    const auto untouched = structure;
+    const std::string untouched = bytes_of(structure);
     const FakeMessage empty{173, std::nullopt}, cut{173, "\1"};
     EXPECT_EQ(-1, security_mts_usernotif_parser(nullptr, &structure));
     EXPECT_EQ(-1, security_mts_usernotif_parser(&cut, nullptr));
     EXPECT_EQ(TLVU_BAD_ARGUMENT, security_mts_usernotif_parser(&empty, &structure));
     EXPECT_EQ(TLVU_MALFORMED, security_mts_usernotif_parser(&cut, &structure));
-    EXPECT_EQ(0, memcmp(&untouched, &structure, sizeof structure));
+    EXPECT_EQ(untouched, bytes_of(structure));
 }
 
 }  // namespace

@@ -67,9 +67,8 @@ struct Taken {
         : status(copy_sshkey_file_content(path.c_str(), user.c_str(), &record, &new_record, &format)) {}
 
     bool nothing() const {
-        const ssh_key_rec none{};
-        const ssh_key_new_rec new_none{};
-        return !memcmp(&record, &none, sizeof none) && !memcmp(&new_record, &new_none, sizeof new_none);
+        return bytes_of(record) == bytes_of(ssh_key_rec{}) &&
+               bytes_of(new_record) == bytes_of(ssh_key_new_rec{});
     }
 };
 
@@ -91,6 +90,12 @@ uint32_t check(const std::string& path) {
     uint8_t format = 99;
     const uint32_t status = sshkey_check_type(path.c_str(), &format);
     return status == 0 ? format : status;
+}
+
+int lowest_descriptor() {
+    const int lowest = dup(0);
+    close(lowest);
+    return lowest;
 }
 
 // The format of a file, the text read from it, and its line, which must be the one that OpenSSH writes.
@@ -135,7 +140,8 @@ TEST_F(KeyFiles, FormatsAreDetectedReadAndConverted) {
         {"echo '--------- BEGIN SSH2 ENCRYPTED PRIVATE KEY ----'; echo AAAA", 4},
         {"sed '2s/.*/Comment: ---- BEGIN SSH2 ENCRYPTED PRIVATE KEY ----/' rsa.ssh2", 4},
         {"cat rsa.pub; echo 'x: ---- BEGIN SSH2 ENCRYPTED PRIVATE KEY ----'", 0},
-        {"cat rsa.pub; printf '%05000d' 0; cat rsa", 0},  // across the end of a read buffer
+        {"(cat rsa.pub; head -c 4086 /dev/zero | tr '\\0' x) | head -c 4086; cat rsa",
+         0},  // across a buffer's end
         {"echo 'SSH PRIVATE KEY FILE FORMAT 1.1'", 4},
         {"cat c2048.key c2048", 2},
         {"cat c2048 c2048.key", 2},
@@ -150,7 +156,9 @@ TEST_F(KeyFiles, FormatsAreDetectedReadAndConverted) {
     shell("openssl x509 -in c_e16 -noout -pubkey >k16.pem");
     for (const auto& c : cases) {
         const std::string path = file("key", shell(c.make));
+        const int before = lowest_descriptor();
         EXPECT_EQ(c.code, check(path)) << c.make;
+        EXPECT_EQ(c.code == 2, before != lowest_descriptor()) << "a certificate's file is left open";
         const Taken taken(path);
         EXPECT_EQ(c.taken ? 0 : kFormat, taken.status) << c.make;
         EXPECT_EQ(!c.taken, taken.nothing()) << c.make;
@@ -205,8 +213,9 @@ TEST_F(KeyFiles, OnlyPlainPathsReachTheShell) {
     for (const auto& [name, want] : cases) EXPECT_EQ(want, check(file(name, line))) << name;
     EXPECT_EQ(0, mkfifo("/tmp/keys/pipe", 0600));
     fs::current_path("/tmp/keys");
-    file("-", line);
-    for (const char* path : {"", "-", "/tmp/keys/missing", "/tmp/keys", "/tmp/keys/pipe", "/dev/zero"})
+    for (const char* name : {"-", "#a", "~a"}) file(name, line);
+    for (const char* path :
+         {"", "-", "#a", "~a", "/tmp/keys/missing", "/tmp/keys", "/tmp/keys/pipe", "/dev/zero"})
         EXPECT_EQ(kOpen, check(path));
     EXPECT_EQ(1u, sshkey_is_empty_stdout("/dev/null"));
 }
