@@ -24,10 +24,10 @@ namespace quill::cli {
 namespace {
 
 constexpr char kTmp[] = "/tmp";
-// As the library has them.
+// The names that the library uses.
 constexpr const char* kFixedNames[] = {"/tmp/tmpkey.pub", "/tmp/outkey.pub", "/tmp/errkey.pub"};
 
-// How the child ended, unless it says otherwise.
+// The progress of the child process.
 enum Ending { kNoNamespace = 0, kBroken, kDone };
 
 bool write_line(const char* path, const std::string& line) {
@@ -49,7 +49,8 @@ bool enter_namespace() {
     return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
 
-// Not by its exit status: who ignores SIGCHLD, as this process may have been told to, is not given any.
+// The child reports in shared memory, not by its exit status: there is none if this process ignores SIGCHLD, a setting
+// that it may have inherited.
 [[noreturn]] void work_in_child(const OwnFolder& folder, const char* name, Ending& ending,
                                 const std::function<void(const std::string&)>& work) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -58,7 +59,7 @@ bool enter_namespace() {
         try {
             work(std::string(kTmp) + "/" + name);
             ending = kDone;
-        } catch (...) {  // the parent says it
+        } catch (...) {  // reported by the parent
         }
     }
     _exit(0);
@@ -69,7 +70,7 @@ std::string owner_of(const struct stat& facts) {
     return owner != nullptr ? fmt::format("user '{}'", owner->pw_name) : fmt::format("user {}", facts.st_uid);
 }
 
-// The same lock as the library takes, but with an end and a reason.
+// Waits for the lock that the library takes, but not forever.
 void wait_for_lock() {
     constexpr timespec kStep{0, 10'000'000};
     constexpr int kSteps = 500;
@@ -85,7 +86,7 @@ void wait_for_lock() {
 
 void require_fixed_names() {
     wait_for_lock();
-    if (geteuid() == 0) return;  // root deletes what is in the way
+    if (geteuid() == 0) return;  // root can replace them
     for (const char* name : kFixedNames) {
         struct stat facts;
         if (lstat(name, &facts) != 0 || facts.st_uid == geteuid()) continue;

@@ -5,8 +5,11 @@
 
 #include <cerrno>
 
+#include "base/dictionary.h"
+#include "cli/quiet.h"
 #include "cli/terminal.h"
 #include "cli/words.h"
+#include "quillsecurity.h"
 
 namespace quill::cli {
 namespace {
@@ -38,12 +41,12 @@ void read_from_stdin(const SecretWanted& wanted, Line& secret) {
     check(wanted, secret);
 }
 
-// False when a signal is to be let in first.
+// Returns false if a signal has to be delivered first; then it is asked for again.
 bool ask(const Terminal& terminal, const HiddenInput& hidden, const std::string& prompt, size_t longest,
          Line& line) {
-    terminal.say(printable(prompt));
+    terminal.show(printable(prompt));
     const bool answered = hidden.read_line(longest, line);
-    terminal.say("\n");  // in place of the one that was typed
+    terminal.show("\n");  // the typed one is not shown
     return answered;
 }
 
@@ -68,6 +71,12 @@ Failure no_dictionary(const std::string& object, const char* name, const std::st
             fmt::format("{}: the {} cannot be judged, since the dictionary of passwords cannot be read",
                         object, name),
             "make the dictionary first, as quillsecurityd(8) says under FILES" + other_remedy};
+}
+
+bool lacks_dictionary(const std::string& user, const char* password) {
+    if (security_check_strength_main(user.c_str(), password) != nullptr) return false;
+    const QuietStandardError quiet;
+    return check_dictionary(password).outcome == DictionaryResult::kNoDictionary;
 }
 
 void read_secret(const SecretWanted& wanted, const Arguments& arguments, Line& secret) {
