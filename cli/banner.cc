@@ -43,7 +43,8 @@ std::string text() {
     std::string output(SECURITY_BANNER_TEXT_SIZE, '\0');
     const int32_t length = security_read_banner_motd_msg(output.data(), file.get());
     if (length < 0)
-        throw Failure{Exit::kFailed, "the banner", "the banner is too long or cannot be read", "set it anew"};
+        throw Failure{Exit::kFailed, "the banner", "the banner is too long or cannot be read",
+                      "set it again"};
     output.resize(static_cast<size_t>(length));
     return output;
 }
@@ -108,7 +109,7 @@ Answer set_or_show_delimiter(const Arguments& arguments) {
 
 std::string notes() {
     return fmt::format(
-        "The text lies in {} and has at most {} bytes. In a file whose first and last\n"
+        "The text is in {} and has at most {} bytes. In a file whose first and last\n"
         "byte are the same, that byte is the delimiter and no part of the text. In the text, \\n stands for\n"
         "the name of the host and \\l for the line of the login.\n\n"
         "With --json: {{\"banner\": {{\"delimiter\", \"text\"}}}}; from delimiter {{\"delimiter\": the "

@@ -78,7 +78,7 @@ void InputFile::find(LastLink last) {
             if (++links > kMostLinks || refused_last || !is_trusted(facts, folder_.get())) {
                 throw refused(
                     fmt::format("'{}' in its path is a symbolic link that is not followed", printable(name_)),
-                    "name the file by the path where it lies");
+                    "name the file by its real path");
             }
             follow(next.get(), rest);
             continue;
@@ -127,7 +127,7 @@ void InputFile::remove() const {
         fstatat(folder_.get(), name_.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0)
         throw file_failure(file_.name, errno);
     if (opened.st_dev != named.st_dev || opened.st_ino != named.st_ino)
-        throw refused("its name stands for another file by now, which stays", "look who changes it");
+        throw refused("another file has its name now, which was not deleted", "find out who replaces it");
     if (unlinkat(folder_.get(), name_.c_str(), 0) != 0) throw file_failure(file_.name, errno);
 }
 

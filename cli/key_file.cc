@@ -94,7 +94,7 @@ KeyFile::KeyFile(const NamedFile& file, const std::string& user)
 
 void KeyFile::read(const std::string& user) {
     if (has_private_key(input_.bytes()))
-        throw refused(file_, "it holds a private key", "give the public half; ssh-keygen -y tells it");
+        throw refused(file_, "it holds a private key", "give the public key; ssh-keygen -y prints it");
     const Shared<Reading> reading;
     with_private_tmp([&](const std::string& path) {
         reading->error = copy_to(path, input_.bytes());

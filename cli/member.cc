@@ -119,7 +119,7 @@ std::string notes() {
 template <const Kind& kind>
 constexpr Verb kVerbs[] = {
     {"show", "show what a user has", {{"USER", "the user"}}, show<kind>},
-    {"add", "give it to a user", {{"USER", "the user"}, {"NAME", "what to give"}}, add<kind>, kNeedsDaemon},
+    {"add", "add it to a user", {{"USER", "the user"}, {"NAME", "what to add"}}, add<kind>, kNeedsDaemon},
     {"remove",
      "remove it from a user",
      {{"USER", "the user"}, {"NAME", "what to remove"}},

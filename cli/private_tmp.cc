@@ -116,8 +116,7 @@ void with_private_tmp(const std::function<void(const std::string& path)>& work) 
     while (child > 0 && waitpid(child, nullptr, 0) < 0 && errno == EINTR) continue;
     if (*ending == kDone) return;
     if (*ending == kBroken) {
-        throw Failure{Exit::kFailed, "ssh-keygen", "the work on an SSH key ended before it was done",
-                      "try again"};
+        throw Failure{Exit::kFailed, "ssh-keygen", "the process that reads an SSH key died", "try again"};
     }
     require_fixed_names();
     work(folder.file(name));

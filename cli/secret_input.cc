@@ -36,7 +36,7 @@ void read_from_stdin(const SecretWanted& wanted, Line& secret) {
     if (!read_line(STDIN_FILENO, wanted.longest, secret)) {
         throw refused(wanted, Exit::kFailed,
                       fmt::format("standard input cannot be read: {}", error_text(errno)),
-                      fmt::format("connect it to what gives the {}", wanted.name));
+                      fmt::format("connect it to the source of the {}", wanted.name));
     }
     check(wanted, secret);
 }
@@ -68,7 +68,7 @@ bool ask(const Terminal& terminal, const SecretWanted& wanted, Line& secret) {
 
 Failure no_dictionary(const std::string& object, const char* name, const std::string& other_remedy) {
     return {Exit::kNoSuchObject, object,
-            fmt::format("{}: the {} cannot be judged, since the dictionary of passwords cannot be read",
+            fmt::format("{}: the {} cannot be checked, since the dictionary of passwords cannot be read",
                         object, name),
             "make the dictionary first, as quillsecurityd(8) says under FILES" + other_remedy};
 }

@@ -66,7 +66,7 @@ void secure_temporary_homes() {
         if (is_secure(tmp.get(), made)) return;
         move_away(tmp.get());
     }
-    throw unsafe("others keep replacing it", "end what does that");
+    throw unsafe("others keep replacing it", "end the process that does it");
 }
 
 }  // namespace quill::cli

@@ -117,7 +117,7 @@ void take_password(const std::string& name, const Arguments& arguments, common_u
             fmt::format("{}: this is no hash that crypt(3) of this system could verify a password "
                         "with in reasonable time",
                         user_object(name)),
-            "give what 'mkpasswd' or 'openssl passwd -6' prints, whole, or '!' to lock the password"};
+            "give the complete output of 'mkpasswd' or 'openssl passwd -6', or '!' to lock the password"};
     }
     user.password_format = hashed ? SECURITY_PASSWORD_STORED : SECURITY_PASSWORD_CLEAR;
 }

@@ -70,7 +70,8 @@ TEST(Output, PrintsAStreamRowByRow) {
         return testing::internal::GetCapturedStdout();
     };
     EXPECT_EQ("USER    ID\na\\x0ab  7\nwider than it  12\n", printed(Form::kTable));
-    EXPECT_EQ("{\"user\":\"a\\nb\",\"id\":7}\n{\"user\":\"wider than it\",\"id\":12}\n", printed(Form::kJson));
+    EXPECT_EQ("{\"user\":\"a\\nb\",\"id\":7}\n{\"user\":\"wider than it\",\"id\":12}\n",
+              printed(Form::kJson));
 }
 
 TEST(Output, CompletesCommandLines) {
