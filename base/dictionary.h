@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <initializer_list>
+#include <cstring>
+
+#include "base/descriptor.h"
 
 extern "C" {
 #include <crack.h>
@@ -15,29 +17,34 @@ namespace quill {
 
 constexpr char kDictionary[] = "/tovo/etc/quillsecurity/cracklib_dict";
 
-// The text that cracklib returns if it finds no dictionary, and dictionary_objection() if it is empty.
-constexpr char kNoDictionary[] = "error loading dictionary";
-
-// Cracklib finds nothing in an empty dictionary: it would object to no password.
+// Returns true if a file of the dictionary exists and is empty: cracklib then objects to no password.
 inline bool dictionary_is_empty() {
     for (const char* part : {".pwd", ".pwi", ".hwm"}) {
         char path[sizeof kDictionary + 4];
         snprintf(path, sizeof path, "%s%s", kDictionary, part);
-        const int descriptor = open(path, O_RDONLY | O_CLOEXEC);
+        const Descriptor file(open(path, O_RDONLY | O_CLOEXEC));
         char byte;
-        if (descriptor < 0) continue;
-        const bool empty = read(descriptor, &byte, 1) != 1;
-        close(descriptor);
-        if (empty) return true;
+        if (file && read(file.get(), &byte, 1) != 1) return true;
     }
     return false;
 }
 
-// Returns what makes the password easy to guess, as a clause: "it is based on a dictionary word"; null if
-// nothing does, kNoDictionary if the dictionary cannot be used. The text is owned by cracklib and valid until
-// the next call.
-inline const char* dictionary_objection(const char* password) {
-    return dictionary_is_empty() ? kNoDictionary : FascistCheck(password, kDictionary);
+struct DictionaryResult {
+    enum Outcome { kAccepted, kWeak, kNoDictionary } outcome;
+    // Why the password was not accepted, as a clause: "it is based on a dictionary word". Null if it was. Valid
+    // until the next check.
+    const char* reason;
+};
+
+// Checks whether the password is easy to guess. The outcome is kNoDictionary if the dictionary is missing, empty
+// or cannot be read. cracklib may then complain on standard error as well.
+inline DictionaryResult check_dictionary(const char* password) {
+    static constexpr char kNotLoaded[] = "error loading dictionary";  // cracklib's text
+    const char* reason = dictionary_is_empty() ? kNotLoaded : FascistCheck(password, kDictionary);
+    if (reason == nullptr) return {DictionaryResult::kAccepted, nullptr};
+    // cracklib reports this failure by its text only.
+    const bool loaded = strcmp(reason, kNotLoaded) != 0;
+    return {loaded ? DictionaryResult::kWeak : DictionaryResult::kNoDictionary, reason};
 }
 
 }  // namespace quill

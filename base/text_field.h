@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <string>
 
 namespace quill {
 
@@ -11,6 +12,12 @@ namespace quill {
 template <size_t size>
 bool terminated(const char (&field)[size]) {
     return memchr(field, '\0', size) != nullptr;
+}
+
+// Returns the text of a field, all of it if there is no terminator.
+template <size_t size>
+std::string field_text(const char (&field)[size]) {
+    return {field, strnlen(field, size)};
 }
 
 // Puts a terminator into the last byte of a field that has none.

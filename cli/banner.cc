@@ -1,5 +1,5 @@
-// quillsec banner: the text that is shown before a login. The daemon keeps its delimiter; the text itself is
-// a file of this system, which the daemon puts where login programs read it whenever the delimiter is set.
+// quillsec banner: the text that is shown before a login. The daemon stores its delimiter; the text is a file, which a
+// hook of the daemon copies to where login programs read it whenever the delimiter is set.
 #include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <memory>
 
+#include "base/block.h"
 #include "cli/command.h"
 #include "cli/input_file.h"
 #include "cli/words.h"
@@ -18,35 +19,37 @@
 namespace quill::cli {
 namespace {
 
-using File = std::unique_ptr<FILE, int (*)(FILE*)>;
+using File = std::unique_ptr<FILE, Release<fclose>>;
 
 constexpr const char* kDelimiterObject = "the banner's delimiter";
 
-std::string request_delimiter(uint32_t operation, char delimiter, const char* deed) {
-    require_success(status_of(cmi_security_banner_config(0, operation, &delimiter)), kDelimiterObject, deed);
+std::string request_delimiter(uint32_t operation, char delimiter, const char* action) {
+    require_success(status_of(cmi_security_banner_config(0, operation, &delimiter)), kDelimiterObject,
+                    action);
     return {delimiter};
 }
 
 std::string delimiter() { return request_delimiter(GET_REQ, SECURITY_DEFAULT_BANNER_DELIMITER, "read"); }
 
-// Each context has a banner of its own.
+// Each context has its own banner.
 std::string banner_file() { return security_get_system_filename(QUILL_BANNER_FILE); }
 
-// As the login programs get it; empty where there is no banner.
+// Returns the text as login programs get it; empty if there is no banner.
 std::string text() {
     const std::string path = banner_file();
-    const File file(fopen(path.c_str(), "re"), fclose);
+    const File file(fopen(path.c_str(), "re"));
     if (file == nullptr && errno == ENOENT) return "";
     if (file == nullptr) throw file_failure(path, errno);
     std::string output(SECURITY_BANNER_TEXT_SIZE, '\0');
     const int32_t length = security_read_banner_motd_msg(output.data(), file.get());
     if (length < 0)
-        throw Failure{Exit::kFailed, "the banner", "the banner is too long or cannot be read", "set it anew"};
+        throw Failure{Exit::kFailed, "the banner", "the banner is too long or cannot be read",
+                      "set it again"};
     output.resize(static_cast<size_t>(length));
     return output;
 }
 
-// Line by line, so that nothing in it speaks to the terminal.
+// Escapes what could control the terminal, but keeps the line breaks.
 std::string printable_lines(const std::string& lines) {
     std::string page;
     for (size_t at = 0; at < lines.size();) {
@@ -59,17 +62,17 @@ std::string printable_lines(const std::string& lines) {
 }
 
 Answer show(const Arguments&) {
-    const std::string kept = text();
-    return Remark{"banner", {{{"delimiter", delimiter()}, {"text", kept}}, printable_lines(kept)}};
+    const std::string stored = text();
+    return Remark{"banner", {{{"delimiter", delimiter()}, {"text", stored}}, printable_lines(stored)}};
 }
 
 void write_banner(std::string_view bytes) {
     namespace fs = std::filesystem;
     const std::string path = banner_file(), draft = path + ".new";
-    std::error_code ignored;  // what is missing then, opening tells
+    std::error_code ignored;  // opening the file reports it
     fs::create_directories(fs::path(path).parent_path(), ignored);
     unlink(draft.c_str());
-    const File file(fopen(draft.c_str(), "wxe"), fclose);
+    const File file(fopen(draft.c_str(), "wxe"));
     if (file == nullptr) throw file_failure(path, errno);
     const bool written = fchmod(fileno(file.get()), 0644) == 0 &&
                          fwrite(bytes.data(), 1, bytes.size(), file.get()) == bytes.size() &&
@@ -81,8 +84,8 @@ void write_banner(std::string_view bytes) {
     throw file_failure(path, error);
 }
 
-// Setting the delimiter tells the daemon that the text has changed, so one is set in any case. Asking for it
-// first finds out whether there is a daemon to tell.
+// The daemon activates the text when the delimiter is set, so it is set even if it stays the same. Reading it first
+// shows whether the daemon can be reached.
 Answer set(const Arguments& arguments) {
     const InputFile file(file_named(arguments["FILE"]), SECURITY_BANNER_FILE_LIMIT - 1);
     const std::string_view bytes = file.bytes();
@@ -106,7 +109,7 @@ Answer set_or_show_delimiter(const Arguments& arguments) {
 
 std::string notes() {
     return fmt::format(
-        "The text lies in {} and has at most {} bytes. In a file whose first and last\n"
+        "The text is in {} and has at most {} bytes. In a file whose first and last\n"
         "byte are the same, that byte is the delimiter and no part of the text. In the text, \\n stands for\n"
         "the name of the host and \\l for the line of the login.\n\n"
         "With --json: {{\"banner\": {{\"delimiter\", \"text\"}}}}; from delimiter {{\"delimiter\": the "
@@ -116,7 +119,7 @@ std::string notes() {
 
 constexpr Verb kVerbs[] = {
     {"show", "show the banner", {}, show},
-    {"set", "take the banner from a file", {{"FILE", "the file"}}, set, kSetsDevice},
+    {"set", "set the banner from a file", {{"FILE", "the file"}}, set, kSetsDevice},
     {"delimiter",
      "show the delimiter, or set it",
      {{"CHAR", "the new delimiter", Argument::kOptional}},

@@ -1,6 +1,6 @@
-// The command line is data: a noun is a table of verbs, a verb is its arguments and the function that does
-// it. To add a noun, write its table in a file of its own, name it below and in kNouns of program.cc; how
-// arguments are read, what a mistyped word gets for an answer, --json and the exit codes come with it.
+// The command line is data: a noun is a table of verbs; a verb is a list of arguments and the function that
+// executes it. To add a noun, write its table in a new file and add its name at the end of this file and to kNouns
+// in usage.h. Parsing, error messages, suggestions for misspelled words, --json and exit codes are shared.
 #pragma once
 
 #include <initializer_list>
@@ -13,27 +13,27 @@
 namespace quill::cli {
 
 struct Argument {
-    const char* name;  // "NAME" takes its place on the line, "--name" is an option
+    const char* name;  // "NAME" for a positional argument, "--name" for an option
     const char* help;
     enum { kRequired, kOptional, kFlag } need = kRequired;  // a flag is an option without a value
-    const char* value = "";                                 // what help calls the value of an option
+    const char* value = "";                                 // the name of an option's value in the help
 };
 
-// What was given, by the name of the argument.
+// The arguments that were given, by name.
 class Arguments {
  public:
     void add(const std::string& name, std::string value) { values_[name] = std::move(value); }
 
-    // Null where the argument was left out.
+    // Returns null if the argument was not given.
     const std::string* find(const std::string& name) const {
         const auto found = values_.find(name);
         return found == values_.end() ? nullptr : &found->second;
     }
 
-    // Whether a flag, or anything else, was given.
+    // Returns true if the argument, a flag for example, was given.
     bool has(const std::string& name) const { return values_.contains(name); }
 
-    // A required argument.
+    // Returns a required argument.
     const std::string& operator[](const std::string& name) const { return values_.at(name); }
 
     bool empty() const { return values_.empty(); }
@@ -42,13 +42,13 @@ class Arguments {
     std::map<std::string, std::string> values_;
 };
 
-// What carry_out() does beside calling a verb's function; for Verb::traits.
+// For Verb::traits: what carry_out() does besides calling the verb's function.
 enum : unsigned {
-    // Before: asks whether the daemon is there, since the function looks at this system's own files or changes
-    // them before its first request.
+    // Checks first that the daemon runs: the function reads or changes files of the system before its first
+    // request.
     kNeedsDaemon = 1,
-    // Afterwards: in another context than 1, says that what was set is only stored. A verb that was given none
-    // of its arguments has only shown something.
+    // Outside context 1, adds the notice that the setting is only stored. Without arguments the verb has only
+    // shown a value, so there is no notice.
     kSetsDevice = 2,
 };
 
@@ -63,12 +63,12 @@ struct Verb {
 struct Noun {
     const char* name;
     const char* help;
-    std::string (*notes)();  // stands at the end of the noun's and its verbs' help
+    std::string (*notes)();  // returns the text at the end of the help of the noun and of its verbs
     std::span<const Verb> verbs;
-    bool first_verb_implied = false;  // where none is given; the first verb takes options alone then
+    bool first_verb_implied = false;  // if no verb is given; the first verb then takes only options
 };
 
-// What the verb answers to these arguments, with what its traits ask for. Throws Failure.
+// Executes the verb and what its traits add to it. Throws Failure.
 Answer carry_out(const Verb& verb, const Arguments& arguments);
 
 extern const Noun kUser, kRole, kLocale, kKey, kPassword, kService, kSecret, kRecord, kBanner, kWeb, kVdc,

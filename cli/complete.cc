@@ -9,7 +9,7 @@ namespace {
 constexpr std::string_view kTimeout = "--timeout";
 constexpr std::string_view kGlobalOptions[] = {"--help", "--version", "--json", kTimeout};
 
-// Null where none has this name.
+// Returns null if no noun has this name.
 const Noun* noun_named(std::span<const Noun* const> nouns, std::string_view name) {
     for (const Noun* noun : nouns)
         if (noun->name == name) return noun;
@@ -22,11 +22,11 @@ const Verb* verb_named(const Noun& noun, std::string_view name) {
     return nullptr;
 }
 
-// How far the words have come.
+// What the words so far have named.
 struct Place {
     const Noun* noun = nullptr;
     const Verb* verb = nullptr;
-    bool value = false;  // the next word is one, of an option or a misspelled noun's or verb's
+    bool value = false;  // the next word is the value of an option, or follows an unknown noun or verb
 
     bool takes_value(std::string_view option) const {
         if (option == kTimeout) return true;

@@ -1,4 +1,4 @@
-// What may stand next on the command line, for shells that complete it.
+// Completion of a command line, for shells.
 #pragma once
 
 #include <span>
@@ -8,11 +8,12 @@
 
 namespace quill::cli {
 
-// What a shell asks with: quillsec __complete WORD..., the words so far, the last one unfinished or empty.
+// The first word of a request for completion: quillsec __complete WORD..., where the last word is unfinished or
+// empty.
 constexpr const char* kCompleteWord = "__complete";
 
-// Every noun, verb or option that fits the last word, one a line. Nothing where a value stands: those are for
-// the shell, which knows files, and for people.
+// Returns each noun, verb or option that begins with the last word, one per line. Returns nothing if the last word
+// is a value.
 std::string completions(std::span<const Noun* const> nouns, std::span<const char* const> words);
 
 }  // namespace quill::cli

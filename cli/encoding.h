@@ -1,4 +1,4 @@
-// The names of encodings, for people and programs: "clear", "hash", "cipher".
+// The names of encodings on the command line and in the output: "clear", "hash", "cipher".
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,7 @@
 
 namespace quill::cli {
 
-// The number itself for one that has no name.
+// Returns the number as text if the encoding has no name.
 std::string encoding_name(uint32_t encoding);
 
 std::optional<uint32_t> encoding_named(const std::string& name);

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "base/name_list.h"
+#include "base/status.h"
 #include "base/text_field.h"
 #include "cli/failure.h"
 #include "quillplatform/shell.h"
@@ -21,7 +22,7 @@ uint32_t ask(int32_t request_type, uint32_t operation, void* record, uint32_t si
     uint32_t status = status_of(static_cast<uint32_t>(result));
     const bool whole = reply != nullptr && length == size;
     if (whole) memcpy(record, reply, size);
-    if (status == SECURITY_OK && !whole) status = SECURITY_ERR_TRANSPORT | EPROTO;
+    if (status == SECURITY_OK && !whole) status = undelivered_status(EPROTO);
     if (reply != nullptr) explicit_bzero(reply, length);
     free(reply);
     security_conf_cmi_byteorder_convert(request_type, record);
@@ -29,19 +30,18 @@ uint32_t ask(int32_t request_type, uint32_t operation, void* record, uint32_t si
 }
 
 void require_daemon() {
-    char delimiter = 0;  // everybody may read it, and no record is shorter
+    char delimiter = 0;  // the shortest record, which everybody may read
     const uint32_t status = ask(SECURITY_BANNER_REQUEST, GET_REQ, &delimiter, sizeof delimiter);
     const bool refused = status == SECURITY_ERR_BUSY || status == SECURITY_ERR_CONTEXT;
     if (refused || is_undelivered(status)) require_success(status, "the daemon", "ask");
 }
 
 uint32_t read_names(int32_t request_type, const std::string& user, std::vector<std::string>& names) {
-    security_user_roles list{};  // locales have the same shape
+    security_user_roles list{};  // lists of locales have the same layout
     set_text(list.user_name, user.c_str());
     const uint32_t status = ask(request_type, GET_REQ, &list, sizeof list);
     if (status != SECURITY_OK) return status;
-    for (const NameSlot& name : names_in_use(list.num_roles, list.roles))
-        names.emplace_back(name, strnlen(name, sizeof name));
+    for (const NameSlot& name : names_in_use(list.num_roles, list.roles)) names.push_back(field_text(name));
     return status;
 }
 

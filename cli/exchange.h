@@ -1,4 +1,4 @@
-// Requests that no function of the library makes as they are needed here.
+// Requests for which the library has no suitable function.
 #pragma once
 
 #include <cstdint>
@@ -7,16 +7,17 @@
 
 namespace quill::cli {
 
-// Asks the daemon with a record of this type and size. A reply as long as that replaces the record, with
-// success and with failures that bring one; success without one is SECURITY_ERR_TRANSPORT | EPROTO. Answers
-// the status as status_of() gives it.
+// Sends a record of this type and size, in host order. A reply of the same size replaces the record, also with a
+// failure. Returns the status as status_of() does, and SECURITY_ERR_TRANSPORT | EPROTO for success without such a
+// reply.
 uint32_t ask(int32_t request_type, uint32_t operation, void* record, uint32_t size);
 
-// Throws the Failure of a daemon that cannot be asked: there is none in this process's context, it has no
-// place for another client, or it is another context's.
+// Throws Failure if requests cannot be sent to the daemon: it does not run, has too many clients, or belongs to
+// another context.
 void require_daemon();
 
-// The names of a user's list: SECURITY_ROLES_REQUEST or SECURITY_LOCALE_ASSIGN_REQUEST.
+// Reads the list of a user's roles (SECURITY_ROLES_REQUEST) or locales (SECURITY_LOCALE_ASSIGN_REQUEST). Returns the
+// status; on success, the names are appended to `names`.
 uint32_t read_names(int32_t request_type, const std::string& user, std::vector<std::string>& names);
 
 }  // namespace quill::cli

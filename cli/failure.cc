@@ -1,5 +1,5 @@
-// One table says what every status means to the person at the terminal. A request that was not delivered is
-// a row like any other, because its errno has been made part of the status.
+// One table has the exit code, remedy and message of every status. Requests that were not delivered have rows too,
+// since their status contains the errno.
 #include "cli/failure.h"
 
 #include <fmt/format.h>
@@ -12,25 +12,19 @@
 #include <utility>
 
 #include "base/context_name.h"
+#include "base/status.h"
 #include "quillplatform/pss.h"
 #include "quillplatform/sysmgr.h"
 
 namespace quill::cli {
 namespace {
-constexpr uint32_t kFamily = 0xffff0000;
-constexpr uint32_t kErrno = 0xfff;
-constexpr uint32_t kStoreFamily = PSS_NO_KEY & kFamily;
 
-constexpr uint32_t undelivered(int error) {
-    return SECURITY_ERR_TRANSPORT | (static_cast<uint32_t>(error) & kErrno);
-}
-
-// The daemon may have had the request, and its answer did not arrive.
+// Returns true if the daemon may have executed the request, but its reply did not arrive.
 constexpr bool is_unanswered(uint32_t status) {
-    return status == undelivered(ETIMEDOUT) || status == undelivered(ECONNRESET);
+    return status == undelivered_status(ETIMEDOUT) || status == undelivered_status(ECONNRESET);
 }
 
-constexpr int errno_of(uint32_t status) { return static_cast<int>(status & kErrno); }
+constexpr int errno_of(uint32_t status) { return static_cast<int>(status & kStatusErrno); }
 
 constexpr const char* kSpelling = "check how it is spelled";
 constexpr const char* kSameVersion = "install quillsec and quillsecurityd of the same version";
@@ -41,8 +35,8 @@ struct Meaning {
     uint32_t status;
     Exit exit;
     const char* remedy;
-    // Where syserr2str() does not say it for this reader; {} is the deed. Of a request that was not delivered
-    // {0} says which daemon's it was and {1}, also in the remedy, how that one is started.
+    // Instead of the text of syserr2str(); {} is the action. For a request that was not delivered, {0} is the
+    // context of the daemon and {1}, also in the remedy, the setting with which that daemon is started.
     const char* text = nullptr;
 };
 
@@ -58,7 +52,7 @@ constexpr Meaning kMeanings[] = {
     {SECURITY_ERR_ROLE_NOT_HELD, Exit::kNoSuchObject, "list the roles that the user holds"},
     {SECURITY_ERR_NOT_FOUND, Exit::kNoSuchObject, kSpelling},
     {SECURITY_ERR_END_OF_TABLE, Exit::kNoSuchObject, kSpelling},
-    {SECURITY_ERR_TOO_MANY_ROLES, Exit::kFailed, "take a role away first"},
+    {SECURITY_ERR_TOO_MANY_ROLES, Exit::kFailed, "remove a role first"},
     {SECURITY_ERR_SSHKEY_CONVERT, Exit::kFailed, "give the key as one line of OpenSSH text"},
     {SECURITY_ERR_SSHKEY_FORMAT, Exit::kInvalidValue, "give the key as one line of OpenSSH text"},
     {SECURITY_ERR_FILE_OPEN, Exit::kNoSuchObject, "check that the file exists and can be read"},
@@ -66,7 +60,7 @@ constexpr Meaning kMeanings[] = {
     {SECURITY_ERR_FILE_READ, Exit::kFailed, "check that the file can be read"},
     {SECURITY_ERR_URI_TYPE, Exit::kInvalidValue, "name a file on a device of this system"},
     {SECURITY_ERR_NO_MORE_ROLES, Exit::kNoSuchObject, kSpelling},
-    {SECURITY_ERR_WEAK_PASSWORD, Exit::kInvalidValue, "choose another; 'quillsec password check' judges one"},
+    {SECURITY_ERR_WEAK_PASSWORD, Exit::kInvalidValue, "choose another; 'quillsec password check' checks one"},
     {SECURITY_ERR_EXPIRY_DATE, Exit::kInvalidValue, "give a day to come, 2037-12-31 at the latest"},
     {SECURITY_ERR_NO_USER, Exit::kNoSuchObject, kSpelling},
     {SECURITY_ERR_TOO_MANY_USERS, Exit::kFailed, "delete a user first"},
@@ -75,7 +69,7 @@ constexpr Meaning kMeanings[] = {
     {SECURITY_ERR_NO_PRIV_LVL, Exit::kNoSuchObject, "'quillsec secret show' lists those that have one"},
     {SECURITY_ERR_NO_MORE_PRIV_LVLS, Exit::kNoSuchObject, "set its secret first"},
     {SECURITY_ERR_CERT_TOO_BIG, Exit::kInvalidValue, "use a smaller certificate, without its chain"},
-    {SECURITY_ERR_TOO_MANY_LOCALES, Exit::kFailed, "take a locale away first"},
+    {SECURITY_ERR_TOO_MANY_LOCALES, Exit::kFailed, "remove a locale first"},
     {SECURITY_ERR_UNKNOWN_LOCALE, Exit::kNoSuchObject, kSpelling},
     {SECURITY_ERR_LOCALE_NOT_HELD, Exit::kNoSuchObject, "list the locales that the user holds"},
     {SECURITY_ERR_REQUEST_FRAME, Exit::kFailed, kSameVersion},
@@ -87,7 +81,7 @@ constexpr Meaning kMeanings[] = {
      "use a letter or '_', then letters, digits, '_', '-' and '.', at most 31 (27 outside context 1); the "
      "system's own are not changed"},
     {SECURITY_ERR_PASSWORD_TEXT, Exit::kInvalidValue,
-     "leave out line breaks in a password; give a hash as crypt(5) has it, whole, or '!' for none"},
+     "leave out line breaks in a password; give a complete hash as in crypt(5), or '!' for none"},
     {SECURITY_ERR_ACCOUNT_TOOL, Exit::kFailed, kSeeLog},
     {SECURITY_ERR_ACCOUNT_REPAIR, Exit::kBusy, kSeeLog},
     {SECURITY_ERR_NOT_SUPPORTED, Exit::kInvalidValue, "use what the documentation offers"},
@@ -116,21 +110,23 @@ constexpr Meaning kMeanings[] = {
      "stop quillsecurityd, remove the store's -wal and -journal files and put a saved copy in its place"},
     {PSS_READ_ONLY, Exit::kStoreFailure, "make the device of the store writable"},
 
-    {undelivered(ENOENT), Exit::kUnreachable, "start quillsecurityd{1}",
+    {undelivered_status(ENOENT), Exit::kUnreachable, "start quillsecurityd{1}",
      "the daemon{0} is not running (no socket)"},
-    {undelivered(ECONNREFUSED), Exit::kUnreachable, "start quillsecurityd{1}",
-     "the daemon{0} is not running (its socket is left over)"},
-    {undelivered(EINVAL), Exit::kUnreachable, "give it as an absolute path, or not at all",
+    {undelivered_status(ECONNREFUSED), Exit::kUnreachable, "start quillsecurityd{1}",
+     "the daemon{0} is not running (nothing listens on its socket)"},
+    {undelivered_status(EINVAL), Exit::kUnreachable, "set it to an absolute path, or unset it",
      "QUILL_RUNTIME_DIR is not an absolute path"},
-    {undelivered(EACCES), Exit::kNotPermitted, "run as root or ask for access to its runtime directory",
+    {undelivered_status(EACCES), Exit::kNotPermitted,
+     "run as root or ask for access to its runtime directory",
      "the socket of the daemon{0} is not open to you"},
-    {undelivered(ETIMEDOUT), Exit::kTimeout, "wait longer with --timeout",
-     "the daemon{0} did not answer in time"},
-    {undelivered(ECONNRESET), Exit::kUnreachable, "start quillsecurityd{1}",
-     "the daemon{0} ended before it answered"},
-    {undelivered(ESTALE), Exit::kBusy, "try again",
+    {undelivered_status(ETIMEDOUT), Exit::kTimeout, "wait longer with --timeout",
+     "the daemon{0} did not reply in time"},
+    {undelivered_status(ECONNRESET), Exit::kUnreachable, "start quillsecurityd{1}",
+     "the daemon{0} ended before it replied"},
+    {undelivered_status(ESTALE), Exit::kBusy, "try again",
      "the daemon{0} was restarted between reading and changing; nothing was changed"},
-    {undelivered(EPROTO), Exit::kFailed, kSameVersion, "the daemon{0} does not speak this client's protocol"},
+    {undelivered_status(EPROTO), Exit::kFailed, kSameVersion,
+     "the daemon{0} does not speak this client's protocol"},
 };
 
 constexpr const Meaning* find(uint32_t status) {
@@ -149,17 +145,17 @@ constexpr Name kLibraryNames[] = {SECURITY_STATUS_LIST(STATUS_NAME)};
 constexpr Name kStoreNames[] = {PSS_STATUS_LIST(STATUS_NAME)};
 #undef STATUS_NAME
 
-// The store's failures share what is said of their family; a status of the library has a meaning of its own.
+// A status of the store may share family_meaning(); each status of the library has a row.
 static_assert(std::all_of(std::begin(kLibraryNames), std::end(kLibraryNames),
                           [](const Name& n) { return n.status == SECURITY_OK || find(n.status); }),
               "a status of the library has no row in kMeanings");
 
-bool changes(std::string_view deed) {
-    constexpr std::string_view kHarmless[] = {"ask", "read", "verify", "convert", "listen to", "receive"};
-    return std::ranges::find(kHarmless, deed) == std::end(kHarmless);
+bool changes(std::string_view action) {
+    constexpr std::string_view kReadOnly[] = {"ask", "read", "verify", "convert", "listen to", "receive"};
+    return std::ranges::find(kReadOnly, action) == std::end(kReadOnly);
 }
 
-// In text and remedy, which daemon is meant: in context 1 there is nothing to tell.
+// Replaces {0} and {1} (see Meaning::text): by nothing in context 1.
 std::string about_daemon(const std::string& text) {
     const int32_t context = sysmgrcmn_vdc_id_get();
     if (context == kDefaultContext) return fmt::format(fmt::runtime(text), "", "");
@@ -167,21 +163,21 @@ std::string about_daemon(const std::string& text) {
                        fmt::format(" with SYSMGR_VDC_ID={}", context));
 }
 
-// What is said of a status that has no row.
+// Returns the meaning of a status without a row.
 Meaning family_meaning(uint32_t status) {
     if (is_undelivered(status)) return {status, Exit::kUnreachable, kSeeDaemon};
-    return {status, (status & kFamily) == kStoreFamily ? Exit::kStoreFailure : Exit::kFailed, kSeeLog};
+    return {status, is_store_status(status) ? Exit::kStoreFailure : Exit::kFailed, kSeeLog};
 }
 }  // namespace
 
-uint32_t status_of(uint32_t result) { return result == UINT32_MAX ? undelivered(errno) : result; }
+uint32_t status_of(uint32_t result) { return result == UINT32_MAX ? undelivered_status(errno) : result; }
 
-void require_success(uint32_t status, const std::string& object, const char* deed) {
+void require_success(uint32_t status, const std::string& object, const char* action) {
     if (status == SECURITY_OK) return;
     const Meaning* row = find(status);
     const Meaning meaning = row ? *row : family_meaning(status);
     if (is_undelivered(status)) {
-        const bool outcome_unknown = is_unanswered(status) && changes(deed);
+        const bool outcome_unknown = is_unanswered(status) && changes(action);
         const std::string reason =
             meaning.text ? meaning.text : "the daemon{0} cannot be asked: " + error_text(errno_of(status));
         std::string text = about_daemon(reason);
@@ -191,7 +187,7 @@ void require_success(uint32_t status, const std::string& object, const char* dee
                       status,          outcome_unknown};
     }
     const std::string text =
-        meaning.text ? fmt::format(fmt::runtime(meaning.text), deed) : std::string(syserr2str(status));
+        meaning.text ? fmt::format(fmt::runtime(meaning.text), action) : std::string(syserr2str(status));
     throw Failure{meaning.exit, object, fmt::format("{}: {}", object, text), meaning.remedy, status};
 }
 
@@ -213,7 +209,7 @@ std::string error_text(int error) {
     const char* description = strerrordesc_np(error);
     std::string text = description ? description : fmt::format("error {}", error);
     const auto upper = [&](size_t i) { return i < text.size() && text[i] >= 'A' && text[i] <= 'Z'; };
-    if (upper(0) && !upper(1)) text[0] = static_cast<char>(text[0] - 'A' + 'a');  // but "RPC ..." stays
+    if (upper(0) && !upper(1)) text[0] = static_cast<char>(text[0] - 'A' + 'a');  // but not "RPC ..."
     return text;
 }
 

@@ -1,5 +1,4 @@
-// How a command ends when it does not end well: the exit codes, what is said, and what each status of the
-// daemon comes to.
+// How a command fails: exit codes, messages, and the exit code and message of each status of the daemon.
 #pragma once
 
 #include <cstdint>
@@ -24,33 +23,30 @@ enum class Exit {
     kTimeout = 10,
 };
 
-// What a verb throws when it cannot do what it was asked. All of it is lower case.
+// What a verb throws if it fails. All texts begin in lower case.
 struct Failure {
     Exit exit;
-    std::string object;            // what it is about: "service 'ssh'"
+    std::string object;            // what failed: "service 'ssh'"
     std::string text;              // what is wrong, a sentence that names the object
     std::string remedy;            // what to do about it
-    uint32_t status = 0;           // what was answered to the request; 0 where none was made
-    bool outcome_unknown = false;  // the request may or may not have been carried out
+    uint32_t status = 0;           // of the request; 0 if there was none
+    bool outcome_unknown = false;  // the request may or may not have been executed
 };
 
-// Takes the result of a client function, at once, while errno is still the channel's: a request that could
-// not be delivered becomes SECURITY_ERR_TRANSPORT | errno, any other result stays as it is.
+// Returns the status for the result of a client function: SECURITY_ERR_TRANSPORT | errno for a request that could
+// not be delivered, any other result as it is. To be called at once, while errno is the channel's.
 uint32_t status_of(uint32_t result);
 
-// Throws the Failure of a status other than 0. `deed` is what the request was to do to the object: "read",
-// "verify", "convert" or "run", which change nothing, or else a verb such as "change" or "delete". Where the
-// daemon may have carried out a change and its answer is missing, the failure says so.
-void require_success(uint32_t status, const std::string& object, const char* deed);
+// Throws the Failure of a status other than 0. `action` is what the request was to do with the object: one of
+// "ask", "read", "verify", "convert", "listen to" and "receive", which change nothing, or another verb such as
+// "change". If the daemon may have executed a change without a reply, the failure says so.
+void require_success(uint32_t status, const std::string& object, const char* action);
 
-// Whether the status is that of a request that was not delivered.
-constexpr bool is_undelivered(uint32_t status) { return (status & 0xffff0000) == SECURITY_ERR_TRANSPORT; }
-
-// The name of a status as programs know it: SECURITY_ERR_NOT_FOUND, PSS_FULL; for a request that was not
-// delivered that of its errno: ECONNREFUSED. Empty for a status that has none.
+// Returns the name of a status, like SECURITY_ERR_NOT_FOUND or PSS_FULL; for a request that was not delivered, the
+// name of the errno, like ECONNREFUSED. Returns an empty text for an unknown status.
 std::string status_name(uint32_t status);
 
-// What the system says of an errno, as part of a sentence: "no space left on device".
+// Returns the system's text for an errno as part of a sentence: "no space left on device".
 std::string error_text(int error);
 
 }  // namespace quill::cli

@@ -16,7 +16,7 @@ std::string path_on(const Device& device, const std::string& path, const std::st
         path.copy(below + 1, sizeof below - 2);
         complete_path(device, below, whole);
     }
-    // What fills the field may have been cut.
+    // A path that fills the buffer may have been cut.
     if (*whole != '\0' && strlen(whole) + 1 < sizeof whole) return whole;
     const std::string object = fmt::format("file '{}'", name);
     throw Failure{Exit::kInvalidValue, object, object + ": the name is too long", "copy it to a shorter one"};

@@ -1,4 +1,4 @@
-// Files that the command line names: the user's own, or one on a device of this system, "bootflash:/a.pem".
+// File names on the command line: a path, or a file on a device of this system like "bootflash:/a.pem".
 #pragma once
 
 #include <string>
@@ -8,19 +8,18 @@
 namespace quill::cli {
 
 struct NamedFile {
-    std::string name;  // as it was given
-    std::string path;  // as the system knows it
+    std::string name;  // as given
+    std::string path;  // for open(2)
     bool on_device;
 
     std::string object() const;  // "file 'a.pem'", for messages
 };
 
-// A name whose device this system does not have is one of the user's own files. Throws Failure for a name
-// that does not fit.
+// A name with an unknown device is taken as a path. Throws Failure if the resulting path is too long.
 NamedFile file_named(const std::string& name);
 
-// What is said of a file that could not be opened, read or written, by errno: "file 'a.pem': no such file".
-// One that is not there is Exit::kNoSuchObject.
+// Returns the failure of opening, reading or writing a file, by errno: "file 'a.pem': no such file". A missing file
+// is Exit::kNoSuchObject, missing permissions are kNotPermitted, all else is kFailed.
 Failure file_failure(const std::string& name, int error);
 
 }  // namespace quill::cli

@@ -1,5 +1,5 @@
-// The path is walked here, component by component, because no flag of open(2) knows whose a link is. Each
-// folder on the way is held open, so that nobody can exchange what was looked at.
+// The path is resolved here, component by component, because no flag of open(2) takes the owner of a link into
+// account. Each folder on the way is held open, so that nobody can replace what was checked.
 #include "cli/input_file.h"
 
 #include <fcntl.h>
@@ -22,14 +22,14 @@ constexpr int kFolder = O_PATH | O_DIRECTORY | O_CLOEXEC;
 
 bool of_root_or_caller(const struct stat& facts) { return facts.st_uid == 0 || facts.st_uid == geteuid(); }
 
-// Nobody but root and the caller can have made this link or can exchange it.
+// Returns true if only root and the caller can have made this link and can replace it.
 bool is_trusted(const struct stat& link, int folder) {
     struct stat around;
     return of_root_or_caller(link) && fstat(folder, &around) == 0 && of_root_or_caller(around) &&
            (around.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-// Takes the first component off the path; empty where there is none.
+// Removes the first component from the path and returns it; empty if there is none.
 std::string take_component(std::string& path) {
     const size_t start = std::min(path.find_first_not_of('/'), path.size());
     const size_t end = std::min(path.find('/', start), path.size());
@@ -57,7 +57,7 @@ Failure InputFile::refused(const std::string& what, std::string remedy) const {
             std::move(remedy)};
 }
 
-// Puts the target of a link before the rest of the path.
+// Prepends the target of a link to the rest of the path.
 void InputFile::follow(int link, std::string& rest) {
     std::string target = target_of(link);
     if (target.starts_with('/')) folder_.reset(open("/", kFolder));
@@ -79,7 +79,7 @@ void InputFile::find(LastLink last) {
             if (++links > kMostLinks || refused_last || !is_trusted(facts, folder_.get())) {
                 throw refused(
                     fmt::format("'{}' in its path is a symbolic link that is not followed", printable(name_)),
-                    "name the file by the path where it lies");
+                    "name the file by its real path");
             }
             follow(next.get(), rest);
             continue;
@@ -91,7 +91,7 @@ void InputFile::find(LastLink last) {
     throw file_failure(file_.name, errno);
 }
 
-// Opening a device or a pipe can have effects of its own, so it is looked at before, and again after.
+// Opening a device or a pipe can have side effects, so the type is checked before, and again after opening.
 void InputFile::open_regular() {
     struct stat facts;
     if (fstatat(folder_.get(), name_.c_str(), &facts, AT_SYMLINK_NOFOLLOW) != 0)
@@ -121,7 +121,7 @@ void InputFile::remove() const {
         fstatat(folder_.get(), name_.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0)
         throw file_failure(file_.name, errno);
     if (opened.st_dev != named.st_dev || opened.st_ino != named.st_ino)
-        throw refused("its name stands for another file by now, which stays", "look who changes it");
+        throw refused("another file has its name now, which was not deleted", "find out who replaces it");
     if (unlinkat(folder_.get(), name_.c_str(), 0) != 0) throw file_failure(file_.name, errno);
 }
 

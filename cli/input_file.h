@@ -1,5 +1,5 @@
-// A file that the command line names and somebody else may own: opened once, bounded, and read through that
-// one descriptor, so that what is judged is what is used whatever becomes of its name meanwhile.
+// An input file, which may belong to another user. It is opened once and read completely, so that the bytes that
+// were checked are the bytes that are used, even if another file takes its name meanwhile.
 #pragma once
 
 #include <string>
@@ -15,17 +15,16 @@ class InputFile {
  public:
     enum LastLink { kFollowLast, kRefuseLast };
 
-    // Opens the file and reads it whole. A symbolic link, anywhere in the path, is followed only where it
-    // belongs to root or the caller and so does its folder, which nobody else may write; kRefuseLast refuses
-    // one that stands for the file itself in any case. Throws Failure: Exit::kNoSuchObject for a file that
-    // is not there, kInvalidValue for one behind such a link, for anything that is no regular file (nothing
-    // else is even opened) and for one of more than `limit` bytes, and what file_failure() makes of others.
+    // Opens the file and reads it. A symbolic link anywhere in the path is followed only if the link and its folder
+    // belong to root or the caller and nobody else can write to the folder. With kRefuseLast, the last component
+    // must not be a link at all. Throws Failure: Exit::kInvalidValue for a link that is not followed, for anything
+    // but a regular file (which is not even opened) and for more than `limit` bytes; for other errors that of
+    // file_failure().
     InputFile(const NamedFile& file, size_t limit, LastLink last = kFollowLast);
 
     std::string_view bytes() const { return view(bytes_); }
 
-    // Deletes the file that was read: only while its name still stands for it, in the folder where it was
-    // found. Throws Failure where that is not so.
+    // Deletes the file. Throws Failure, without deleting anything, if its name now belongs to another file.
     void remove() const;
 
  private:
@@ -36,8 +35,8 @@ class InputFile {
     void read_all(size_t limit);
 
     const NamedFile file_;
-    Descriptor folder_;  // where it lies, O_PATH
-    std::string name_;   // its name there
+    Descriptor folder_;  // that contains the file; O_PATH
+    std::string name_;   // of the file in the folder
     Descriptor descriptor_;
     SecretBytes bytes_;
 };

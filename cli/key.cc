@@ -1,4 +1,5 @@
-// quillsec key: the SSH public key of a user, from a file of any common kind to one line of OpenSSH text.
+// quillsec key: the SSH public keys of users. They are read from files of several formats and exported as a line of
+// OpenSSH text.
 #include <fmt/format.h>
 #include <pwd.h>
 #include <unistd.h>
@@ -18,10 +19,8 @@ namespace {
 
 constexpr const char* kFormats[] = {"openssh", "ssh2", "x509-pem", "x509v3-sign-rsa"};
 
-// ---- show, export, delete
-
 std::vector<Cell> row(const StoredKey& key) {
-    const auto listing = key.line.empty() ? std::nullopt : listed(key.line);
+    const auto listing = key.line.empty() ? std::nullopt : list_key(key.line);
     const Cell format =
         key.format < std::size(kFormats) ? Cell(kFormats[key.format]) : Cell(uint32_t{key.format});
     if (!listing) return {key.user, {nullptr, "unknown"}, {nullptr, ""}, {nullptr, ""}, format};
@@ -46,7 +45,7 @@ Answer export_line(const Arguments& arguments) {
     return Remark{"key", {key.line, printable(key.line)}};
 }
 
-// A user has a key in one format at most, and nobody needs to know in which.
+// A user has at most one key, in either of two formats; both are deleted.
 Answer remove(const Arguments& arguments) {
     const std::string& user = arguments["USER"];
     auto line = key_record_of<ssh_key_rec>(user);
@@ -59,8 +58,6 @@ Answer remove(const Arguments& arguments) {
     require_success(status, key_object(user), "delete");
     return Remark{"deleted", {user, printable(fmt::format("{}: deleted", key_object(user)))}};
 }
-
-// ---- add
 
 void confirm(const NamedFile& file) {
     const Terminal terminal;
@@ -80,7 +77,7 @@ void confirm(const NamedFile& file) {
     }
 }
 
-// A temporary copy is of no use to anybody else, whatever became of its key.
+// A temporary copy is deleted also if its key is refused.
 void send(KeyFile& key, const NamedFile& file, const std::string& user) {
     const uint32_t status = key.send();
     const char* fate = "";
@@ -96,7 +93,7 @@ void send(KeyFile& key, const NamedFile& file, const std::string& user) {
     require_success(status, key_object(user) + fate, "change");
 }
 
-// All that can be refused is refused before a file is deleted.
+// Everything is checked before a file is deleted.
 Answer add(const Arguments& arguments) {
     const std::string& user = arguments["USER"];
     auto known = key_record_of<ssh_key_rec>(user);
@@ -120,16 +117,13 @@ Answer add(const Arguments& arguments) {
 }
 
 std::string notes() {
-    return "A user has one key; adding replaces it. FILE is bootflash:PATH, volatile:PATH or slot0:PATH, or "
-           "a\n"
-           "path from the root, which is taken for a temporary copy: that file is DELETED once it is read, "
-           "and\n"
-           "whatever became of it. So it is asked for first, or takes --yes. A file is regular, of at most "
-           "65536\n"
-           "bytes, and not behind a symbolic link that others could have made. A key may be OpenSSH's (its\n"
-           "first line alone is read), SSH2's, a PEM certificate of RSA or DSA, or a text that begins with\n"
+    return "A user has one key; adding replaces it. FILE is bootflash:PATH, volatile:PATH or slot0:PATH, or an\n"
+           "absolute path, which names a temporary copy: that file is DELETED after it was read, even if its\n"
+           "key is refused. So add asks first, or takes --yes. A file must be a regular one of at most 65536\n"
+           "bytes, and not behind a symbolic link that others could have made. Its format is OpenSSH (only\n"
+           "the first line is read), SSH2, a PEM certificate of RSA or DSA, or a text that begins with\n"
            "x509v3-sign-rsa. Private keys are refused, and not deleted.\n\n"
-           "export gives the key as one line for authorized_keys, whatever its file was.\n\n"
+           "export prints the key as one line for authorized_keys, in whatever format it was added.\n\n"
            "With --json: {\"keys\": [{\"user\", \"type\", \"bits\", \"fingerprint\", \"format\"}, ...]}, "
            "where type,\n"
            "  bits and fingerprint are null for a key that ssh-keygen does not know; from export\n"
@@ -146,7 +140,7 @@ constexpr Verb kVerbs[] = {
      add,
      kNeedsDaemon},
     {"export", "show the key as one line of OpenSSH text", {{"USER", "the user"}}, export_line},
-    {"delete", "take the key from a user", {{"USER", "the user"}}, remove},
+    {"delete", "delete the key of a user", {{"USER", "the user"}}, remove},
 };
 }  // namespace
 

@@ -17,9 +17,9 @@ namespace {
 constexpr size_t kLargestFile = 65536;  // more than any public key takes
 constexpr size_t kLongestLine = 2098;
 
-// What comes of the work on the copy.
+// The result of checking the copy, filled in by a child process.
 struct Reading {
-    int error;  // an errno, where there is no copy
+    int error;  // 0, or the errno of making the copy
     uint32_t status;
     uint8_t format;
     ssh_key_rec line;
@@ -51,8 +51,8 @@ void read_copy(const std::string& path, const std::string& user, Reading& readin
     reading.conversion = convert_other_ssh_key_to_openssh(&source, &reading.converted);
 }
 
-// The library refuses private keys as well; this keeps them out of the copy, and the words fit.
-bool shows_private_key(std::string_view text) {
+// The library refuses private keys as well; but then there would be a copy, and a less precise message.
+bool has_private_key(std::string_view text) {
     return text.find("PRIVATE KEY ----") != text.npos || text.find("PRIVATE KEY-----") != text.npos;
 }
 
@@ -61,7 +61,7 @@ void check_line(const NamedFile& file, const ssh_key_rec& record) {
         throw refused(file, fmt::format("its line is longer than {} characters", kLongestLine),
                       "use a key of fewer bits");
     }
-    if (!listed(first_line(record.key_text))) {
+    if (!list_key(first_line(record.key_text))) {
         throw refused(file, "its first line holds no key, and no other line is read",
                       "put the key into the first line");
     }
@@ -74,7 +74,7 @@ void check_text(const NamedFile& file, const Reading& reading) {
     }
 }
 
-// As the library's own requests of this type do it: the reply has no record.
+// Like the library's own requests of this type, whose reply has no record.
 template <class Record>
 uint32_t send_record(Record& record) {
     uint32_t length = sizeof record;
@@ -91,8 +91,8 @@ KeyFile::KeyFile(const NamedFile& file, const std::string& user)
 }
 
 void KeyFile::read(const std::string& user) {
-    if (shows_private_key(input_.bytes()))
-        throw refused(file_, "it holds a private key", "give the public half; ssh-keygen -y tells it");
+    if (has_private_key(input_.bytes()))
+        throw refused(file_, "it holds a private key", "give the public key; ssh-keygen -y prints it");
     const Shared<Reading> reading;
     with_private_tmp([&](const std::string& path) {
         reading->error = copy_to(path, input_.bytes());

@@ -1,4 +1,4 @@
-// The public key of a file, on its way to the daemon.
+// A file with a public key, to be sent to the daemon.
 #pragma once
 
 #include <cstdint>
@@ -9,18 +9,17 @@
 
 namespace quill::cli {
 
-// The file is opened once (cli/input_file.h) and a copy of it, in a folder of the program's own, judged by
-// the library. What was judged is what is sent.
+// The file is opened once (cli/input_file.h), and the library checks a copy of it in a private folder. The checked
+// bytes are the ones that are sent.
 class KeyFile {
  public:
-    // Throws Failure where the file holds no key that this user could log in with, in words that say why, and
-    // where it cannot be read.
+    // Reads and checks the file. Throws Failure if it cannot be read or has no key that this user could log in with.
     KeyFile(const NamedFile& file, const std::string& user);
 
-    // Gives the key to the user, in place of the one he has. Returns the daemon's status.
+    // Replaces the user's key by this one. Returns the daemon's status.
     uint32_t send();
 
-    // As InputFile::remove().
+    // See InputFile::remove().
     void remove() const { input_.remove(); }
 
  private:
@@ -29,15 +28,15 @@ class KeyFile {
     const NamedFile file_;
     const InputFile input_;
     uint8_t format_ = SSHKEY_FMT_OPENSSH;
-    ssh_key_rec line_{};      // the key, where that is its format
-    ssh_key_new_rec text_{};  // and where it is another
+    ssh_key_rec line_{};      // the key if its format is OpenSSH
+    ssh_key_new_rec text_{};  // the key in any other format
 };
 
-// "DEVICE:PATH" or a path from the root, which names a temporary copy: one that nobody wants to keep once it
-// was read. Throws Failure for any other name.
+// Takes "DEVICE:PATH", or an absolute path, which names a temporary copy that is deleted after it was read. Throws
+// Failure for any other name.
 NamedFile key_file_named(const std::string& name);
 
-// "DEVICE:PATH" alone.
+// Takes only "DEVICE:PATH"; throws Failure for any other name.
 NamedFile device_key_file_named(const std::string& name);
 
 }  // namespace quill::cli

@@ -9,8 +9,8 @@
 
 namespace quill::cli {
 
-// "2048 SHA256:... some comment (RSA)"
-std::optional<KeyListing> listed(const std::string& line) {
+// The output looks like "2048 SHA256:... some comment (RSA)".
+std::optional<KeyListing> list_key(const std::string& line) {
     const OwnFolder folder;
     if (!folder.made()) return std::nullopt;
     std::ofstream(folder.file("key")) << line << '\n';

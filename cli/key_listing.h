@@ -1,4 +1,4 @@
-// What ssh-keygen says of a public key.
+// The description of a public key by ssh-keygen.
 #pragma once
 
 #include <optional>
@@ -12,7 +12,7 @@ struct KeyListing {
     std::string type;         // "RSA"
 };
 
-// Of one line of OpenSSH text; none where ssh-keygen does not take it for a key.
-std::optional<KeyListing> listed(const std::string& line);
+// Runs ssh-keygen -l on a line of OpenSSH text. Returns nothing if the line is no key for ssh-keygen.
+std::optional<KeyListing> list_key(const std::string& line);
 
 }  // namespace quill::cli

@@ -1,4 +1,4 @@
-// A line that somebody types or sends, a secret often, held for as long as it is needed and no longer.
+// A line of input, which may be a secret: wiped when destroyed.
 #pragma once
 
 #include <cstddef>
@@ -15,13 +15,14 @@ struct LineBytes {
 };
 using Line = Wiped<LineBytes>;
 
-enum class Taken { kByte, kEnd, kFailed };
+enum class ReadByte { kByte, kEnd, kFailed };
 
-// Adds one byte of input to the line; the newline at its end, and the end of the input, is kEnd. So is a byte
-// too many, `longest` + 1: the line is too long then, and as long as it will get. kFailed with errno set.
-Taken take_byte(int descriptor, size_t longest, Line& line);
+// Reads one byte and appends it to the line. Returns kEnd for a newline, at the end of the input, and when the line
+// is longer than `longest`, by one byte; kFailed with errno on failure.
+ReadByte read_byte(int descriptor, size_t longest, Line& line);
 
-// Reads a line of this kind and no further: what follows it belongs to the next reader. False with errno set.
+// Reads a line, and nothing behind its newline: that is for the next reader. A line that is too long has a length of
+// `longest` + 1. Returns false with errno on failure.
 bool read_line(int descriptor, size_t longest, Line& line);
 
 }  // namespace quill::cli

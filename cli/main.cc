@@ -1,6 +1,5 @@
-// quillsec: shows and changes the security configuration by asking the daemon.
-//
-// Here is what the process itself needs; the command line begins in program.cc.
+// quillsec: shows and changes the security configuration through requests to the daemon. This file sets up the
+// process; program.cc reads the command line.
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -14,8 +13,8 @@
 
 namespace {
 
-// A descriptor that the caller closed would be given to the daemon's socket, and the output be sent there.
-// Its place is taken by one that fails when it is used, so that the failure is seen.
+// If the caller closed a standard descriptor, the daemon's socket would get its number, and output would go there.
+// Opens /dev/null in its place, in the mode in which every use of it fails.
 void occupy_standard_descriptors() {
     for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
         if (fcntl(descriptor, F_GETFD) < 0)
@@ -25,14 +24,14 @@ void occupy_standard_descriptors() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // Secrets pass through this process: no core file keeps them, and no other process of this user looks on.
+    // This process handles secrets: no core file, and no ptrace by other processes of this user.
     prctl(PR_SET_DUMPABLE, 0);
-    // Writing to a closed pipe is then an error like any other, and reported as one.
+    // Writing to a closed pipe then fails with EPIPE, which is reported.
     signal(SIGPIPE, SIG_IGN);
     occupy_standard_descriptors();
 
-    // For the daemon's log alone, beside the user id that it finds out by itself; so the environment's word
-    // is good enough and no user database is searched.
+    // Only for the daemon's log, where it stands beside the user id that the kernel reports. So the environment is
+    // trusted and no user database is searched.
     security_cmi_username = getenv("LOGNAME");
     security_cmi_session_id = static_cast<uint32_t>(getpid());
 

@@ -1,4 +1,4 @@
-// quillsec role and quillsec locale: the two lists of names that a user has.
+// quillsec role and quillsec locale: the lists of a user's roles and locales.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -7,6 +7,7 @@
 #include <random>
 #include <thread>
 
+#include "base/status.h"
 #include "cli/command.h"
 #include "cli/exchange.h"
 #include "quillplatform/shell.h"
@@ -31,7 +32,7 @@ constexpr Kind kLocales{"locale", "locales", SECURITY_LOCALE_ASSIGN_REQUEST,
 constexpr size_t kLongestName = sizeof(common_user_member::name) - 1;
 constexpr size_t kLongestUser = sizeof(common_user_member::user_name) - 1;
 
-// What is too long would be cut on its way, and mean somebody else.
+// Refuses a name that does not fit: cut, it would be another name.
 const std::string& checked(const std::string& name, const char* what, size_t longest) {
     if (!name.empty() && name.size() <= longest) return name;
     const std::string object = fmt::format("{} '{}'", what, name);
@@ -47,14 +48,15 @@ Answer list(const Kind& kind, const std::string& user) {
     return table;
 }
 
-// The library changes a list by reading it and sending it back whole. The daemon refuses the second step when
-// somebody else has changed the list in between, and the library's channel when the connection that the list
-// was read on is gone. Nothing is changed then, and both steps are done again.
+// The library changes a list in two steps: it reads the list and stores all of it. The second step fails if another
+// client has changed the list in between (SECURITY_ERR_CHANGED) or if the connection on which the list was read is
+// gone (ESTALE). Nothing is changed then, and both steps are repeated.
 bool lost_its_race(uint32_t status) {
-    return status == SECURITY_ERR_CHANGED || status == (SECURITY_ERR_TRANSPORT | uint32_t{ESTALE});
+    return status == SECURITY_ERR_CHANGED || status == undelivered_status(ESTALE);
 }
 
-// Up to 1 ms before the second try, and longer from try to try, so that those who collided meet no more.
+// Waits for a random time: up to 1 ms after the first try, up to 40 ms later, so that competing clients do not collide
+// again.
 void pause_after(int tries) {
     constexpr int kLongest = 40;
     static std::minstd_rand random(std::random_device{}());
@@ -62,7 +64,7 @@ void pause_after(int tries) {
     std::this_thread::sleep_for(std::chrono::microseconds(std::uniform_int_distribution(0, longest)(random)));
 }
 
-// The status of the last try; SECURITY_ERR_CHANGED where each of them lost.
+// Repeats the change up to 64 times. Returns the status of the last try; SECURITY_ERR_CHANGED if all lost the race.
 template <class Change>
 uint32_t retried(Change change) {
     constexpr int kMostTries = 64;
@@ -80,16 +82,17 @@ Answer show(const Arguments& arguments) {
 }
 
 template <const Kind& kind>
-Answer change(const Arguments& arguments, decltype(Kind::assign) deed, const char* what) {
+Answer change(const Arguments& arguments, decltype(Kind::assign) function, const char* action) {
     const std::string& user = checked(arguments["USER"], "user", kLongestUser);
     const std::string& name = checked(arguments["NAME"], kind.name, kLongestName);
-    const uint32_t status = retried(
-        [&] { return deed(0, user.c_str(), name.c_str(), security_cmi_username, security_cmi_session_id); });
+    const uint32_t status = retried([&] {
+        return function(0, user.c_str(), name.c_str(), security_cmi_username, security_cmi_session_id);
+    });
     const bool about_user = status == SECURITY_ERR_NOT_FOUND;
     require_success(status,
                     about_user ? fmt::format("user '{}'", user)
                                : fmt::format("{} '{}' of user '{}'", kind.name, name, user),
-                    what);
+                    action);
     return list(kind, user);
 }
 
@@ -106,8 +109,8 @@ Answer remove(const Arguments& arguments) {
 template <const Kind& kind>
 std::string notes() {
     return fmt::format(
-        "A user has up to 64 {0}. A change that another one overtook is tried again; add and remove end\n"
-        "with 8 when others keep changing the list.\n\nWith --json: {{\"{0}\": [{{\"user\", \"{1}\"}}, "
+        "A user has up to 64 {0}. If another client changes the list meanwhile, the change is tried again; it\n"
+        "fails with 8 if that happens again and again.\n\nWith --json: {{\"{0}\": [{{\"user\", \"{1}\"}}, "
         "...]}}.",
         kind.plural, kind.name);
 }
@@ -116,10 +119,10 @@ std::string notes() {
 template <const Kind& kind>
 constexpr Verb kVerbs[] = {
     {"show", "show what a user has", {{"USER", "the user"}}, show<kind>},
-    {"add", "give it to a user", {{"USER", "the user"}, {"NAME", "what to give"}}, add<kind>, kNeedsDaemon},
+    {"add", "add it to a user", {{"USER", "the user"}, {"NAME", "what to add"}}, add<kind>, kNeedsDaemon},
     {"remove",
-     "take it from a user",
-     {{"USER", "the user"}, {"NAME", "what to take"}},
+     "remove it from a user",
+     {{"USER", "the user"}, {"NAME", "what to remove"}},
      remove<kind>,
      kNeedsDaemon},
 };

@@ -17,7 +17,7 @@ std::string dump(const Json& value) {
     return printable_json(value.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
-// Characters, not bytes: names need not be ASCII.
+// Returns the number of characters of a UTF-8 text.
 size_t width(std::string_view text) {
     return static_cast<size_t>(
         std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xc0) != 0x80; }));
@@ -30,7 +30,7 @@ std::string heading(std::string column) {
     return column;
 }
 
-// No blanks at the end of a line, whatever its last columns hold.
+// Appends a line without blanks at its end.
 void add_line(std::string& page, const std::vector<std::string>& words, const std::vector<size_t>& widths) {
     std::string line;
     for (size_t i = 0; i < words.size(); ++i) {
@@ -42,7 +42,7 @@ void add_line(std::string& page, const std::vector<std::string>& words, const st
     page += line + '\n';
 }
 
-std::string for_people(const Table& table) {
+std::string as_text(const Table& table) {
     std::vector<std::vector<std::string>> lines(1);
     for (const std::string& column : table.columns) lines[0].push_back(heading(column));
     for (const auto& row : table.rows) {
@@ -58,8 +58,8 @@ std::string for_people(const Table& table) {
     return page;
 }
 
-// One document, but a row to a line: people read it too.
-std::string for_programs(const Table& table) {
+// One document with one row per line, so that it can be read as well.
+std::string as_json(const Table& table) {
     std::string rows;
     for (const auto& row : table.rows) {
         Json object = Json::object();
@@ -76,7 +76,7 @@ std::vector<size_t> widths_of(const Stream& stream, const std::vector<std::strin
     return widths;
 }
 
-std::string for_people(const Stream& stream) {
+std::string as_text(const Stream& stream) {
     std::vector<std::string> words;
     for (const auto& column : stream.columns) words.push_back(heading(column.name));
     std::string line;
@@ -84,7 +84,7 @@ std::string for_people(const Stream& stream) {
     return line;
 }
 
-std::string for_programs(const Stream&) { return ""; }
+std::string as_json(const Stream&) { return ""; }
 
 std::string row_of(const Stream& stream, const std::vector<Cell>& row, Form form) {
     Json object = Json::object();
@@ -99,21 +99,21 @@ std::string row_of(const Stream& stream, const std::vector<Cell>& row, Form form
     return line;
 }
 
-std::string for_people(const Remark& remark) { return remark.content.text + '\n'; }
+std::string as_text(const Remark& remark) { return remark.content.text + '\n'; }
 
-std::string for_programs(const Remark& remark) {
+std::string as_json(const Remark& remark) {
     Json document{{remark.subject, remark.content.value}};
     if (remark.details.is_object()) document.update(remark.details);
     return dump(document) + '\n';
 }
 
-std::string for_people(const Failure& failure) {
+std::string as_text(const Failure& failure) {
     return printable(fmt::format("quillsec: {}{}{}", failure.text, failure.remedy.empty() ? "" : "; ",
                                  failure.remedy)) +
            '\n';
 }
 
-std::string for_programs(const Failure& failure) {
+std::string as_json(const Failure& failure) {
     Json status;
     if (failure.status != SECURITY_OK) {
         const std::string name = status_name(failure.status);
@@ -126,7 +126,7 @@ std::string for_programs(const Failure& failure) {
     return dump({{"error", error}}) + '\n';
 }
 
-// Answers 0, or the errno of the write that failed.
+// Returns 0, or the errno of the write that failed.
 int write_whole(int descriptor, std::string_view text) {
     while (!text.empty()) {
         const ssize_t written = write(descriptor, text.data(), text.size());
@@ -139,45 +139,44 @@ int write_whole(int descriptor, std::string_view text) {
     return 0;
 }
 
-// On standard error, the last resort: there is nowhere to report that this failed.
-void complain(const Failure& failure) { write_whole(STDERR_FILENO, for_people(failure)); }
-}  // namespace
+// If standard error cannot be written either, there is nowhere left to report it.
+void print_error(const Failure& failure) { write_whole(STDERR_FILENO, as_text(failure)); }
 
-Exit say(const std::string& text) {
+// Returns kOk; or kFailed, with a line on standard error, if standard output could not be written.
+Exit print_text(const std::string& text) {
     const int error = write_whole(STDOUT_FILENO, text);
     if (error == 0) return Exit::kOk;
-    complain({Exit::kFailed, "standard output",
-              fmt::format("standard output cannot be written: {}", error_text(error)),
-              "a change that was asked for has been made"});
+    print_error({Exit::kFailed, "standard output",
+                 fmt::format("standard output cannot be written: {}", error_text(error)),
+                 "a change that was asked for has been made"});
     return Exit::kFailed;
 }
+}  // namespace
 
 std::string rendered(const Answer& answer, Form form) {
     std::string page = std::visit(
-        [=](const auto& content) {
-            return form == Form::kJson ? for_programs(content) : for_people(content);
-        },
+        [=](const auto& content) { return form == Form::kJson ? as_json(content) : as_text(content); },
         answer.content);
     if (answer.notice.empty()) return page;
     if (form == Form::kTable) return page + answer.notice + '\n';
     return page.insert(page.rfind('}'), fmt::format(",\"notice\":{}", dump(answer.notice)));
 }
 
-Exit say(const Answer& answer, Form form) {
-    Exit said = say(rendered(answer, form));
+Exit print(const Answer& answer, Form form) {
+    Exit printed = print_text(rendered(answer, form));
     if (const auto* stream = std::get_if<Stream>(&answer.content)) {
-        while (said == Exit::kOk) {
+        while (printed == Exit::kOk) {
             const auto row = stream->next();
             if (!row) break;
-            said = say(row_of(*stream, *row, form));
+            printed = print_text(row_of(*stream, *row, form));
         }
     }
-    return said == Exit::kOk ? answer.exit : said;
+    return printed == Exit::kOk ? answer.exit : printed;
 }
 
-Exit say(const Failure& failure, Form form) {
-    const bool said = form == Form::kJson && write_whole(STDOUT_FILENO, for_programs(failure)) == 0;
-    if (!said) complain(failure);
+Exit print(const Failure& failure, Form form) {
+    const bool printed = form == Form::kJson && write_whole(STDOUT_FILENO, as_json(failure)) == 0;
+    if (!printed) print_error(failure);
     return failure.exit;
 }
 

@@ -1,11 +1,10 @@
-// quillsec password: would this password be good enough?
+// quillsec password: checks a password by the rules for new ones.
 #include <fmt/format.h>
 #include <pwd.h>
 #include <unistd.h>
 
 #include <cstring>
 
-#include "base/dictionary.h"
 #include "cli/command.h"
 #include "cli/line.h"
 #include "cli/quiet.h"
@@ -24,7 +23,7 @@ Answer check(const Arguments& arguments) {
     const std::string* given = arguments.find("--user");
     const std::string user = given ? *given : caller();
     Line password;
-    // What an account would not take is judged too, and found wanting for its length.
+    // Also longer ones than an account can have: the check reports their length.
     read_secret({fmt::format("user '{}'", user), "password", kLongestLine, false}, arguments, password);
     password.bytes[password.length] = '\0';
     const uintptr_t objection = [&] {
@@ -33,20 +32,21 @@ Answer check(const Arguments& arguments) {
     }();
     if (objection == 0) return Remark{"accepted", {true, "this password is good enough"}};
     const std::string rule = reinterpret_cast<const char*>(objection);  // NOLINT: so it is documented
-    if (rule == kNoDictionary) throw no_dictionary(fmt::format("user '{}'", user), "password");
+    if (lacks_dictionary(user, password.bytes))
+        throw no_dictionary(fmt::format("user '{}'", user), "password");
     return {Remark{"accepted", {Json(false), rule}, {{"rule", rule}}}, Exit::kFailed};
 }
 
 std::string notes() {
     return "The rules are those for new users' passwords, and the switch password-strength turns them off.\n"
-           "check ends with 0 when the password is accepted and with 1 when it is not, after the first rule\n"
-           "that it breaks. Without the dictionary of passwords it cannot judge, and ends with 3.\n\n"
+           "check ends with 0 if the password is accepted, with 1 if it breaks a rule, of which the first is\n"
+           "shown, and with 3 without the dictionary of passwords.\n\n"
            "With --json: {\"accepted\": true or false}, and \"rule\" beside false: what the password breaks.";
 }
 
 constexpr Verb kVerbs[] = {
     {"check",
-     "judge a password",
+     "check a password",
      {{"--user", "whose it would be; without it, the caller's", Argument::kOptional, "NAME"}, kFromStdin},
      check},
 };

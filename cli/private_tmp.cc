@@ -22,10 +22,10 @@ namespace quill::cli {
 namespace {
 
 constexpr char kTmp[] = "/tmp";
-// As the library has them.
+// The names that the library uses.
 constexpr const char* kFixedNames[] = {"/tmp/tmpkey.pub", "/tmp/outkey.pub", "/tmp/errkey.pub"};
 
-// How the child ended, unless it says otherwise.
+// The progress of the child process.
 enum Ending { kNoNamespace = 0, kBroken, kDone };
 
 bool write_line(const char* path, const std::string& line) {
@@ -47,8 +47,8 @@ bool enter_namespace() {
     return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
 
-// Reports in `ending`, not by the exit status: if SIGCHLD is ignored in the parent, which may have inherited
-// that, the kernel does not keep the status.
+// Reports in `ending`, not by the exit status: the kernel keeps none if this process ignores SIGCHLD, a setting
+// that it may have inherited.
 void work_in_child(const OwnFolder& folder, const char* name, Ending& ending,
                    const std::function<void(const std::string&)>& work) {
     if (enter_namespace() && mount(folder.path(), kTmp, nullptr, MS_BIND, nullptr) == 0) {
@@ -66,7 +66,7 @@ std::string owner_of(const struct stat& facts) {
     return owner != nullptr ? fmt::format("user '{}'", owner->pw_name) : fmt::format("user {}", facts.st_uid);
 }
 
-// The same lock as the library takes, but with an end and a reason.
+// Waits for the lock that the library takes, but not forever.
 void wait_for_lock() {
     constexpr timespec kStep{0, 10'000'000};
     constexpr int kSteps = 500;
@@ -82,7 +82,7 @@ void wait_for_lock() {
 
 void require_fixed_names() {
     wait_for_lock();
-    if (geteuid() == 0) return;  // root deletes what is in the way
+    if (geteuid() == 0) return;  // root can replace them
     for (const char* name : kFixedNames) {
         struct stat facts;
         if (lstat(name, &facts) != 0 || facts.st_uid == geteuid()) continue;
@@ -115,8 +115,7 @@ void with_private_tmp(const std::function<void(const std::string& path)>& work) 
     child.wait(kNever);
     if (*ending == kDone) return;
     if (*ending == kBroken) {
-        throw Failure{Exit::kFailed, "ssh-keygen", "the work on an SSH key ended before it was done",
-                      "try again"};
+        throw Failure{Exit::kFailed, "ssh-keygen", "the process that reads an SSH key died", "try again"};
     }
     require_fixed_names();
     work(folder.file(name));

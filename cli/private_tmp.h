@@ -1,5 +1,5 @@
-// Folders of the program's own in /tmp, and a /tmp of its own for the library, whose work on SSH keys goes
-// through files of fixed names there: any user can hold these names or the lock around them.
+// Private folders in /tmp, and a private /tmp for the library, which uses files of fixed names there to check and
+// convert SSH keys: any user could create these files, or hold the lock around them.
 #pragma once
 
 #include <sys/mman.h>
@@ -12,7 +12,7 @@
 
 namespace quill::cli {
 
-// A new folder in /tmp that only the caller can enter; deleted with all that is in it.
+// A new folder in /tmp with mode 0700; the destructor deletes it with its contents.
 class OwnFolder {
  public:
     OwnFolder();
@@ -20,7 +20,7 @@ class OwnFolder {
     OwnFolder(const OwnFolder&) = delete;
     OwnFolder& operator=(const OwnFolder&) = delete;
 
-    bool made() const { return made_; }  // else errno said why not
+    bool made() const { return made_; }  // if not, the constructor has left errno
     const char* path() const { return path_; }
     std::string file(const char* name) const { return std::string(path_) + "/" + name; }
 
@@ -29,7 +29,7 @@ class OwnFolder {
     bool made_;
 };
 
-// An object that a child process shares with this one; all zero before, wiped after.
+// An object in memory that is shared with child processes: zero at first, wiped when destroyed.
 template <class Object>
 class Shared {
     static_assert(std::is_trivially_copyable_v<Object>);
@@ -53,12 +53,11 @@ class Shared {
     void* address_;
 };
 
-// Calls `work` with a path for a file of its own, which does not exist yet, in a folder that only the caller
-// can enter. Where the system lets it make a mount namespace, as it lets root and mostly everybody, `work`
-// runs in a child process for which that folder is /tmp; what it is to leave behind goes into a Shared
-// object. Elsewhere it runs here, once the lock on /tmp is free and the library's names in it are nobody
-// else's. Throws Failure: Exit::kBusy where another process keeps the lock for 5 seconds, kNotPermitted where
-// another user's file has one of the names, kFailed where the child dies.
+// Calls `work` with the path of a file that does not exist yet, in a new folder with mode 0700. If the system permits
+// a new mount namespace, `work` runs in a child process for which that folder is /tmp; it must return its results in
+// Shared objects. If not, it runs in this process, as soon as the lock on /tmp is free and no file of another user has
+// one of the library's names. Throws Failure: Exit::kBusy if another process holds the lock for 5 seconds,
+// kNotPermitted if another user's file has such a name, kFailed if the child process dies.
 void with_private_tmp(const std::function<void(const std::string& path)>& work);
 
 }  // namespace quill::cli

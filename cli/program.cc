@@ -1,8 +1,7 @@
-// From the words of the command line to one verb and back to an exit code.
+// Finds the verb of a command line and executes it.
 //
-// CLI11 reads the line; what it says about a line it cannot read is not used. Its exceptions tell that
-// something is wrong, and the tables tell what: so a mistyped word is answered in the program's own voice,
-// with a guess at what was meant.
+// CLI11 parses the line, but its error messages are not used: cli/usage.cc makes them from the tables of nouns and
+// verbs, with a suggestion for a misspelled word.
 #include "cli/program.h"
 
 #include <fmt/format.h>
@@ -32,13 +31,13 @@ constexpr const char* kExitCodes =
     "  1 failed         4 exists already   7 daemon not reachable  10 timeout\n"
     "  2 wrong usage    5 not permitted    8 busy";
 
-// The words, and what they say of the one option whose value is not for a verb.
+// The words, and the value of the one option that is not for a verb.
 struct CommandLine {
     std::span<const char* const> words;
     std::optional<std::string> timeout = {};
 
-    // Declaring takes most of the time of reading a line, so a noun or verb is declared where the line may
-    // have it: among the words, or in a list of help.
+    // Declaring takes most of the time, so a noun or verb is declared only if it is one of the words, or if help may
+    // list it.
     bool may_have(std::string_view name) const {
         return std::ranges::any_of(words, [&](std::string_view word) {
             return word == name || word.starts_with("-h") || word.starts_with("--help");
@@ -47,19 +46,19 @@ struct CommandLine {
 };
 
 void declare_global(CLI::App& app, std::optional<std::string>& timeout) {
-    CLI::Option* help = app.set_help_flag("--help,-h", "say how it is used");
-    CLI::Option* version = app.set_version_flag("--version", "", "say the version");
-    CLI::Option* json = app.add_flag("--json")->description("answer with one JSON document, errors too");
+    CLI::Option* help = app.set_help_flag("--help,-h", "print the usage");
+    CLI::Option* version = app.set_version_flag("--version", "", "print the version");
+    CLI::Option* json = app.add_flag("--json")->description("print one JSON document, also for errors");
     for (CLI::Option* flag : {help, version, json}) flag->disable_flag_override()->group(kGlobalOptions);
     app.add_option("--timeout", timeout,
-                   "wait this long for each answer, 60 if not given;\n"
+                   "wait this long for each reply, 60 if not given;\n"
                    "the keys and fips wait 180 and ploty 15 in any case")
         ->option_text("SECONDS")
         ->take_last()
         ->group(kGlobalOptions);
 }
 
-// What the line of usage calls the words that follow.
+// Sets the names of the next words in the usage line of the help.
 void label_next_words(CLI::App& app, const char* words) {
     auto formatter = std::make_shared<CLI::Formatter>();
     formatter->label("SUBCOMMAND", words);
@@ -99,8 +98,9 @@ void declare(CLI::App& root, const Noun& noun, CommandLine& line) {
     app.footer(noun.notes)->require_subcommand(noun.first_verb_implied ? 0 : 1, 1);
 }
 
-// Global options are declared at each level, on one variable: CLI11 could hand them up by itself, but then
-// hands up surplus arguments as well. Exactly one subcommand a level lets a name equal a noun or a verb.
+// Global options are declared at each level, with one variable: CLI11 could pass them to the level above by itself,
+// but would then pass surplus arguments as well. With exactly one subcommand per level, an argument may equal the name
+// of a noun or a verb.
 void declare(CLI::App& root, CommandLine& line) {
     label_next_words(root, "NOUN VERB [ARGUMENT...]");
     for (const Noun* noun : kNouns) declare(root, *noun, line);
@@ -108,9 +108,8 @@ void declare(CLI::App& root, CommandLine& line) {
     root.footer(kExitCodes)->require_subcommand(1);
 }
 
-// The platform takes what it cannot read for no variable at all, which would change the accounts of
-// context 1.
-void check_context() {
+// The platform ignores an invalid SYSMGR_VDC_ID. The command would then change context 1, so it is refused here.
+void require_valid_context() {
     const char* text = getenv("SYSMGR_VDC_ID");
     if (text == nullptr || *text == '\0' || number(text, 1, SYSMGRCMN_VDC_ID_MAX)) return;
     throw wrong_line("environment variable 'SYSMGR_VDC_ID'",
@@ -129,7 +128,7 @@ void set_timeout(const std::optional<std::string>& text) {
     security_cmi_timeout = *seconds;
 }
 
-void say_how_to_find_out(const Noun& noun, Failure& failure) {
+void add_how_to_find_out(const Noun& noun, Failure& failure) {
     if (std::ranges::find(noun.verbs, std::string_view("show"), &Verb::name) == noun.verbs.end()) return;
     failure.remedy = fmt::format("'quillsec {} show' tells; {}", noun.name, failure.remedy);
 }
@@ -145,12 +144,12 @@ Answer run_verb(const CLI::App& root) {
     try {
         return carry_out(verb, arguments);
     } catch (Failure& failure) {
-        if (failure.outcome_unknown) say_how_to_find_out(noun_of(levels), failure);
+        if (failure.outcome_unknown) add_how_to_find_out(noun_of(levels), failure);
         throw;
     }
 }
 
-// To CLI11 this word closes a verb; it would be dropped without a word.
+// CLI11 takes "++" for the end of a verb and would ignore it silently.
 void refuse_terminator(std::span<const char* const> words) {
     for (const std::string_view word : words) {
         if (word == "--") return;
@@ -180,11 +179,11 @@ Answer answer(std::span<const char* const> words) {
         throw usage_failure(root, error);
     }
     set_timeout(line.timeout);
-    check_context();
+    require_valid_context();
     return run_verb(root);
 }
 
-// Known before the line is read, so that a complaint about the line has its form too.
+// Does not need the parser, so that its errors are printed in the right form too.
 Form form_of(std::span<const char* const> words) {
     for (const std::string_view word : words) {
         if (word == "--json") return Form::kJson;
@@ -193,7 +192,7 @@ Form form_of(std::span<const char* const> words) {
     return Form::kTable;
 }
 
-// The shell reads it, and does without where it cannot be written.
+// For a shell, which ignores a failure.
 int complete(std::span<const char* const> words) {
     const std::string page = completions(kNouns, words);
     const bool written = fwrite(page.data(), 1, page.size(), stdout) == page.size() && fflush(stdout) == 0;
@@ -205,12 +204,12 @@ int run(std::span<const char* const> words) noexcept {
     const Form form = form_of(words);
     try {
         if (!words.empty() && std::string_view(words[0]) == kCompleteWord) return complete(words.subspan(1));
-        return static_cast<int>(say(answer(words), form));
+        return static_cast<int>(print(answer(words), form));
     } catch (const Failure& failure) {
-        return static_cast<int>(say(failure, form));
+        return static_cast<int>(print(failure, form));
     } catch (const std::exception& error) {
         return static_cast<int>(
-            say({Exit::kFailed, "quillsec", fmt::format("stopped: {}", error.what()), ""}, form));
+            print({Exit::kFailed, "quillsec", fmt::format("stopped: {}", error.what()), ""}, form));
     }
 }
 

@@ -1,11 +1,11 @@
-// The program, short of what belongs to the process itself (main.cc).
+// The program without the set-up of its process (main.cc).
 #pragma once
 
 #include <span>
 
 namespace quill::cli {
 
-// Does what the command line says, its program name left out, and answers the exit code.
+// Executes the command line, given without the program's name, and returns the exit code.
 int run(std::span<const char* const> words) noexcept;
 
 }  // namespace quill::cli

@@ -1,4 +1,4 @@
-// Keeps what libraries write to standard error out of the program's own output.
+// Suppresses what libraries write to standard error.
 #pragma once
 
 #include <fcntl.h>
@@ -10,8 +10,8 @@
 
 namespace quill::cli {
 
-// While one of these is in scope, what is written to standard error is lost: cracklib complains there of a
-// missing dictionary, which its result tells as well. Does nothing where no descriptor can be had.
+// Discards standard error while in scope: cracklib prints there that the dictionary is missing, which its result says
+// as well. Does nothing if no descriptor is free. Preserves errno.
 class QuietStandardError {
  public:
     QuietStandardError()
@@ -19,7 +19,7 @@ class QuietStandardError {
         if (kept_ && nowhere_) dup2(nowhere_.get(), STDERR_FILENO);
     }
     ~QuietStandardError() {
-        const int error = errno;  // of the call that was kept quiet
+        const int error = errno;  // of the call in scope
         if (kept_ && nowhere_) dup2(kept_.get(), STDERR_FILENO);
         errno = error;
     }

@@ -1,8 +1,9 @@
-// quillsec record: user records as they are stored, a name and its password. Two tables of them, by type.
+// quillsec record: user records as they are stored, names and passwords, in two tables by type.
 #include <fmt/format.h>
 
 #include <algorithm>
 
+#include "base/text_field.h"
 #include "cli/command.h"
 #include "cli/encoding.h"
 #include "cli/exchange.h"
@@ -20,12 +21,6 @@ using Record = Wiped<security_user>;
 
 constexpr size_t kLongestName = sizeof(security_user::user_name) - 1;
 constexpr size_t kLongestPassword = sizeof(security_user::password) - 1;
-
-// Texts of a reply end in their fields, whoever sent it.
-template <size_t size>
-std::string text_of(const char (&field)[size]) {
-    return {field, strnlen(field, size)};
-}
 
 std::string object(const std::string& name) { return fmt::format("user record '{}'", name); }
 
@@ -62,19 +57,19 @@ Table table_of_records(bool with_passwords) {
     return table;
 }
 
-// A password that is read in clear was stored as cipher text; any other encoding is that of the store.
+// A password that arrives in clear is stored as cipher text; any other encoding is the stored one.
 std::string stored_encoding(const Record& record) {
     if (record.encryption_type == SECURITY_ENCRYPTION_CLEAR) return encoding_name(SECURITY_ENCRYPTION_CIPHER);
     return encoding_name(record.encryption_type);
 }
 
 std::vector<Cell> row(const Record& record, bool with_password) {
-    std::vector<Cell> cells{text_of(record.user_name), record.user_type, stored_encoding(record)};
-    if (with_password) cells.push_back(text_of(record.password));
+    std::vector<Cell> cells{field_text(record.user_name), record.user_type, stored_encoding(record)};
+    if (with_password) cells.push_back(field_text(record.password));
     return cells;
 }
 
-// There is a record, and that is all that is told of one whose password does not decode.
+// The reply for a record whose password cannot be decoded has no other fields.
 std::vector<Cell> undecoded_row(Cell name, uint32_t type, bool with_password) {
     std::vector<Cell> cells{std::move(name), type, {nullptr, "cannot be decoded"}};
     if (with_password) cells.push_back({nullptr, ""});
@@ -99,12 +94,13 @@ Answer show_one(const std::string& name, uint32_t type, bool with_password) {
 Answer show_all(uint32_t type, bool with_passwords) {
     Table table = table_of_records(with_passwords);
     Record record;
-    for (std::string last;; last = text_of(record.user_name)) {
-        record.user_type = type;  // the reply brought the type as it is stored
-        // The failure to decode a password brings the record, whose name is all that is wanted of it.
+    for (std::string last;; last = field_text(record.user_name)) {
+        record.user_type = type;  // the reply has replaced it by the stored type
+        // SECURITY_ERR_CRYPT comes with the record, whose name is needed to go on. The same name again would be an
+        // endless loop.
         const uint32_t status = ask(SECURITY_USER_REQUEST, GETNEXT_REQ, &record, sizeof record);
         if (status == SECURITY_ERR_END_OF_TABLE) return table;
-        const std::string name = text_of(record.user_name);
+        const std::string name = field_text(record.user_name);
         if (status != SECURITY_ERR_CRYPT || name == last) require_success(status, "user records", "read");
         table.rows.push_back(status == SECURITY_OK ? row(record, with_passwords)
                                                    : undecoded_row(name, type, with_passwords));
@@ -141,7 +137,7 @@ Answer remove(const Arguments& arguments) {
     take_name(name, record);
     record.user_type = type_of(arguments);
     const uint32_t status = status_of(cmi_security_user_config(0, DEL_REQ, &record));
-    // As for reading: whoever asks need not know that the two have a status each.
+    // The same message as for reading, which has another status.
     require_success(status == SECURITY_PSS_NO_KEY ? SECURITY_ERR_NOT_FOUND : status, object(name), "delete");
     return Remark{"deleted", {name, printable(fmt::format("{}: deleted", object(name)))}};
 }

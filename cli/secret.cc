@@ -1,5 +1,4 @@
-// quillsec secret: the secrets of privilege levels 1 to 15. They go in, are compared and deleted, and never
-// come out.
+// quillsec secret: the secrets of privilege levels 1 to 15. They are set, verified and deleted, and never shown.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -23,7 +22,7 @@ constexpr uint32_t kHighest = 15;
 using Record = Wiped<security_priv_info>;
 
 constexpr long kFewestCharacters = 12;
-constexpr Argument kAcceptWeak{"--accept-weak", "set it even if it is easy to guess, or cannot be judged",
+constexpr Argument kAcceptWeak{"--accept-weak", "set it even if it is easy to guess, or cannot be checked",
                                Argument::kFlag};
 
 std::string object(const std::string& level) { return fmt::format("privilege level '{}'", level); }
@@ -62,26 +61,26 @@ Answer show(const Arguments& arguments) {
     return table;
 }
 
-// What is stored of a secret is one round of MD5, cut to 64 bits: whoever reads the store tries billions of
-// secrets in a second. Only one that cannot be guessed withstands that.
+// The stored hash is one round of MD5, cut to 64 bits: with the store one can try billions of secrets in a second.
+// Only a secret that is hard to guess withstands that.
 void refuse_weak(uint32_t level, const char* secret) {
     const std::string_view text(secret);
     const auto characters = std::ranges::count_if(text, [](char c) { return (c & 0xc0) != 0x80; });
-    const char* fault = "it is too short";
+    DictionaryResult result{DictionaryResult::kWeak, "it is too short"};
     if (characters >= kFewestCharacters) {
         const QuietStandardError quiet;
-        fault = dictionary_objection(secret);
+        result = check_dictionary(secret);
     }
-    if (fault == nullptr) return;
-    if (std::string_view(fault) == kNoDictionary)
+    if (result.outcome == DictionaryResult::kAccepted) return;
+    if (result.outcome == DictionaryResult::kNoDictionary)
         throw no_dictionary(object(level), "secret", fmt::format(", or add {}", kAcceptWeak.name));
     throw Failure{Exit::kInvalidValue, object(level),
-                  fmt::format("{}: the secret is easy to guess: {}", object(level), fault),
+                  fmt::format("{}: the secret is easy to guess: {}", object(level), result.reason),
                   fmt::format("choose another of {} characters or more, or add {}", kFewestCharacters,
                               kAcceptWeak.name)};
 }
 
-// The field behind the secret is zero: a hash that is shorter than the secret leaves nothing of it standing.
+// The field behind the secret is zero, and all of it is sent.
 Answer set(const Arguments& arguments) {
     const uint32_t level = level_of(arguments["LEVEL"]);
     Record record;
@@ -137,7 +136,7 @@ Answer delete_one(uint32_t level) {
     Record record;
     record.priv_lvl = static_cast<int32_t>(level);
     const uint32_t status = status_of(cmi_security_priv_info_config(0, DEL_REQ, &record));
-    // A level without a secret is the same to whoever asks, whichever operation finds it out.
+    // The same message as for reading, which has another status.
     require_success(status == SECURITY_PSS_NO_KEY ? SECURITY_ERR_NO_PRIV_LVL : status, object(level),
                     "delete");
     Table table = table_of_secrets();
@@ -159,13 +158,13 @@ Answer remove(const Arguments& arguments) {
 }
 
 std::string notes() {
-    return "A LEVEL is 1 to 15. A secret is 1 to 1023 bytes without a newline or NUL. It is asked for at\n"
-           "the terminal or read with --stdin; on the command line others could see it. It is kept as a\n"
-           "salted hash, which can be verified and not be shown, but guessed by whoever can read it. So set\n"
-           "refuses a secret of less than 12 characters and one that the dictionary of passwords makes easy\n"
-           "to guess, unless --accept-weak is given.\n\n"
-           "verify ends with 0 when it is the level's secret, with 1 when it is not, and with 3 when the\n"
-           "level has none.\n\n"
+    return "A LEVEL is 1 to 15. A secret is 1 to 1023 bytes without a newline or NUL. It is typed at\n"
+           "the terminal or read with --stdin; on the command line others could see it. It is stored as a\n"
+           "salted hash, which can be verified but not shown. With the hash, a weak secret can be guessed: so\n"
+           "set refuses a secret of less than 12 characters and one that the dictionary of passwords makes\n"
+           "easy to guess, unless --accept-weak is given.\n\n"
+           "verify ends with 0 if it is the level's secret, with 1 if it is not, and with 3 if the level has\n"
+           "none.\n\n"
            "With --json: {\"secrets\": [{\"level\", \"secret\", \"encryption\"}, ...]}, where secret is\n"
            "  \"set\" or null and encryption \"hash\", \"cipher\", \"clear\" or null; from verify\n"
            "  {\"verified\": true or false}.";
@@ -176,7 +175,7 @@ constexpr Verb kVerbs[] = {
     {"set", "give a level a new secret", {{"LEVEL", "1 to 15"}, kFromStdin, kAcceptWeak}, set},
     {"verify", "say whether a secret is that of a level", {{"LEVEL", "1 to 15"}, kFromStdin}, verify},
     {"delete",
-     "take its secret from a level, or from all",
+     "delete the secret of a level, or of all",
      {{"LEVEL", "1 to 15", Argument::kOptional},
       {"--all", "all levels", Argument::kFlag},
       {"--yes", "do not ask before --all", Argument::kFlag}},

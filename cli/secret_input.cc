@@ -5,8 +5,11 @@
 
 #include <cerrno>
 
+#include "base/dictionary.h"
+#include "cli/quiet.h"
 #include "cli/terminal.h"
 #include "cli/words.h"
+#include "quillsecurity.h"
 
 namespace quill::cli {
 namespace {
@@ -33,17 +36,17 @@ void read_from_stdin(const SecretWanted& wanted, Line& secret) {
     if (!read_line(STDIN_FILENO, wanted.longest, secret)) {
         throw refused(wanted, Exit::kFailed,
                       fmt::format("standard input cannot be read: {}", error_text(errno)),
-                      fmt::format("connect it to what gives the {}", wanted.name));
+                      fmt::format("connect it to the source of the {}", wanted.name));
     }
     check(wanted, secret);
 }
 
-// False when a signal is to be let in first.
+// Returns false if a signal has to be delivered first; then it is asked for again.
 bool ask(const Terminal& terminal, const HiddenInput& hidden, const std::string& prompt, size_t longest,
          Line& line) {
-    terminal.say(printable(prompt));
+    terminal.show(printable(prompt));
     const bool answered = hidden.read_line(longest, line);
-    terminal.say("\n");  // in place of the one that was typed
+    terminal.show("\n");  // the typed one is not shown
     return answered;
 }
 
@@ -65,9 +68,15 @@ bool ask(const Terminal& terminal, const SecretWanted& wanted, Line& secret) {
 
 Failure no_dictionary(const std::string& object, const char* name, const std::string& other_remedy) {
     return {Exit::kNoSuchObject, object,
-            fmt::format("{}: the {} cannot be judged, since the dictionary of passwords cannot be read",
+            fmt::format("{}: the {} cannot be checked, since the dictionary of passwords cannot be read",
                         object, name),
             "make the dictionary first, as quillsecurityd(8) says under FILES" + other_remedy};
+}
+
+bool lacks_dictionary(const std::string& user, const char* password) {
+    if (security_check_strength_main(user.c_str(), password) != nullptr) return false;
+    const QuietStandardError quiet;
+    return check_dictionary(password).outcome == DictionaryResult::kNoDictionary;
 }
 
 void read_secret(const SecretWanted& wanted, const Arguments& arguments, Line& secret) {

@@ -1,4 +1,4 @@
-// quillsec selftest: what the cryptographic self-tests of the daemon came to.
+// quillsec selftest: the results of the daemon's cryptographic self-tests.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -51,9 +51,9 @@ Answer run(const Arguments&) {
 }
 
 std::string notes() {
-    return "The tests compare what OpenSSL computes with answers that are known. The daemon runs them when\n"
-           "it starts while the service fips is on, and whenever an administrator asks for it; until then\n"
-           "there are none to show. The exit code is 1 where one failed.\n\n"
+    return "The tests compare results of OpenSSL with known answers. The daemon runs them when it starts while\n"
+           "the service fips is on, and when an administrator requests it; until then there are no results.\n"
+           "The exit code is 1 if a test failed.\n\n"
            "With --json: {\"selftests\": [{\"test\", \"result\"}, ...]}, a result is \"passed\" or "
            "\"failed\".";
 }

@@ -12,12 +12,12 @@
 namespace quill::cli {
 namespace {
 
-// A service that is not in this table is a switch.
+// The range of a service's number. A service that is not in this table is a switch.
 struct Numbers {
     int32_t code;
     uint32_t low;
     uint32_t high;
-    bool zero_too;  // 0 stands for no key
+    bool zero_too;  // 0 means no key
 };
 
 constexpr Numbers kNumbers[] = {
@@ -40,7 +40,7 @@ struct Service {
     std::string name;
 };
 
-// The library's names in their order, and the one service that it knows without a name.
+// The names of the library in their order, and the one service for which it has no name.
 std::vector<Service> all_services() {
     std::vector<Service> services;
     for (int32_t i = 0; i < enable_info_str_table_size; ++i) {
@@ -96,7 +96,7 @@ uint32_t value_for(const Service& service, const std::string& text) {
                   "use " + allowed(numbers)};
 }
 
-// A switch that was stored as neither 0 nor 1 shows its number: whoever looks should see that.
+// A switch whose stored value is neither 0 nor 1 is shown as that number.
 Cell value_cell(const Service& service, std::optional<uint32_t> value) {
     if (!value) return {nullptr, "not set"};
     if (*value > 1 || find(kNumbers, service.code)) return *value;
@@ -132,7 +132,7 @@ Answer set(const Arguments& arguments) {
     return table;
 }
 
-// Telnet's default is for the daemon to know, and so is whether its value differs from it.
+// Only the daemon knows the default of telnet, so its "default" and "differs" are null.
 Answer defaults(const Arguments&) {
     Table table{"defaults", {"name", "default", "value", "differs"}, {}};
     for (const Service& service : all_services()) {
@@ -158,11 +158,11 @@ std::string notes() {
                             numbers && numbers->zero_too ? " bits" : "");
     }
     return text +
-           "  Names may be in any case, with '-' or '_' for blanks. 1 and 0 do for on and off.\n\n"
+           "  Names may be in any case, with '-' or '_' for blanks. 1 and 0 mean on and off.\n\n"
            "With --json: {\"services\": [{\"name\", \"value\"}, ...]}, from defaults\n"
            "  {\"defaults\": [{\"name\", \"default\", \"value\", \"differs\"}, ...]}. A value is \"on\", "
            "\"off\" or\n"
-           "  a number, null where none was ever set; telnet's default and differs are null.";
+           "  a number, null if none was ever set; telnet's default and differs are null.";
 }
 
 constexpr Verb kVerbs[] = {

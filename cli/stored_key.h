@@ -1,4 +1,4 @@
-// SSH public keys as the daemon keeps them.
+// SSH public keys as the daemon stores them.
 #pragma once
 
 #include <fmt/format.h>
@@ -16,7 +16,7 @@ namespace quill::cli {
 // "SSH key of user 'amy'", for messages.
 std::string key_object(const std::string& user);
 
-// A record of this user: ssh_key_rec or ssh_key_new_rec. Throws Failure for a name that does not fit.
+// Returns a record (ssh_key_rec or ssh_key_new_rec) with this user's name. Throws Failure for a name that does not fit.
 template <class Record>
 Record key_record_of(const std::string& user) {
     Record record{};
@@ -29,21 +29,21 @@ Record key_record_of(const std::string& user) {
     return record;
 }
 
-// Asks the daemon; with the texts of the reply ended, whoever sent it.
+// Sends a request as ask() does and terminates the texts of the reply.
 uint32_t ask_key(security_request_type type, uint32_t operation, ssh_key_rec& record);
 uint32_t ask_key(security_request_type type, uint32_t operation, ssh_key_new_rec& record);
 
-// A user's key as it is stored, and as a line, which is empty where it cannot be one.
+// A stored key. The line is OpenSSH text; empty if the key cannot be converted.
 struct StoredKey {
     std::string user;
     uint8_t format;
     std::string line;
 };
 
-// The text up to the end of its line, without blanks at its end.
+// Returns the first line of the text, without the blanks at its end.
 std::string first_line(const char* text);
 
-// All of them by name, or that of one user. Throw Failure where there is none or they cannot be read.
+// Return all keys, sorted by user, or the key of one user. Throw Failure if that user has none or if a request fails.
 std::vector<StoredKey> stored_keys();
 StoredKey stored_key(const std::string& user);
 

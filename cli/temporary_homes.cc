@@ -26,13 +26,13 @@ Failure unsafe(const std::string& reason, std::string remedy) {
 
 Failure failed(int error) { return unsafe(error_text(error), "see that root can write to /tmp"); }
 
-// Only root can rename or delete what root has there.
-bool keeps_what_is_roots(const struct stat& folder) {
+// Returns true if only root can rename or delete root's files in this folder.
+bool protects_files_of_root(const struct stat& folder) {
     const bool shared = (folder.st_mode & kOthersWrite) != 0;
     return folder.st_uid == 0 && (!shared || (folder.st_mode & S_ISVTX) != 0);
 }
 
-// False where something else has the name.
+// Returns false if /tmp/home is anything but a folder of root.
 bool is_secure(int tmp, bool made) {
     const Descriptor home(openat(tmp, kName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     struct stat facts;
@@ -57,16 +57,16 @@ void secure_temporary_homes() {
     if (!tmp && errno == ENOENT) return;
     struct stat facts;
     if (!tmp || fstat(tmp.get(), &facts) != 0) throw failed(errno);
-    if (!keeps_what_is_roots(facts))
+    if (!protects_files_of_root(facts))
         throw unsafe("others can rename what is in /tmp", "make /tmp root's, with mode 1777");
-    // Others may put something there between any two steps; once the folder is root's they cannot.
+    // Others may create the name again between any two steps, until the folder belongs to root.
     for (int tries = 0; tries < kMostTries; ++tries) {
         const bool made = mkdirat(tmp.get(), kName, 0755) == 0;
         if (!made && errno != EEXIST) throw failed(errno);
         if (is_secure(tmp.get(), made)) return;
         move_away(tmp.get());
     }
-    throw unsafe("others keep replacing it", "end what does that");
+    throw unsafe("others keep replacing it", "end the process that does it");
 }
 
 }  // namespace quill::cli

@@ -1,13 +1,13 @@
-// /tmp/home, where the removal of a context's users deletes a folder for each of them.
+// /tmp/home: the library deletes a folder below it for each user of a context that is removed.
 #pragma once
 
 namespace quill::cli {
 
-// Makes sure that /tmp/home is a folder of root's that root alone can write, so that no path below it leads
-// anywhere else while root deletes there. Whatever else has the name, such as a link or a folder of another
-// user's, is renamed to home.XXXXXXXX beside it, which the system's log tells; a folder of root's that others
-// can write is closed to them. Where there is no /tmp nothing is done. Throws Failure when the folder cannot
-// be made safe: /tmp is then not root's, others can rename what is in it, or the file system refuses.
+// Makes sure that /tmp/home is a folder that belongs to root and that only root can write to, so that no path below it
+// is a link to somewhere else while root deletes there. Anything else with this name, such as a link or another user's
+// folder, is renamed to /tmp/home.XXXXXXXX with a line in the system's log; a folder of root that others can write to
+// gets mode 0755. Does nothing if there is no /tmp. Throws Failure if this is not possible: others can rename files in
+// /tmp, or a system call fails.
 void secure_temporary_homes();
 
 }  // namespace quill::cli

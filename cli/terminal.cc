@@ -30,36 +30,32 @@ Failure cannot_hide(int error) {
 }  // namespace
 
 Terminal::Terminal() : descriptor_(open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC)) {
-    if (descriptor_ < 0 && isatty(STDIN_FILENO)) descriptor_ = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0);
+    if (!descriptor_ && isatty(STDIN_FILENO)) descriptor_.reset(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0));
 }
 
-Terminal::~Terminal() {
-    if (descriptor_ >= 0) close(descriptor_);
-}
-
-void Terminal::say(std::string_view text) const {
-    // A prompt that cannot be shown is no reason not to take the answer.
-    [[maybe_unused]] const ssize_t written = write(descriptor_, text.data(), text.size());
+void Terminal::show(std::string_view text) const {
+    // If the prompt cannot be written, the answer is still read.
+    [[maybe_unused]] const ssize_t written = write(descriptor_.get(), text.data(), text.size());
 }
 
 bool Terminal::confirms(const std::string& question) const {
-    say(question + " [y/N] ");
+    show(question + " [y/N] ");
     Line line;
-    if (!read_line(descriptor_, kLongestLine, line)) return false;
+    if (!read_line(descriptor_.get(), kLongestLine, line)) return false;
     const std::string answer = folded({line.bytes, line.length});
     return answer == "y" || answer == "yes";
 }
 
 HiddenInput::HiddenInput(const Terminal& terminal) : terminal_(terminal) {
     const sigset_t deferred = set_of(SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGALRM, SIGTSTP);
-    waiting_signals_ = signalfd(-1, &deferred, SFD_CLOEXEC);
-    if (waiting_signals_ < 0) throw cannot_hide(errno);
-    // Before the terminal is touched: one that came in between would leave it hiding.
+    waiting_signals_.reset(signalfd(-1, &deferred, SFD_CLOEXEC));
+    if (!waiting_signals_) throw cannot_hide(errno);
+    // Before the echo is turned off: a signal in between would leave it off.
     sigprocmask(SIG_BLOCK, &deferred, &mask_before_);
     try {
         hide();
     } catch (...) {
-        let_signals_in();
+        restore_signals();
         throw;
     }
 }
@@ -68,30 +64,27 @@ void HiddenInput::hide() {
     if (tcgetattr(terminal_.descriptor(), &modes_before_) != 0) throw cannot_hide(errno);
     termios modes = modes_before_;
     modes.c_lflag &= ~static_cast<tcflag_t>(ECHO | ECHONL);
-    // In the background this stops the process until it is in the foreground, with nothing changed yet.
+    // In the background this stops the process (SIGTTOU) until it is in the foreground, before anything is changed.
     while (tcsetattr(terminal_.descriptor(), TCSAFLUSH, &modes) != 0) {
         if (errno != EINTR) throw cannot_hide(errno);
     }
-    // Putting the modes back must work from there too.
+    // Restoring the modes must work in the background too.
     const sigset_t background = set_of(SIGTTOU);
     sigprocmask(SIG_BLOCK, &background, nullptr);
 }
 
 HiddenInput::~HiddenInput() {
-    // What was typed behind the line goes: the next reader may be a shell, which would run and show it.
+    // Discards what was typed after the line: the next reader may be a shell, which would execute and show it.
     while (tcsetattr(terminal_.descriptor(), TCSAFLUSH, &modes_before_) != 0 && errno == EINTR) {
     }
-    let_signals_in();
+    restore_signals();
 }
 
-// Those that waited do their work before this returns.
-void HiddenInput::let_signals_in() const {
-    close(waiting_signals_);
-    sigprocmask(SIG_SETMASK, &mask_before_, nullptr);
-}
+// Pending signals are delivered before this returns.
+void HiddenInput::restore_signals() const { sigprocmask(SIG_SETMASK, &mask_before_, nullptr); }
 
 bool HiddenInput::input_came_first() const {
-    pollfd watched[] = {{terminal_.descriptor(), POLLIN, 0}, {waiting_signals_, POLLIN, 0}};
+    pollfd watched[] = {{terminal_.descriptor(), POLLIN, 0}, {waiting_signals_.get(), POLLIN, 0}};
     while (poll(watched, 2, -1) < 0 && errno == EINTR) {
     }
     return watched[1].revents == 0;
@@ -99,12 +92,12 @@ bool HiddenInput::input_came_first() const {
 
 bool HiddenInput::read_line(size_t longest, Line& line) const {
     line.length = 0;
-    Taken taken;
+    ReadByte result;
     do {
         if (!input_came_first()) return false;
-        taken = take_byte(terminal_.descriptor(), longest, line);
-    } while (taken == Taken::kByte);
-    if (taken == Taken::kFailed) line.length = 0;
+        result = read_byte(terminal_.descriptor(), longest, line);
+    } while (result == ReadByte::kByte);
+    if (result == ReadByte::kFailed) line.length = 0;
     return true;
 }
 

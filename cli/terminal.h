@@ -1,4 +1,4 @@
-// The person at the terminal, who is asked there whatever standard input and output are connected to.
+// Questions to the user at the terminal, independent of standard input and output.
 #pragma once
 
 #include <termios.h>
@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/descriptor.h"
 #include "cli/line.h"
 
 namespace quill::cli {
@@ -15,41 +16,38 @@ namespace quill::cli {
 class Terminal {
  public:
     Terminal();
-    ~Terminal();
-    Terminal(const Terminal&) = delete;
-    Terminal& operator=(const Terminal&) = delete;
 
-    bool found() const { return descriptor_ >= 0; }
-    int descriptor() const { return descriptor_; }
-    void say(std::string_view text) const;
+    bool found() const { return bool(descriptor_); }
+    int descriptor() const { return descriptor_.get(); }
+    void show(std::string_view text) const;
 
-    // Asks for a yes, in plain sight. False for every other answer.
+    // Asks a question, with echo. Returns true for "y" or "yes".
     bool confirms(const std::string& question) const;
 
  private:
-    int descriptor_;
+    Descriptor descriptor_;
 };
 
-// The terminal does not show what is typed while this is in scope. Signals that end or stop the process wait
-// for the end of the scope, so nobody is left with a terminal that shows nothing.
+// Turns off the terminal's echo while in scope. Signals that end or stop the process are blocked until the echo is on
+// again.
 class HiddenInput {
  public:
-    explicit HiddenInput(const Terminal& terminal);  // throws Failure where typing cannot be hidden
+    explicit HiddenInput(const Terminal& terminal);  // throws Failure if the echo cannot be turned off
     ~HiddenInput();
     HiddenInput(const HiddenInput&) = delete;
     HiddenInput& operator=(const HiddenInput&) = delete;
 
-    // Reads a line, an empty one where reading fails. False when one of those signals came first: leave the
-    // scope, which lets it do its work, and if the process is still there then, ask again.
+    // Reads a line; an empty one if reading fails. Returns false if one of those signals came first: the caller must
+    // leave the scope, in which the signal is delivered, and may then ask again.
     bool read_line(size_t longest, Line& line) const;
 
  private:
     void hide();
-    void let_signals_in() const;
+    void restore_signals() const;
     bool input_came_first() const;
 
     const Terminal& terminal_;
-    int waiting_signals_;  // signalfd(2)
+    Descriptor waiting_signals_;  // signalfd(2)
     sigset_t mask_before_;
     termios modes_before_;
 };

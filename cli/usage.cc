@@ -52,14 +52,14 @@ std::string usage(const Levels& levels, const Verb& verb) {
     return line;
 }
 
-// What stands before a complaint: nothing for the program itself, else the noun, or noun and verb.
+// The prefix of a message: nothing for the program itself, else "NOUN: " or "NOUN VERB: ".
 std::string where(const Levels& levels) {
     const std::string program = levels[0]->get_name();
     const std::string names = path(levels);
     return names == program ? "" : names.substr(program.size() + 1) + ": ";
 }
 
-// A word that should have been one of `known`, a noun, verb or option.
+// The failure for a word that is none of the `known` nouns, verbs or options.
 Failure unknown_word(const char* kind, const Levels& levels, const std::string& word,
                      const std::vector<std::string>& known) {
     const std::string object = fmt::format("{} '{}'", kind, word);
@@ -68,8 +68,8 @@ Failure unknown_word(const char* kind, const Levels& levels, const std::string& 
                       meant.empty() ? "use " + either(known) : fmt::format("did you mean '{}'?", meant));
 }
 
-// The first word that a level could not place: an unknown option (`options`) or any other word. Null for
-// none. What follows "--" is no option, whatever it looks like.
+// Returns the first word that a level did not recognise: an unknown option (`options`) or any other word. A word after
+// "--" is not an option.
 std::optional<std::string> misplaced(const CLI::App& level, bool options) {
     bool marked = false;
     for (const std::string& word : level.remaining()) {
@@ -80,7 +80,7 @@ std::optional<std::string> misplaced(const CLI::App& level, bool options) {
     return std::nullopt;
 }
 
-// The line ends, or goes astray, where a noun or a verb should stand.
+// The failure for a missing or unknown noun or verb.
 Failure next_word_failure(const Levels& levels) {
     const char* kind = levels.size() == 1 ? "noun" : "verb";
     std::vector<std::string> known;
@@ -106,7 +106,7 @@ Failure argument_failure(const Levels& levels) {
                           fmt::format("{}{} is missing", where(levels), argument.name), usage(levels, verb));
     }
     if (takes_secret(verb)) {
-        // The word may be one, and what is said here may end up in a log.
+        // The word may be a secret, and this message may end up in a log.
         return wrong_line("argument", where(levels) + "there is an argument too many",
                           usage(levels, verb) + "; secrets do not belong on the command line");
     }
@@ -115,7 +115,7 @@ Failure argument_failure(const Levels& levels) {
                       usage(levels, verb) + "; quote what contains blanks");
 }
 
-// An option has no value, or one too many. Which option it is, only the exception tells.
+// The failure for an option without its value, or a flag with one. Only the exception has the option's name.
 Failure option_value_failure(const Levels& levels, const std::string& complaint) {
     const size_t start = complaint.find_first_not_of('-');
     const std::string name = "--" + complaint.substr(start, complaint.find_first_of(": ", start) - start);

@@ -1,4 +1,4 @@
-// What was recognised of a command line, and what is wrong with one that CLI11 refused.
+// What CLI11 recognised of a command line, and the error message for one that it refused.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -14,19 +14,19 @@ inline constexpr const Noun* kNouns[] = {
     &kRecord, &kBanner, &kWeb,    &kVdc, &kWatch,    &kSelfTest,
 };
 
-// The program, a noun, a verb, as far as they were recognised.
+// The program, noun and verb, as far as they were recognised.
 using Levels = std::vector<const CLI::App*>;
 
 Levels recognised(const CLI::App& root);
 
-// The noun of at least two levels, and the verb of them: the noun's first where the line has none.
+// Return the noun and the verb of two or three levels; without a verb, the noun's first.
 const Noun& noun_of(const Levels& levels);
 const Verb& verb_of(const Levels& levels);
 
-// A failure of kind kUsage.
+// Returns a failure with Exit::kUsage.
 Failure wrong_line(std::string object, std::string text, std::string remedy);
 
-// What is wrong with the line that left `root` in this state.
+// Returns the failure for a line that CLI11 has refused with this error.
 Failure usage_failure(const CLI::App& root, const CLI::ParseError& error);
 
 }  // namespace quill::cli

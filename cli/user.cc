@@ -6,7 +6,7 @@
 #include <cstring>
 #include <optional>
 
-#include "base/dictionary.h"
+#include "base/date.h"
 #include "base/home_folder.h"
 #include "base/stored_password.h"
 #include "base/text_field.h"
@@ -34,35 +34,37 @@ constexpr Argument kPasswordStdin{"--password-stdin", "read the password from st
                                   Argument::kFlag};
 constexpr Argument kHashStdin{"--password-hash-stdin",
                               "read a password that is hashed already, as in shadow(5)", Argument::kFlag};
-constexpr Argument kNoPassword{"--no-password", "set none: nobody logs in with one", Argument::kFlag};
-constexpr Argument kNewPassword{"--password", "set a new password, asked for at the terminal",
-                                Argument::kFlag};
+constexpr Argument kNoPassword{"--no-password", "set none: nobody can log in with a password",
+                               Argument::kFlag};
+constexpr Argument kNewPassword{"--password", "set a new password, typed at the terminal", Argument::kFlag};
 
-constexpr uint32_t kNoLookUp = 1;  // cmi_common_user_config(): the shadow file could not be asked
+constexpr uint32_t kNoAccess = 1;  // of cmi_security_common_user_config(): the shadow file cannot be read
 
-// A request about an account; a failure that came with words of its own shows them.
-void request(const std::string& name, uint32_t operation, Frame& frame, const char* deed) {
+// Sends a request about an account. A failure includes the reason that the library has left in
+// cmi_common_user_err_str.
+void request(const std::string& name, uint32_t operation, Frame& frame, const char* action) {
     cmi_common_user_err_str[0] = '\0';
     const uint32_t status = [&] {
         const QuietStandardError quiet;
         return status_of(cmi_security_common_user_config(0, operation, &frame, security_cmi_username,
                                                          security_cmi_session_id));
     }();
-    if (status == kNoLookUp) {
+    if (status == kNoAccess) {
         throw Failure{
             Exit::kNotPermitted, user_object(name),
             fmt::format("{}: the account files of this system are not open to you", user_object(name)),
             "run as root, or as a member of the administrators' group and of the group shadow"};
     }
     try {
-        require_success(status, user_object(name), deed);
+        require_success(status, user_object(name), action);
     } catch (Failure& failure) {
-        std::string said(cmi_common_user_err_str,
-                         strnlen(cmi_common_user_err_str, sizeof cmi_common_user_err_str));
-        said.erase(said.find_last_not_of("\n .") + 1);
+        std::string reason = field_text(cmi_common_user_err_str);
+        reason.erase(reason.find_last_not_of("\n .") + 1);
         const bool explained = status == SECURITY_ERR_WEAK_PASSWORD || status == SECURITY_ERR_ACCOUNT_TOOL;
-        if (explained && !said.empty()) failure.text += ": " + printable(said);
-        if (said == kNoDictionary) throw no_dictionary(user_object(name), "password");
+        if (explained && !reason.empty()) failure.text += ": " + printable(reason);
+        const bool weak = status == SECURITY_ERR_WEAK_PASSWORD;
+        if (weak && lacks_dictionary(name, frame.body.user.password))
+            throw no_dictionary(user_object(name), "password");
         throw;
     }
 }
@@ -83,17 +85,15 @@ void take_text(const std::string& text, char* field, size_t size, const char* op
 }
 
 void take_expiry(const std::string& text, common_user_record& user) {
-    int year = 0, month = 0, day = 0, length = 0;
-    // NOLINTNEXTLINE(cert-err34-c): of so few digits that every number fits
-    if (sscanf(text.c_str(), "%5d-%3d-%3d%n", &year, &month, &day, &length) != 3 ||
-        static_cast<size_t>(length) != text.size() || year <= 0 || month <= 0 || day <= 0) {
+    const std::optional<Date> date = parse_date(text.c_str());
+    if (!date || date->year <= 0 || date->month <= 0 || date->day <= 0) {
         throw Failure{Exit::kInvalidValue, "option '--expires'",
                       fmt::format("option '--expires': value '{}' is no date", printable(text)),
                       "give a day to come as year-month-day, 2037-12-31 at the latest"};
     }
-    user.expiry_year = year;
-    user.expiry_month = month;
-    user.expiry_day = day;
+    user.expiry_year = date->year;
+    user.expiry_month = date->month;
+    user.expiry_day = date->day;
 }
 
 void refuse_both(const std::string& name, const Arguments& arguments, const Argument& one,
@@ -117,12 +117,12 @@ void take_password(const std::string& name, const Arguments& arguments, common_u
             fmt::format("{}: this is no hash that crypt(3) of this system could verify a password "
                         "with in reasonable time",
                         user_object(name)),
-            "give what 'mkpasswd' or 'openssl passwd -6' prints, whole, or '!' to lock the password"};
+            "give the complete output of 'mkpasswd' or 'openssl passwd -6', or '!' to lock the password"};
     }
     user.password_format = hashed ? SECURITY_PASSWORD_STORED : SECURITY_PASSWORD_CLEAR;
 }
 
-// The key is sent here, not by the library: it would open the file once more, by its name.
+// The key is not sent by the library, which would open the file again by its name.
 std::optional<KeyFile> take_key(const std::string& name, const Arguments& arguments) {
     const std::string* file = arguments.find(kKey.name);
     if (file == nullptr) return std::nullopt;
@@ -133,9 +133,9 @@ void send_key(const std::string& name, std::optional<KeyFile>& key) {
     if (key) require_success(key->send(), user_object(name), "change");
 }
 
-// What only the requests that follow the one for the account answer.
-bool comes_after_creation(uint32_t status) {
-    // The program for accounts leaves nothing of one that it could not make.
+// Returns true for a status that only the requests after the creation of the account have.
+bool follows_creation(uint32_t status) {
+    // With SECURITY_ERR_ACCOUNT_TOOL from the creation itself, no account is left.
     return status == SECURITY_ERR_PASSWD_UNDELIVERED || status == SECURITY_ERR_ACCOUNT_TOOL;
 }
 
@@ -170,15 +170,15 @@ Answer add(const Arguments& arguments) {
         take_text(*role, user.role, sizeof user.role, "--role");
     std::optional<KeyFile> key = take_key(name, arguments);
     if (!arguments.has(kNoPassword.name)) take_password(name, arguments, user);
-    refuse_existing(name);  // somebody may have been faster at typing
+    refuse_existing(name);  // another program may have created it during the input
     bool created = false;
     try {
         request(name, SET_REQ, frame, "create");
         created = true;
         send_key(name, key);
     } catch (Failure& failure) {
-        // The account may be there already when its password or its key is refused.
-        created = created || comes_after_creation(failure.status);
+        // The account may exist already when its password or its key is refused; it is deleted then.
+        created = created || follows_creation(failure.status);
         if (!created || vdc_getpwnam(name.c_str()) == nullptr) throw;
         cmi_security_common_user_delete(0, name.c_str(), security_cmi_username, security_cmi_session_id);
         if (vdc_getpwnam(name.c_str()) != nullptr) failure.remedy += "; the account stays without it";
@@ -205,12 +205,12 @@ Answer set(const Arguments& arguments) {
     std::optional<KeyFile> key = take_key(name, arguments);
     const bool never = date && folded(*date) == "never";
     if (date && !never) take_expiry(*date, user);
-    // Beside a stored password, a record of users.h cannot say that the expiry is to be cleared.
-    const bool apart = never && password && user.password_format == SECURITY_PASSWORD_STORED;
-    if (never && !apart) user.expiry_year = user.expiry_month = user.expiry_day = 0;
+    // One record (users.h) cannot both set a stored password and clear the expiry date.
+    const bool separate = never && password && user.password_format == SECURITY_PASSWORD_STORED;
+    if (never && !separate) user.expiry_year = user.expiry_month = user.expiry_day = 0;
     try {
         request(name, SET_REQ, frame, "change");
-        if (apart) {
+        if (separate) {
             Frame expiry;
             begin(name, expiry);
             expiry.body.user.expiry_year = expiry.body.user.expiry_month = expiry.body.user.expiry_day = 0;
@@ -218,9 +218,9 @@ Answer set(const Arguments& arguments) {
         }
         send_key(name, key);
     } catch (Failure& failure) {
-        // Each wish has a request of its own, and those before this one are done.
-        const int wishes = (date != nullptr) + password + arguments.has(kKey.name);
-        if (wishes > 1) failure.remedy += fmt::format("; 'quillsec user show {}' tells what is done", name);
+        // Each part has its own request; those before the failed one have been executed.
+        const int parts = (date != nullptr) + password + arguments.has(kKey.name);
+        if (parts > 1) failure.remedy += fmt::format("; 'quillsec user show {}' tells what is done", name);
         throw;
     }
     return show_user(name);
@@ -232,7 +232,7 @@ Answer remove(const Arguments& arguments) {
     begin(name, frame);
     request(name, DEL_REQ, frame, "delete");
     if (vdc_getpwnam(name.c_str()) != nullptr) {
-        // A request that was not delivered passes for done; asking for something else tells why.
+        // The library returns success for a request that was not delivered; another request shows why.
         uint32_t value = 0;
         require_success(status_of(cmi_enable_info_config(0, GET_REQ, SECURITY_SERVICE_SSH, &value)),
                         user_object(name), "delete");
@@ -242,8 +242,8 @@ Answer remove(const Arguments& arguments) {
 }
 
 std::string notes() {
-    return "A NAME is that of the virtual device context in which quillsec runs (SYSMGR_VDC_ID). Passwords\n"
-           "are asked for at the terminal, or read from standard input: on the command line others could\n"
+    return "A NAME belongs to the virtual device context in which quillsec runs (SYSMGR_VDC_ID). Passwords\n"
+           "are typed at the terminal, or read from standard input: on the command line others could\n"
            "see them. delete removes the account with its home, roles, locales and key.\n\n"
            "With --json: {\"users\": [{\"name\", \"uid\", \"vdc\", \"expires\", \"internal\", \"roles\",\n"
            "  \"locales\", \"key\"}, ...]}: expires is \"year-month-day\", or null for never and where it\n"
@@ -268,7 +268,11 @@ constexpr Verb kVerbs[] = {
      {{"NAME", "the user"}, kNewExpiry, kKey, kNewPassword, kPasswordStdin, kHashStdin},
      set,
      kNeedsDaemon},
-    {"delete", "delete a user and all that is his", {{"NAME", "the user"}}, remove, kNeedsDaemon},
+    {"delete",
+     "delete a user with home, roles, locales and key",
+     {{"NAME", "the user"}},
+     remove,
+     kNeedsDaemon},
 };
 }  // namespace
 

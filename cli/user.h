@@ -1,4 +1,4 @@
-// What the verbs of quillsec user share.
+// Shared by the verbs of quillsec user.
 #pragma once
 
 #include <string>
@@ -7,16 +7,16 @@
 
 namespace quill::cli {
 
-// "user 'amy'", as messages call it.
+// Returns "user 'amy'", for messages.
 std::string user_object(const std::string& name);
 
-// The name, which fits the records of requests. Throws Failure kInvalidValue for an empty or longer one.
+// Returns the name. Throws Failure, Exit::kInvalidValue, if it is empty or does not fit into a record.
 const std::string& checked_user(const std::string& name);
 
-// A table of one row; throws Failure kNoSuchObject for a user who has no account.
+// Returns a table of one row. Throws Failure, Exit::kNoSuchObject, if the user has no account.
 Answer show_user(const std::string& name);
 
-// The verb: all users, or the one that NAME names.
+// The verb show: all users, or the one of the argument NAME.
 Answer show_users(const Arguments& arguments);
 
 }  // namespace quill::cli

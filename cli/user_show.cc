@@ -1,4 +1,4 @@
-// quillsec user show: accounts as the account files and the daemon have them.
+// quillsec user show: accounts, from the account files and the daemon.
 #include <fmt/format.h>
 #include <pwd.h>
 #include <shadow.h>
@@ -16,7 +16,7 @@
 namespace quill::cli {
 namespace {
 
-// The day of shadow(5), or nothing for an account that does not expire.
+// The date of a shadow(5) entry; `entry` is null if it cannot be read.
 Cell expiry_cell(const spwd* entry) {
     using namespace std::chrono;
     if (entry == nullptr) return {nullptr, "unknown"};
@@ -43,7 +43,7 @@ bool has_key_as(const std::string& user) {
     return status == SECURITY_OK;
 }
 
-// In either of its formats; the library asks for the second one without the name.
+// In either format. The library's own request for the second one has no name.
 bool has_key(const std::string& user) {
     return has_key_as<ssh_key_rec>(user) || has_key_as<ssh_key_new_rec>(user);
 }
@@ -71,7 +71,7 @@ Table table_of_users() {
     return {"users", {"name", "uid", "vdc", "expires", "internal", "roles", "locales", "key"}, {}};
 }
 
-// Both files are read once, however many accounts there are.
+// Reads both files once, however many accounts there are.
 Answer show_all() {
     std::map<std::string, Cell> expiries;
     setspent();

@@ -18,12 +18,12 @@
 namespace quill::cli {
 namespace {
 
-// The default context's accounts are the system's own as well.
+// Not context 1, whose accounts include those of the system.
 constexpr uint32_t kLowest = 2;
 constexpr uint32_t kHighest = SYSMGRCMN_VDC_ID_MAX;
 
 constexpr Argument kWithoutDaemon{
-    "--without-daemon", "delete the accounts even where the context's daemon does not run", Argument::kFlag};
+    "--without-daemon", "delete the accounts even if the context's daemon does not run", Argument::kFlag};
 
 std::string object(const std::string& id) { return fmt::format("virtual device context '{}'", id); }
 
@@ -39,8 +39,7 @@ std::vector<std::string> users_of(int32_t context) {
     return names;
 }
 
-// This process belongs to another context while one of these is in scope: its requests go to the daemon of
-// that context.
+// Puts this process into another context while in scope: requests go to the daemon of that context.
 class InContext {
  public:
     explicit InContext(uint32_t context) {
@@ -61,7 +60,7 @@ class InContext {
     std::optional<std::string> before_;
 };
 
-// Has the daemon of the context drop its records of users without an account, a batch at a time.
+// Makes the daemon of the context delete its records of users without an account, in batches.
 void drop_orphans(uint32_t context, const std::string& whose) {
     constexpr int kMostBatches = 100000;
     const InContext scope(context);
@@ -74,7 +73,7 @@ void drop_orphans(uint32_t context, const std::string& whose) {
                   "try again"};
 }
 
-// The same, before any account is deleted: so a daemon that cannot be asked keeps everything as it is.
+// Before any account is deleted: if the daemon cannot be reached, nothing is changed.
 void drop_orphans_first(uint32_t context, const std::string& whose) {
     try {
         drop_orphans(context, whose);
@@ -140,11 +139,10 @@ Answer purge(const Arguments& arguments) {
 
 std::string notes() {
     return "purge deletes the accounts of the context that are not internal, with their homes, 256 at a\n"
-           "time; the system's log says what became of each. It ends with 1 when one is still there. The\n"
-           "daemon of that context then drops what it keeps of users without an account: roles, locales,\n"
-           "keys. Where it does not run nothing is deleted, unless --without-daemon is given: then run "
-           "purge\n"
-           "again once it runs, which drops the rest.\n\n"
+           "time; the system's log has the result for each. It ends with 1 if one is still there. The daemon\n"
+           "of that context then deletes what it stores for users without an account: roles, locales and\n"
+           "keys. If it does not run, nothing is deleted, unless --without-daemon is given: then run purge\n"
+           "again when it runs, which deletes the rest.\n\n"
            "With --json: {\"users\": [{\"name\", \"result\"}, ...]}.";
 }
 

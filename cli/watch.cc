@@ -1,10 +1,13 @@
-// quillsec watch: changes of users, as the daemon announces them.
+// quillsec watch: shows the changes of users that the daemon announces.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <iterator>
 #include <memory>
 
+#include "base/block.h"
+#include "base/status.h"
+#include "base/text_field.h"
 #include "cli/command.h"
 #include "cli/words.h"
 #include "quillplatform/mts.h"
@@ -16,17 +19,10 @@ constexpr uint32_t kLargestCount = 1000000000;
 
 constexpr Argument kCount{"--count", "end after so many", Argument::kOptional, "N"};
 
-// By type, from 1.
+// The names of the types, from 1.
 constexpr const char* kChanges[] = {"added", "deleted", "modified", "login-failed", "password-changed"};
 
-struct Message {
-    void* bytes;
-
-    explicit Message(void* message) : bytes(message) {}
-    ~Message() { quill_mts_free(bytes); }
-    Message(const Message&) = delete;
-    Message& operator=(const Message&) = delete;
-};
+using Message = std::unique_ptr<void, Release<quill_mts_free>>;
 
 class Listener {
  public:
@@ -34,27 +30,26 @@ class Listener {
         if (quill_mts_listen(MTS_SAP_ALL, SECURITY_MTS_USER_CHANGE, &handle_) == 0) return;
         require_success(errno == EACCES  ? SECURITY_ERR_NOT_PERMITTED
                         : errno == EXDEV ? SECURITY_ERR_CONTEXT
-                                         : SECURITY_ERR_TRANSPORT | static_cast<uint32_t>(errno),
+                                         : undelivered_status(errno),
                         "notifications", "listen to");
     }
     ~Listener() { quill_mts_close(handle_); }
     Listener(const Listener&) = delete;
     Listener& operator=(const Listener&) = delete;
 
-    // The next change, and how many were lost before it.
+    // Waits for the next change and returns it; `lost` is the number of changes before it that were not received.
+    // Throws Failure.
     security_notification next(uint32_t& lost) const {
         const Message message(quill_mts_receive(handle_, -1));
-        if (message.bytes == nullptr) {
-            if (errno != ECONNRESET)
-                require_success(SECURITY_ERR_TRANSPORT | static_cast<uint32_t>(errno), "notifications",
-                                "receive");
+        if (message == nullptr) {
+            const uint32_t status = undelivered_status(errno);
+            if (errno != ECONNRESET) require_success(status, "notifications", "receive");
             throw Failure{Exit::kUnreachable, "the daemon", "the daemon has ended",
-                          "start quillsecurityd and watch again",
-                          SECURITY_ERR_TRANSPORT | static_cast<uint32_t>(errno)};
+                          "start quillsecurityd and watch again", status};
         }
-        lost = quill_mts_lost(message.bytes);
+        lost = quill_mts_lost(message.get());
         security_notification change;
-        if (security_mts_usernotif_parser(message.bytes, &change) == 0) return change;
+        if (security_mts_usernotif_parser(message.get(), &change) == 0) return change;
         throw Failure{Exit::kFailed, "notifications", "notifications: one cannot be read",
                       "install quillsec and quillsecurityd of the same version"};
     }
@@ -63,17 +58,11 @@ class Listener {
     uint32_t handle_ = 0;
 };
 
-// Texts end in their fields, or with them.
-template <size_t size>
-std::string text_of(const char (&field)[size]) {
-    return {field, strnlen(field, size)};
-}
-
 Cell roles_cell(const security_role_set& set) {
     Json names = Json::array();
     std::string text;
     for (size_t i = 0; i < std::min<size_t>(set.count, std::size(set.roles)); ++i) {
-        const std::string name = text_of(set.roles[i]);
+        const std::string name = field_text(set.roles[i]);
         names.push_back(name);
         text += (i == 0 ? "" : ",") + name;
     }
@@ -88,9 +77,9 @@ std::vector<Cell> row(const security_notification& change, uint32_t lost) {
     return {change.number,
             lost,
             change_cell(change.type),
-            text_of(change.user_name),
+            field_text(change.user_name),
             roles_cell(change.role_set),
-            text_of(change.text)};
+            field_text(change.text)};
 }
 
 Answer users(const Arguments& arguments) {
@@ -111,19 +100,19 @@ Answer users(const Arguments& arguments) {
 }
 
 std::string notes() {
-    return "Changes of users appear as the daemon makes them, from now on, until it or this command ends.\n"
+    return "Shows changes of users from now on, as the daemon makes them, until it or this command ends.\n"
            "A change is added, deleted, modified, login-failed or password-changed. NUMBER counts the\n"
-           "daemon's announcements; LOST says how many came too fast for this command and are missing\n"
-           "before the one shown.\n\n"
+           "daemon's announcements; LOST is the number of changes before this one that came too fast for\n"
+           "this command and are missing.\n\n"
            "With --json one document a line: {\"number\", \"lost\", \"change\", \"user\", \"roles\": [...], "
            "\"text\"}.";
 }
 
 constexpr Verb kVerbs[] = {
-    {"users", "show changes of users as they come (if no verb is given)", {kCount}, users},
+    {"users", "show changes of users as they arrive (if no verb is given)", {kCount}, users},
 };
 }  // namespace
 
-const Noun kWatch{"watch", "notifications as they come", notes, kVerbs, true};
+const Noun kWatch{"watch", "notifications as they arrive", notes, kVerbs, true};
 
 }  // namespace quill::cli

@@ -1,4 +1,4 @@
-// quillsec web: the web server's switch, its ports, and the certificate and key with which it serves HTTPS.
+// quillsec web: the web server's switch and ports, and the certificate and key for HTTPS.
 #include <fmt/format.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 
+#include "base/block.h"
 #include "base/descriptor.h"
 #include "base/wiped.h"
 #include "cli/command.h"
@@ -23,9 +24,9 @@ namespace quill::cli {
 namespace {
 
 constexpr const char* kObject = "the web server";
-constexpr size_t kLargestFile = 1 << 20;  // of which no more than a record's text is used
+constexpr size_t kLargestFile = 1 << 20;  // more than a record can hold
 
-// A port of 0 is none.
+// A port of 0 means that none is set.
 struct Settings {
     uint32_t on, http_port, https_port;
 };
@@ -53,27 +54,27 @@ struct Certificate {
     Cell expires{nullptr, ""};
 };
 
-std::string taken(BIO* bio) {
+std::string contents(BIO* bio) {
     char* bytes = nullptr;
     const auto length = static_cast<size_t>(BIO_get_mem_data(bio, &bytes));
     return {bytes, length};
 }
 
 Certificate described(const char* pem) {
-    using Bio = std::unique_ptr<BIO, int (*)(BIO*)>;
-    const Bio input(BIO_new_mem_buf(pem, -1), BIO_free);
-    const std::unique_ptr<X509, void (*)(X509*)> read(
-        PEM_read_bio_X509(input.get(), nullptr, nullptr, nullptr), X509_free);
+    using Bio = std::unique_ptr<BIO, Release<BIO_free>>;
+    const Bio input(BIO_new_mem_buf(pem, -1));
+    const std::unique_ptr<X509, Release<X509_free>> read(
+        PEM_read_bio_X509(input.get(), nullptr, nullptr, nullptr));
     ERR_clear_error();
     if (read == nullptr) return {{nullptr, "cannot be read"}, {nullptr, ""}};
-    const Bio subject(BIO_new(BIO_s_mem()), BIO_free), expires(BIO_new(BIO_s_mem()), BIO_free);
+    const Bio subject(BIO_new(BIO_s_mem())), expires(BIO_new(BIO_s_mem()));
     X509_NAME_print_ex(subject.get(), X509_get_subject_name(read.get()), 0,
                        XN_FLAG_ONELINE & ~ASN1_STRFLGS_ESC_MSB);
     ASN1_TIME_print_ex(expires.get(), X509_get0_notAfter(read.get()), ASN1_DTFLGS_ISO8601);
-    return {taken(subject.get()), taken(expires.get())};
+    return {contents(subject.get()), contents(expires.get())};
 }
 
-// Only administrators may read it; the others see the rest.
+// Only administrators may read it; others see "(for administrators)".
 Certificate certificate() {
     nginx_cert_rec record{SECURITY_WEB_CERTIFICATE, {}, 0};
     const uint32_t status = ask(SECURITY_NGINX_CERT_REQUEST, GET_REQ, &record, sizeof record);
@@ -114,7 +115,7 @@ Answer set_ports(const Arguments& arguments) {
     return show(arguments);
 }
 
-// A copy in memory, which the library can open by its path: a key must not lie on a disk where it did not.
+// A copy in memory that the library can open by a path: a private key must not be copied to a disk.
 class MemoryCopy {
  public:
     explicit MemoryCopy(std::string_view bytes) : descriptor_(memfd_create("quillsec", MFD_CLOEXEC)) {
@@ -175,8 +176,8 @@ Answer disable(const Arguments& arguments) {
 }
 
 std::string notes() {
-    return "A certificate and its key are PEM texts of at most 2099 characters, of which their longest line\n"
-           "needs some: RSA of 2048 bits fits, RSA of 3072 does not, EC and Ed25519 do. The key has no\n"
+    return "A certificate and its key are PEM texts of at most 2099 characters, less the length of their\n"
+           "longest line: RSA of 2048 bits fits, RSA of 3072 does not, EC and Ed25519 do. The key has no\n"
            "passphrase. A new certificate is sent before its key and used as soon as the key is there. A "
            "FILE\n"
            "is one of yours, or bootflash:/PATH, volatile:/PATH or slot0:/PATH: a regular file of at most\n"
@@ -196,7 +197,7 @@ constexpr Verb kVerbs[] = {
      kSetsDevice},
     {"cert", "send a certificate", {{"FILE", "the file"}}, send_certificate, kSetsDevice},
     {"key", "send the certificate's key", {{"FILE", "the file"}}, send_key, kSetsDevice},
-    {"enable", "switch the web service on, with HTTPS where it has a port", {}, enable, kSetsDevice},
+    {"enable", "switch the web service on, with HTTPS if it has a port", {}, enable, kSetsDevice},
     {"disable", "switch it off", {}, disable, kSetsDevice},
 };
 }  // namespace

@@ -10,7 +10,7 @@
 namespace quill::cli {
 namespace {
 
-// Letters to insert, remove, replace or swap with their neighbour to make one word from the other.
+// Returns the number of letters to insert, remove, replace or swap with their neighbour to turn `a` into `b`.
 size_t distance(std::string_view a, std::string_view b) {
     std::vector<std::vector<size_t>> d(a.size() + 1, std::vector<size_t>(b.size() + 1));
     for (size_t i = 0; i <= a.size(); ++i) {
@@ -28,11 +28,10 @@ size_t distance(std::string_view a, std::string_view b) {
     return d[a.size()][b.size()];
 }
 
-// A word is not taken for another when more than a third of it, or more than two letters, would have to
-// be wrong.
+// The largest distance of a misspelling: a third of the word, but at most two letters.
 size_t tolerance(std::string_view word) { return std::min<size_t>(2, word.size() / 3); }
 
-// As JSON writes a character by its number: in UTF-16.
+// Returns the JSON escape of a character, in UTF-16.
 std::string json_escape(uint32_t code) {
     if (code < 0x10000) return fmt::format("\\u{:04x}", code);
     return fmt::format("\\u{:04x}\\u{:04x}", 0xd800 + ((code - 0x10000) >> 10), 0xdc00 + (code & 0x3ff));
@@ -54,7 +53,7 @@ std::string nearest(std::string_view word, const std::vector<std::string>& candi
     std::string best;
     size_t best_distance = SIZE_MAX;
     for (const std::string& candidate : candidates) {
-        // As many letters at least are wrong as one of the two has more.
+        // The distance is at least the difference in length.
         const auto [shorter, longer] = std::minmax({wanted.size(), candidate.size()});
         if (longer - shorter > tolerance(candidate)) continue;
         const size_t far = distance(wanted, folded(candidate));

@@ -1,5 +1,5 @@
-// What people type, understood generously: names in any case and with '-', '_' or a blank between their
-// words, and a guess at what was meant when nothing fits.
+// Words of the command line: names are compared without regard to case and to '-', '_' and blanks between words, and
+// there is a suggestion for a misspelled one. Texts are made safe for output.
 #pragma once
 
 #include <cstdint>
@@ -10,26 +10,26 @@
 
 namespace quill::cli {
 
-// The form in which two spellings of one name are equal.
+// Returns the form in which all spellings of a name are equal: lower case, with '-' between words.
 std::string folded(std::string_view name);
 
-// The candidate that `word` is most likely a misspelling of; empty when none is near.
+// Returns the candidate of which `word` is most likely a misspelling; empty if there is none.
 std::string nearest(std::string_view word, const std::vector<std::string>& candidates);
 
-// A whole decimal number of this range and nothing else.
+// Reads a decimal number in this range. Returns nothing if the text is anything else.
 std::optional<uint32_t> number(std::string_view text, uint32_t low, uint32_t high);
 
-// "show, set or defaults"
+// Returns a list like "show, set or defaults".
 std::string either(const std::vector<std::string>& words);
 
-// Both hide what could break a line of output, control the terminal, or change how the text around it looks:
-// control characters, and characters without a shape of their own, such as those for the direction of the
-// text, of no width, tags and separators of lines.
+// Both functions escape characters that could break a line of output, control the terminal or change the text around
+// them: control characters and invisible characters, such as those for the direction of text, of no width, tags and
+// line separators.
 //
-// The text with the bytes of such characters, and whatever is not UTF-8, as \xNN.
+// Returns the text with the bytes of such characters, and bytes that are not UTF-8, as \xNN.
 std::string printable(std::string_view text);
 
-// A JSON document, in UTF-8, with such characters in its strings as \uXXXX: it has the same value.
+// Returns a JSON document of the same value, with such characters in its strings as \uXXXX.
 std::string printable_json(std::string_view document);
 
 }  // namespace quill::cli

@@ -5,8 +5,10 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <string>
 
+#include "base/date.h"
 #include "base/stored_password.h"
 #include "base/text_field.h"
 #include "daemon/account_changes.h"
@@ -45,9 +47,9 @@ bool to_stored(const char* user, char (&stored)[kStoredName]) {
 // after the first of them.
 std::string day_of(const char* text) {
     using namespace std::chrono;
-    int year = 0, month = 0, day = 0, length = 0;
-    // NOLINTNEXTLINE(cert-err34-c): of so few digits that every number fits
-    if (sscanf(text, "%5d-%3d-%3d%n", &year, &month, &day, &length) != 3 || text[length] != '\0') return "";
+    const std::optional<Date> parsed = parse_date(text);
+    if (!parsed) return "";
+    const auto [year, month, day] = *parsed;
     if (year < 1970 || year > 2037 || month < 1 || month > 12 || day < 1 || day > 31) return "";
     const year_month_day date{std::chrono::year(year), std::chrono::month(static_cast<unsigned>(month)),
                               std::chrono::day(static_cast<unsigned>(day))};

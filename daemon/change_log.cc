@@ -2,6 +2,7 @@
 
 #include <syslog.h>
 
+#include "base/status.h"
 #include "daemon/change_words.h"
 #include "platform/log.h"
 #include "platform/service.h"
@@ -63,8 +64,7 @@ void ChangeLine::write(uint32_t status) const {
         if (!done_.empty()) log(LOG_NOTICE, done_.c_str(), "", "");
         return;
     }
-    constexpr uint32_t kFamily = 0xffff0000;
-    const bool store_failed = (status & kFamily) == (PSS_NO_KEY & kFamily) && status != PSS_NO_KEY;
+    const bool store_failed = is_store_status(status) && status != PSS_NO_KEY;
     log(LOG_WARNING, requested_.c_str(), store_failed ? " failed: " : " refused: ", syserr2str(status));
 }
 

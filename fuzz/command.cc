@@ -30,9 +30,9 @@ Arguments arguments_of(const Verb& verb, Input& input) {
 
 int run(const Verb& verb, const Arguments& arguments, Form form) {
     try {
-        return static_cast<int>(say(verb.run(arguments), form));
+        return static_cast<int>(print(verb.run(arguments), form));
     } catch (const Failure& failure) {
-        return static_cast<int>(say(failure, form));
+        return static_cast<int>(print(failure, form));
     }
 }
 

@@ -114,7 +114,7 @@ const char* find_broken_rule(const char* password, const char* user_name) {
         trace("Implementing our own checks: security_check_strength_main() func called");
         return message;
     }
-    const char* message = dictionary_objection(password);
+    const char* message = check_dictionary(password).reason;
     if (message != nullptr) trace("Implementing cracklib checks: FascistCheck func called");
     return message;
 }

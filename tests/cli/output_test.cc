@@ -1,4 +1,4 @@
-// What services alone do not show of the output: names from outside, a list of nothing, words for a shell.
+// Output of names from outside, streams, and completions for a shell.
 #include "cli/output.h"
 
 #include <gtest/gtest.h>
@@ -11,7 +11,7 @@
 namespace quill::cli {
 namespace {
 
-TEST(Output, AlignsByCharactersAndKeepsToTheLine) {
+TEST(Output, AlignsByCharactersAndEscapesLineBreaks) {
     const Table table{"users", {"name", "id", "note"}, {{"jürgen", 7u, ""}, {"a\tb\x1b", 12u, "x"}}};
     EXPECT_EQ(
         "NAME        ID  NOTE\n"
@@ -26,7 +26,7 @@ TEST(Output, AlignsByCharactersAndKeepsToTheLine) {
         rendered(table, Form::kJson));
 }
 
-TEST(Output, SaysNothingToTheTerminal) {
+TEST(Output, EscapesControlCharacters) {
     for (const auto& [text, printed] : std::initializer_list<std::pair<std::string, std::string>>{
              {"\x7f", "\\x7f"},
              {"a\xc2\x9b[", "a\\xc2\\x9b["},
@@ -46,7 +46,7 @@ TEST(Output, SaysNothingToTheTerminal) {
         EXPECT_EQ(printed, printable(text));
 }
 
-TEST(Output, EscapesInJsonWhatIsNotSeen) {
+TEST(Output, EscapesInvisibleCharactersInJson) {
     const std::string name = "\u009b\u202e\x7f\u200f\U000e0041\u0416\U0001f600";
     const std::string document = rendered(Table{"users", {"name"}, {{name}}}, Form::kJson);
     EXPECT_NE(std::string::npos,
@@ -55,14 +55,8 @@ TEST(Output, EscapesInJsonWhatIsNotSeen) {
     EXPECT_EQ(name, Json::parse(document)["users"][0]["name"]);
 }
 
-TEST(Output, ListsNothing) {
-    const Table table{"users", {"name"}, {}};
-    EXPECT_EQ("NAME\n", rendered(table, Form::kTable));
-    EXPECT_EQ("{\"users\":[]}\n", rendered(table, Form::kJson));
-}
-
-TEST(Output, StreamsARowALine) {
-    const auto said = [](Form form) {
+TEST(Output, PrintsAStreamRowByRow) {
+    const auto printed = [](Form form) {
         auto rows = std::make_shared<std::vector<std::vector<Cell>>>(
             std::vector<std::vector<Cell>>{{"wider than it", 12u}, {"a\nb", 7u}});
         const Answer answer = Stream{{{"user", 6}, {"id", 0}}, [rows]() -> std::optional<std::vector<Cell>> {
@@ -72,14 +66,15 @@ TEST(Output, StreamsARowALine) {
                                          return row;
                                      }};
         testing::internal::CaptureStdout();
-        EXPECT_EQ(Exit::kOk, say(answer, form));
+        EXPECT_EQ(Exit::kOk, print(answer, form));
         return testing::internal::GetCapturedStdout();
     };
-    EXPECT_EQ("USER    ID\na\\x0ab  7\nwider than it  12\n", said(Form::kTable));
-    EXPECT_EQ("{\"user\":\"a\\nb\",\"id\":7}\n{\"user\":\"wider than it\",\"id\":12}\n", said(Form::kJson));
+    EXPECT_EQ("USER    ID\na\\x0ab  7\nwider than it  12\n", printed(Form::kTable));
+    EXPECT_EQ("{\"user\":\"a\\nb\",\"id\":7}\n{\"user\":\"wider than it\",\"id\":12}\n",
+              printed(Form::kJson));
 }
 
-TEST(Output, CompletesWhatTheTablesKnow) {
+TEST(Output, CompletesCommandLines) {
     const std::pair<std::vector<const char*>, const char*> cases[] = {
         {{"serv"}, "service\n"},
         {{"--json", "service", "s"}, "show\nset\n"},

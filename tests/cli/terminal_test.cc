@@ -1,5 +1,5 @@
-// Secrets typed at a terminal: the program runs as a job of a small shell, which says on the screen how it
-// found the terminal when the job stopped or ended.
+// Secrets typed at a terminal, over a real daemon: the program runs as a job of a small shell, which prints the
+// state of the terminal whenever the job has stopped or ended.
 #include <poll.h>
 #include <pty.h>
 #include <sys/ioctl.h>
@@ -10,8 +10,9 @@
 #include <csignal>
 #include <cstring>
 
-#include "tests/cli/fake_daemon.h"
 #include "tests/cli/quillsec.h"
+#include "tests/support/box.h"
+#include "tests/support/daemon.h"
 
 namespace {
 
@@ -38,10 +39,10 @@ void take_terminal_and_end_job(int) {
     kill(the_job, SIGTERM);
 }
 
-// Runs the command in the foreground and wakes it again whenever it has been stopped.
+// Runs the command in the foreground and continues it whenever it has been stopped.
 [[noreturn]] void shell(const std::vector<const char*>& words) {
     signal(SIGTTOU, SIG_IGN);
-    // The job may be at its prompt, and the person know it, before this process goes on.
+    // SIGUSR1 may come before this process knows the job's id.
     sigset_t early, before;
     sigemptyset(&early);
     sigaddset(&early, SIGUSR1);
@@ -65,7 +66,7 @@ void take_terminal_and_end_job(int) {
     _exit(0);
 }
 
-// A person in front of it.
+// The user's side of the terminal.
 class Screen {
  public:
     explicit Screen(const std::vector<const char*>& words) {
@@ -80,7 +81,7 @@ class Screen {
     Screen(const Screen&) = delete;
     Screen& operator=(const Screen&) = delete;
 
-    // Waits until the screen shows the text behind what was waited for before.
+    // Waits until the screen shows the text, after the text of the previous call. Returns false after 20 seconds.
     bool shows(const std::string& text) {
         for (;;) {
             const size_t found = screen_.find(text, seen_);
@@ -112,16 +113,16 @@ class Screen {
 constexpr char kPrompt[] = "secret of privilege level 3: ";
 constexpr char kAgain[] = "the same again: ";
 
-class TypedSecret : public FakeDaemonTest {
+class TypedSecret : public testing::Test {
  protected:
-    void SetUp() override {
-        FakeDaemonTest::SetUp();
-        const StandardInput given("right");
-        ASSERT_EQ(0, quillsec({"secret", "set", "3", "--stdin", "--accept-weak"}).exit);
-    }
+    void SetUp() override { ASSERT_TRUE(daemon_.ready()) << daemon_.log(); }
+
+ private:
+    Box box_;
+    Daemon daemon_;
 };
 
-TEST_F(TypedSecret, IsAskedForTwiceAndNeverShown) {
+TEST_F(TypedSecret, IsAskedForTwiceToSetAndOnceToVerify) {
     const struct {
         const char* first;
         const char* second;
@@ -131,6 +132,7 @@ TEST_F(TypedSecret, IsAskedForTwiceAndNeverShown) {
         {"hunter2", "hunter2", 0, "3      set     hash"},
         {"hunter2", "hunter3", 6, "privilege level 3: the two entries differ; enter the same secret twice"},
         {"hunter2", "hunter", 6, "differ"},
+        {"hunter", "hunter2", 6, "differ"},
         {"hunter2", "", 6, "differ"},
         {"hun\x7fnter2", "hunter2", 0, "3      set     hash"},  // corrected on the way
     };
@@ -145,10 +147,16 @@ TEST_F(TypedSecret, IsAskedForTwiceAndNeverShown) {
             << screen.all();
         EXPECT_EQ(std::string::npos, screen.all().find("hun")) << screen.all();
     }
+    for (const auto& [typed, exit] : {std::pair{"hunter2", 0}, {"hunter3", 1}}) {
+        Screen screen({"secret", "verify", "3"});
+        ASSERT_TRUE(screen.shows(kPrompt));
+        screen.types(std::string(typed) + "\n");
+        EXPECT_TRUE(screen.shows("[ended " + std::to_string(exit) + ", echo on")) << screen.all();
+    }
 }
 
-// Lines that come both at once, as when they are pasted, are two answers, and what is too much is dropped: as
-// much as has arrived by then. A terminal takes up to 2,048 bytes of a write in one piece.
+// Two lines that arrive at once, as when they are pasted, are two answers; what follows them is discarded. A
+// terminal takes up to 2,048 bytes of a write in one piece.
 TEST_F(TypedSecret, IsRefusedLikeAnyOther) {
     const std::string too_long = std::string(1024, 'x') + "tail\n";
     const struct {
@@ -172,21 +180,12 @@ TEST_F(TypedSecret, IsRefusedLikeAnyOther) {
     }
 }
 
-TEST_F(TypedSecret, IsAskedForOnceToVerify) {
-    for (const auto& [typed, exit] : {std::pair{"right", 0}, {"wrong", 1}}) {
-        Screen screen({"secret", "verify", "3"});
-        ASSERT_TRUE(screen.shows(kPrompt));
-        screen.types(std::string(typed) + "\n");
-        EXPECT_TRUE(screen.shows("[ended " + std::to_string(exit) + ", echo on")) << screen.all();
-    }
-}
-
-TEST_F(TypedSecret, InterruptionsFindTheTerminalAsItWas) {
+TEST_F(TypedSecret, SignalsFindTheTerminalRestored) {
     Screen screen({"secret", "set", "3", "--accept-weak"});
     ASSERT_TRUE(screen.shows(kPrompt));
     screen.types("hun\x1a");
     EXPECT_TRUE(screen.shows("[stopped by 20, echo on, 0 bytes left]")) << screen.all();
-    // Back in the foreground everything is asked again.
+    // After SIGCONT it asks again from the start.
     ASSERT_TRUE(screen.shows(kPrompt)) << screen.all();
     screen.types("hunter2\n");
     ASSERT_TRUE(screen.shows(kAgain)) << screen.all();
@@ -200,7 +199,7 @@ TEST_F(TypedSecret, InterruptionsFindTheTerminalAsItWas) {
     EXPECT_EQ(std::string::npos, screen.all().find("hun")) << screen.all();
 }
 
-TEST_F(TypedSecret, TheTerminalIsPutRightFromTheBackgroundToo) {
+TEST_F(TypedSecret, TheTerminalIsRestoredFromTheBackgroundToo) {
     Screen screen({"secret", "verify", "3"});
     ASSERT_TRUE(screen.shows(kPrompt));
     screen.ends_in_the_background();

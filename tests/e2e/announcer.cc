@@ -1,8 +1,8 @@
-// A daemon for tests of who listens: it has no store and no accounts, and announces a change of a user for
-// each request, whatever that is. So ten thousand changes take a second, and the script says when.
+// A daemon for tests of listeners, without a store or accounts: it announces a change of a user for each request, so
+// that ten thousand changes take a second.
 //
-//   announcer serve      until it is ended
-//   announcer ask COUNT  asks the one that serves for that many changes
+//   announcer serve      runs the daemon
+//   announcer ask COUNT  sends that many requests
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

@@ -1,4 +1,4 @@
-// Asks the daemon what quillsec does not ask, for scripts.
+// Sends requests that quillsec does not send, for scripts.
 //
 //   asker load CONNECTIONS SECONDS  looks up the roles of unknown names over so many connections at once, and
 //                                   prints how long another client waits, in milliseconds (99th percentile)

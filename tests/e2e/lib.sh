@@ -1,7 +1,7 @@
-# What the end-to-end scripts share. They run in packaging/sandbox, so everything they touch is their own.
+# Shared by the end-to-end scripts, which run in packaging/sandbox.
 set -euo pipefail
 
-# Runs a command that must end with the given status; its output is kept in $out.
+# expect STATUS COMMAND [ARGUMENT...]: the command must exit with this status; leaves its output in $out.
 out=
 expect() {
     local want=$1 got=0
@@ -13,7 +13,7 @@ expect() {
     fi
 }
 
-# The last output must hold this text.
+# The last output must contain this text.
 says() {
     if [[ $out != *"$1"* ]]; then
         printf '%s: line %s: "%s" is not in:\n%s\n' "$0" "${BASH_LINENO[0]}" "$1" "$out" >&2
@@ -21,13 +21,26 @@ says() {
     fi
 }
 
-# A jq condition on the last output, which must be one JSON document.
+# The last output must be one JSON document for which this jq condition is true.
 holds() {
     if ! printf '%s' "$out" | jq -e -s "length == 1 and (.[0] | $1)" >/dev/null; then
         printf '%s: line %s: %s does not hold for:\n%s\n' "$0" "${BASH_LINENO[0]}" "$1" "$out" >&2
         exit 1
     fi
 }
+
+# Waits up to ten seconds for a command to succeed.
+wait_for() {
+    local _
+    for _ in {1..200}; do if "$@"; then return; fi; sleep 0.05; done
+    echo "$0: line ${BASH_LINENO[0]}: never: $*" >&2
+    exit 1
+}
+
+# given LINE COMMAND [ARGUMENT...]: with the line on standard input.
+given() { printf '%s\n' "$1" | "${@:2}"; }
+
+as_nobody() { setpriv --reuid nobody --regid nogroup --clear-groups "$@"; }
 
 skip() {
     echo "skipped: $*"

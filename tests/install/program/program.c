@@ -1,4 +1,4 @@
-/* A program of somebody else: includes what is installed, links what is installed. */
+/* A program that includes and links only what is installed. */
 #include <quillplatform.h>
 #include <quillsecurity.h>
 #include <stdio.h>
