@@ -12,7 +12,6 @@
 #include <string_view>
 
 #include "base/descriptor.h"
-#include "base/non_copyable.h"
 #include "base/secret_bytes.h"
 
 namespace quill {
@@ -53,13 +52,15 @@ bool write_all(int descriptor, std::string_view bytes);
 
 // A new file that stays only if keep() or rename_to() succeeds; else the destructor removes it. Both of them
 // close the file.
-class NewFile : NonCopyable {
+class NewFile {
  public:
     enum Existing { kRefuse, kReplace };
 
     // Creates the file with create_file() or replace_file(). On failure, converts to false, with errno.
     NewFile(std::string path, mode_t mode, Existing existing = kRefuse);
     ~NewFile();
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
 
     explicit operator bool() const { return made_; }
     int get() const { return descriptor_.get(); }

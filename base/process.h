@@ -102,6 +102,8 @@ class Child {
             return *this;
         }
         ~Unreaped() { reap_later(); }
+        Unreaped(const Unreaped&) = delete;
+        Unreaped& operator=(const Unreaped&) = delete;
         void reap_later();
     };
 

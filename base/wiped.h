@@ -3,15 +3,15 @@
 
 #include <cstring>
 
-#include "base/non_copyable.h"
-
 namespace quill {
 
 template <class Holder>
-struct Wiped : Holder, NonCopyable {
+struct Wiped : Holder {
     Wiped() { wipe(); }
     explicit Wiped(const Holder& original) : Holder(original) {}
     ~Wiped() { wipe(); }
+    Wiped(const Wiped&) = delete;
+    Wiped& operator=(const Wiped&) = delete;
 
  private:
     void wipe() { explicit_bzero(static_cast<Holder*>(this), sizeof(Holder)); }

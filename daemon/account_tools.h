@@ -3,7 +3,6 @@
 
 #include <string>
 
-#include "base/non_copyable.h"
 #include "base/process.h"
 
 namespace quill {
@@ -12,12 +11,14 @@ namespace quill {
 // starts waits for programs that its predecessor left running.
 //
 // Sets the time that all programs of one request have together, which is less than clients wait for a reply.
-class AccountLock : NonCopyable {
+class AccountLock {
  public:
     // Waits at most kAccountLockTime for this lock, and until no process holds the lock of the account files. On
     // failure, logs which process holds a lock.
     AccountLock();
     ~AccountLock();
+    AccountLock(const AccountLock&) = delete;
+    AccountLock& operator=(const AccountLock&) = delete;
 
     bool held() const { return held_; }
 

@@ -41,7 +41,7 @@ bool write_new_file(const std::string& path, std::string_view bytes, mode_t mode
 
 // A new folder with a unique name, in which a pair is made before it is renamed to its place, so that files of
 // the user neither prevent that nor are overwritten. The destructor removes the folder and the files in it.
-class Draft : NonCopyable {
+class Draft {
  public:
     Draft() { made_ = mkdtemp(folder_) != nullptr; }
     ~Draft() {
@@ -50,6 +50,8 @@ class Draft : NonCopyable {
         unlink(public_key().c_str());
         rmdir(folder_);
     }
+    Draft(const Draft&) = delete;
+    Draft& operator=(const Draft&) = delete;
 
     bool made() const { return made_; }
     std::string key() const { return std::string(folder_) + "/key"; }

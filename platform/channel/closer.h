@@ -16,15 +16,17 @@
 #include <array>
 #include <vector>
 
-#include "base/non_copyable.h"
 #include "base/process.h"
 #include "platform/event.h"
 
 namespace quill {
 
-class Closer : NonCopyable {
+class Closer {
  public:
     explicit Closer(event_base* base);
+    ~Closer() = default;
+    Closer(const Closer&) = delete;
+    Closer& operator=(const Closer&) = delete;
 
     // To be called for a socket before listen(2); its connections inherit the options.
     void protect(int listener);
