@@ -59,11 +59,8 @@ void refuse(Refusals refusals) {
 
 bool refused() { return met; }
 
-Watched::Watched() { watched = true; }
-Watched::~Watched() { watched = false; }
-
-Unwatched::Unwatched() : before_(std::exchange(watched, false)) {}
-Unwatched::~Unwatched() { watched = before_; }
+Watching::Watching(bool on) : before_(std::exchange(watched, on)) {}
+Watching::~Watching() { watched = before_; }
 
 int64_t blocks_in_use() { return in_use; }
 

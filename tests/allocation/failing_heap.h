@@ -18,22 +18,13 @@ void refuse(Refusals refusals);
 // Returns true if an allocation was refused since.
 bool refused();
 
-// While in scope, allocations count and may fail.
-class Watched {
+// While in scope, allocations count and may fail, or do not: that is for what the test does itself.
+class Watching {
  public:
-    Watched();
-    ~Watched();
-    Watched(const Watched&) = delete;
-    Watched& operator=(const Watched&) = delete;
-};
-
-// Interrupts Watched for what the test does itself.
-class Unwatched {
- public:
-    Unwatched();
-    ~Unwatched();
-    Unwatched(const Unwatched&) = delete;
-    Unwatched& operator=(const Unwatched&) = delete;
+    explicit Watching(bool on);
+    ~Watching();
+    Watching(const Watching&) = delete;
+    Watching& operator=(const Watching&) = delete;
 
  private:
     bool before_;

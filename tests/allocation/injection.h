@@ -1,8 +1,12 @@
 // Calls in which an allocation fails: the first, the second, and so on until none is left to fail.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
-#include <ostream>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
 #include <type_traits>
 
 #include "tests/allocation/failing_heap.h"
@@ -37,7 +41,7 @@ void escaped();
 // The product's call, with its allocations watched.
 template <class Call>
 auto attempt(Call call) -> decltype(call()) {
-    const Watched watched;
+    const Watching product(true);
     try {
         return call();
     } catch (...) {
@@ -50,3 +54,17 @@ auto attempt(Call call) -> decltype(call()) {
 // process. The call must end in kDone or kRefused, without an exception, with no more blocks and descriptors in
 // use than a call that succeeds leaves, and the next call must succeed. Returns how many failures were met.
 uint32_t examine(const Case& examined);
+
+class AllocationTest : public testing::TestWithParam<Case> {
+ protected:
+    void SetUp() override {
+        if (getenv("QUILL_IN_SANDBOX") == nullptr) GTEST_SKIP() << "run in packaging/sandbox";
+    }
+    static void TearDownTestSuite() { printf("%u failures were met\n", failures); }
+
+    static inline uint32_t failures = 0;
+};
+
+inline std::string name_of(const testing::TestParamInfo<Case>& test) {
+    return test.param.function + ("_" + std::to_string(test.index));
+}

@@ -217,7 +217,7 @@ uint32_t read_back(Text* out, const Structure& structure, ToTlv to_tlv, ToStruct
     void* tlv = nullptr;
     uint32_t length = 0;
     {
-        const Unwatched ours;
+        const Watching ours(false);
         to_tlv(&structure, &tlv, &length);
     }
     const auto fill = [&](void** made, uint32_t*) {
@@ -231,7 +231,7 @@ uint32_t read_back(Text* out, const Structure& structure, ToTlv to_tlv, ToStruct
 uint32_t converted(const char* path, uint8_t format, ssh_key_rec* out) {
     static ssh_key_new_rec source;
     {
-        const Unwatched ours;
+        const Watching ours(false);
         source = key_of(path, format);
     }
     return convert_other_ssh_key_to_openssh(&source, out);
@@ -239,7 +239,7 @@ uint32_t converted(const char* path, uint8_t format, ssh_key_rec* out) {
 
 // Whether the accounts of context 2 are gone, or the log says why not; others are never.
 uint32_t removed(uint32_t* kept) {
-    const Unwatched ours;
+    const Watching ours(false);
     const bool gone = read_file("/etc/passwd").find("eve") == std::string::npos;
     const bool logged =
         std::ranges::any_of(log_lines(), [](const std::string& line) { return line.starts_with("3 "); });

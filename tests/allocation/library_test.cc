@@ -191,7 +191,7 @@ constexpr std::string_view kAllocateNothing =
     "tlvu_security_notification_get_struct_sz tlvu_security_notification_get_tlv_sz vsh_is_priv_enable "
     "vsh_is_privilege_enabled ";
 
-class Allocation : public testing::TestWithParam<Case> {
+class Allocation : public AllocationTest {
  protected:
     static void SetUpTestSuite() {
         if (getenv("QUILL_IN_SANDBOX") == nullptr) return;
@@ -201,14 +201,6 @@ class Allocation : public testing::TestWithParam<Case> {
         write_file("/etc/nsswitch.conf", "passwd: files\nshadow: files\n");  // others overwrite errno
         getpwnam("amy");  // the C library does not survive running out of memory where it first looks
     }
-    static void TearDownTestSuite() {
-        printf("%u failures in %zu cases of exported functions\n", failures, std::size(kCases));
-    }
-    void SetUp() override {
-        if (getenv("QUILL_IN_SANDBOX") == nullptr) GTEST_SKIP() << "run in packaging/sandbox";
-    }
-
-    static inline uint32_t failures = 0;
 };
 
 TEST_P(Allocation, FailingAtAnyCallIsAStatus) {
@@ -217,9 +209,7 @@ TEST_P(Allocation, FailingAtAnyCallIsAStatus) {
     failures += met;
 }
 
-INSTANTIATE_TEST_SUITE_P(Functions, Allocation, testing::ValuesIn(kCases), [](const auto& test) {
-    return test.param.function + ("_" + std::to_string(test.index));
-});
+INSTANTIATE_TEST_SUITE_P(Functions, Allocation, testing::ValuesIn(kCases), name_of);
 
 // Data needs none: the symbol says which it is.
 TEST(AllocationCases, EveryExportedFunctionHasOne) {

@@ -1,5 +1,4 @@
 // The reference platform while memory runs out: store, configuration, channel, message transport and accounts.
-#include <gtest/gtest.h>
 #include <sqlite3.h>
 
 #include <cstdlib>
@@ -19,7 +18,7 @@ const std::string kOld(300, 'a'), kNew(3000, 'b');  // more than strings and pag
 const std::string kBox = "/tmp/allocation";  // always the same path: setenv() never releases the old values
 
 void empty_box() {
-    const Unwatched ours;
+    const Watching ours(false);
     std::filesystem::remove_all(kBox);
     std::filesystem::create_directory(kBox);
     setenv("QUILL_STATE_DIR", (kBox + "/state").c_str(), 1);
@@ -177,21 +176,10 @@ const Case kCases[] = {
     {"mygetspnam", looked_up},
 };
 
-class PlatformAllocation : public testing::TestWithParam<Case> {
- protected:
-    void SetUp() override {
-        if (getenv("QUILL_IN_SANDBOX") == nullptr) GTEST_SKIP() << "run in packaging/sandbox";
-    }
-    static void TearDownTestSuite() {
-        printf("%u failures in %zu cases of the platform\n", failures, std::size(kCases));
-    }
-    static inline uint32_t failures = 0;
-};
+using PlatformAllocation = AllocationTest;
 
 TEST_P(PlatformAllocation, FailingAtAnyCallIsAStatus) { failures += examine(GetParam()); }
 
-INSTANTIATE_TEST_SUITE_P(Functions, PlatformAllocation, testing::ValuesIn(kCases), [](const auto& test) {
-    return test.param.function + ("_" + std::to_string(test.index));
-});
+INSTANTIATE_TEST_SUITE_P(Functions, PlatformAllocation, testing::ValuesIn(kCases), name_of);
 
 }  // namespace

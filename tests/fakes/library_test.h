@@ -25,3 +25,20 @@ inline std::string padded(std::string text, size_t size) {
     text.resize(size);
     return text;
 }
+
+// A function of a handle, an operation and a record, called with the record's bytes.
+template <uint32_t handle, auto function>
+uint32_t by_record(uint32_t operation, char* record) {
+    return [&]<class Record>(uint32_t (*)(uint32_t, uint32_t, Record*)) {
+        return function(handle, operation, reinterpret_cast<Record*>(record));
+    }(function);
+}
+
+// A user's list of roles. A list of locales has the same layout.
+inline security_user_roles list(const std::string& user, const Texts& names = {}) {
+    security_user_roles made{};
+    user.copy(made.user_name, sizeof made.user_name);
+    made.num_roles = static_cast<int32_t>(names.size());
+    for (size_t i = 0; i < names.size(); ++i) names[i].copy(made.roles[i], sizeof made.roles[i]);
+    return made;
+}

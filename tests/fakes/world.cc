@@ -66,9 +66,15 @@ uint32_t begin(const char* name, const std::string& arguments = "") {
     return w.fail_after[name]-- > 0 ? SECURITY_OK : found->second;
 }
 
-uint32_t begin(const char* name, uint32_t handle, const std::string& arguments = "") {
-    const uint32_t status = begin(name, arguments);
+uint32_t begin(const char* name, uint32_t handle) {
+    const uint32_t status = begin(name);
     return handle == kHandle ? status : PSS_BAD_HANDLE;
+}
+
+uint32_t begin_at_cursor(const char* name, uint32_t handle) {
+    const uint32_t status = begin(name, handle);
+    const bool stands = cursor && world().store.contains(*cursor);
+    return status == SECURITY_OK && !stands ? SECURITY_PSS_NO_KEY : status;
 }
 
 uint32_t place(std::map<std::string, std::string>::const_iterator at) {
@@ -138,17 +144,13 @@ uint32_t pss2_move2location(uint32_t* handle, uint32_t mode, uint32_t location, 
 }
 
 pss_descriptor* pss2_getkey(uint32_t handle, uint32_t* status) {
-    *status = begin("pss2_getkey", handle);
-    if (*status == SECURITY_OK && (!cursor || !world().store.contains(*cursor)))
-        *status = SECURITY_PSS_NO_KEY;
+    *status = begin_at_cursor("pss2_getkey", handle);
     if (*status != SECURITY_OK) return nullptr;
     return hand_out(handed_out.key, handed_out.key_descriptor, *cursor);
 }
 
 pss_descriptor* pss2_getvalue(uint32_t handle, uint32_t* status) {
-    *status = begin("pss2_getvalue", handle);
-    if (*status == SECURITY_OK && (!cursor || !world().store.contains(*cursor)))
-        *status = SECURITY_PSS_NO_KEY;
+    *status = begin_at_cursor("pss2_getvalue", handle);
     if (*status != SECURITY_OK) return nullptr;
     return hand_out(handed_out.value, handed_out.value_descriptor, world().store[*cursor]);
 }

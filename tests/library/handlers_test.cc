@@ -32,13 +32,6 @@ struct Handler {
 };
 
 template <auto config>
-uint32_t by_record(uint32_t operation, char* record) {
-    return [&]<class Record>(uint32_t (*)(uint32_t, uint32_t, Record*)) {
-        return config(kHandle, operation, reinterpret_cast<Record*>(record));
-    }(config);
-}
-
-template <auto config>
 uint32_t by_code(uint32_t operation, char* record) {
     auto* info = reinterpret_cast<security_enable_info*>(record);
     return config(kHandle, operation, static_cast<int32_t>(info->code), &info->value);
@@ -62,7 +55,7 @@ std::string key_file(char which) { return name(which) + std::string(8193, which)
 std::string delimiter(char which) { return {which}; }
 std::string service(char which) { return number(which, 16, 13, 2) + std::string("val") + which; }
 std::string port(char which) { return number(which, 21, 24, 30) + std::string("val") + which; }
-std::string web_text(char which) { return number(which, 0, 0, 1) + padded({which}, 2100) + bytes_of(0); }
+std::string web_text(char which) { return number(which, 0, 0, 1000) + padded({which}, 2100) + bytes_of(0); }
 
 void swap_word(std::string& record, size_t at) { std::reverse(&record[at], &record[at + 4]); }
 bool reads(uint32_t operation) { return operation == GET_REQ || operation == GETNEXT_REQ; }
@@ -92,44 +85,44 @@ constexpr char kStatus[] = "status for the operation:<[*]>";
 
 // clang-format off
 const Handler kHandlers[] = {
-    {"users", by_record<security_user_config>, user, name_key(5, "amy"), name_key(5, "zoe"),
+    {"users", by_record<kHandle, security_user_config>, user, name_key(5, "amy"), name_key(5, "zoe"),
      {128, 136, {128, 132}}, kNotFound, kNoKey, kEnd,
      "In security_user_config:",
      {"GET operation for user:%", "GETNEXT for user:%", "SET operation for user:%", "DELETE operation for user:%"},
      kStatus, after_user, {}, nullptr, true},
-    {"privilege levels", by_record<security_priv_info_config>, level, number_key(22, 2), number_key(22, 9),
+    {"privilege levels", by_record<kHandle, security_priv_info_config>, level, number_key(22, 2), number_key(22, 9),
      {4, 1104, {4, 1032, 1036, 1104}}, 0x404a0045, kNoKey, 0x404a0046,
      "In security_priv_info_config:",
      {"GET operation for priv_lvl:%", "GETNEXT for prvi-lvl:%", "SET operation for prvi_lvl:%",
       "DELETE operation for priv_lvl:%"},
      "status for the operation ?: <[*]>", nothing, {}, "):text of 40480011"},
-    {"roles", by_record<security_user_roles_config>, list, name_key(20, "amy"), name_key(20, "zoe"),
+    {"roles", by_record<kHandle, security_user_roles_config>, list, name_key(20, "amy"), name_key(20, "zoe"),
      {128, 69, {128}}, kNotFound, kNotFound, kEnd,
      "In security_user_roles_config:",
      {"GET for user:% roles", "GETNEXT for user:% roles",
       "SET for user:%, 1 roles\nsecurity_user_roles_config:role is n", "DELETE for user:% roles"},
      "status for the operation:<[*]>, desc text of *", after_roles},
-    {"locales", by_record<security_user_locales_config>, list, name_key(27, "amy"), name_key(27, "zoe"),
+    {"locales", by_record<kHandle, security_user_locales_config>, list, name_key(27, "amy"), name_key(27, "zoe"),
      {128, 69, {128}}, kNotFound, kNotFound, 0,
      nullptr,
      {"GET for user:% locales\nGET num_locales 1", "GETNEXT for user:% locales", "SET for user:% 1 locales",
       "DELETE for user:% locales"},
      nullptr, after_locales},
-    {"keys", by_record<security_user_ssh_key_config>, key_line, name_key(6, "amy"), name_key(6, "zoe"),
+    {"keys", by_record<kHandle, security_user_ssh_key_config>, key_line, name_key(6, "amy"), name_key(6, "zoe"),
      {128, 2200, {}}, kNotFound, kNotFound, kEnd,
      nullptr,
      {"SSH key GET operation for user:%", "SSH key GETNEXT for user:%",
       "SSH Key SET operation for user:%\nDELETE operation for user:%\nstatus for the operation:<[*]>",
       "DELETE operation for user:%"},
      kStatus, nothing, name_key(21, "amy"), nullptr, true},
-    {"key files", by_record<security_user_ssh_key_new_config>, key_file, name_key(21, "amy"), name_key(21, "zoe"),
+    {"key files", by_record<kHandle, security_user_ssh_key_new_config>, key_file, name_key(21, "amy"), name_key(21, "zoe"),
      {128, 8193, {}}, kNotFound, kNotFound, kEnd,
      nullptr,
      {"SSH key GET operation for user:%", "SSH key GETNEXT for user:%",
       "SSH Key SET operation for user:%\nDELETE operation for user:%\nSET operation for user:%",
       "DELETE operation for user:%"},
      kStatus, nothing, name_key(6, "amy"), nullptr, true},
-    {"banner", by_record<security_banner_info_config>, delimiter, be32(28), be32(28),
+    {"banner", by_record<kHandle, security_banner_info_config>, delimiter, be32(28), be32(28),
      {0, 1, {}}, 0, kNoKey, kNoKey,
      "In security_banner_info_config:",
      {"GET operation for banner-config.", "GETNEXT for banner config.",
@@ -140,7 +133,7 @@ const Handler kHandlers[] = {
      nullptr,
      {"GET_REQ for scp", nullptr, "SET_REQ for scp with value:1852596598", nullptr},
      "got back the return value of configuration operation:<[*]>", after_service},
-    {"web texts", by_record<security_nginx_ssh_key_config>, web_text, number_key(32, 0), number_key(33, 0),
+    {"web texts", by_record<kHandle, security_nginx_ssh_key_config>, web_text, number_key(32, 0), number_key(33, 0),
      {4, 2100, {}}, kNoKey, kNoKey, kUnserved,
      nullptr,
      {"NGINX key GET operation for key/cert :%", nullptr,
@@ -278,6 +271,8 @@ TEST_F(Handlers, NamesWithoutATerminator) {
             const uint32_t status = h.call(operation, record.data());
             const uint32_t want = h.whole_names ? 0x404a0104 : operation == GETNEXT_REQ ? h.walk_end : 0;
             EXPECT_EQ(want, status) << h.name << operation;
+            const std::string key = h.first_key.substr(0, 4) + padded(std::string(127, 'n'), 128);
+            EXPECT_TRUE(h.whole_names || operation == DEL_REQ || world().store.contains(key)) << h.name;
         }
         EXPECT_EQ(h.whole_names, world().calls.empty()) << h.name;
     }

@@ -48,35 +48,35 @@ TEST_F(Enumeration, UsersOfAllContextsInNameOrder) {
 }
 
 TEST_F(Enumeration, UserTraces) {
-    const Names each = {"security_conf_get_vdc_user(b)\n", "security_conf_get_vdc_user(a)\n",
-                        "security_conf_compare_username\n"};
+    const std::string each =
+        "security_conf_get_vdc_user(b)\n"
+        "security_conf_get_vdc_user(a)\n"
+        "security_conf_compare_username\n";
     const struct {
         const char* given;
         std::vector<Account> accounts;
         uint32_t want;
-        Names head, tail;
+        std::string traces;
     } cases[] = {
-        {"", {{"b"}, {"a"}}, 0, each, {"return a\n"}},
-        {"aa", {{"b"}, {"a"}}, 0x404a001c, each, {"USER_END_OF_TABLE\n"}},
-        {"b", {{"b"}, {"a"}}, 0x404a001c, each, {}},
-        {"", {}, 0x404a001c, {}, {"USER_END_OF_TABLE\n"}},
+        {"", {{"b"}, {"a"}}, 0, each + "return a\n"},
+        {"aa", {{"b"}, {"a"}}, 0x404a001c, each + "USER_END_OF_TABLE\n"},
+        {"b", {{"b"}, {"a"}}, 0x404a001c, each},
+        {"", {}, 0x404a001c, "USER_END_OF_TABLE\n"},
     };
     for (const auto& c : cases) {
         write(c.accounts);
         world().traces.clear();
         char name[128];
         EXPECT_EQ(c.want, security_conf_user_getnext(0, strcpy(name, c.given)));
-        Names expected = {"security_conf_user_getnext(" + std::string(c.given) + ")\n"};
-        expected.insert(expected.end(), c.head.begin(), c.head.end());
-        expected.insert(expected.end(), c.tail.begin(), c.tail.end());
-        EXPECT_EQ(expected, world().traces);
+        std::string traces;
+        for (const std::string& trace : world().traces) traces += trace;
+        EXPECT_EQ("security_conf_user_getnext(" + std::string(c.given) + ")\n" + c.traces, traces);
     }
 }
 
 std::string roles_reply(int32_t count, const Names& roles) {
-    security_user_roles record{};
+    security_user_roles record = list("", roles);
     record.num_roles = count;
-    for (size_t i = 0; i < roles.size(); ++i) roles[i].copy(record.roles[i], sizeof record.roles[i]);
     return bytes_of(record);
 }
 

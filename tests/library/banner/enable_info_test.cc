@@ -7,20 +7,18 @@ namespace {
 using EnableInfo = LibraryTest;
 
 TEST_F(EnableInfo, NamesAndTheirOrder) {
-    const std::pair<int32_t, const char*> expected[] = {
-        {1, "ssh"},
-        {2, "telnet"},
-        {14, "http-server"},
-        {8, "rsa key"},
-        {9, "dsa key"},
-        {10, "rsa1 key"},
-        {12, "fips"},
-        {16, "scp"},
-        {20, "bash-shell"},
-        {21, "ploty"},
-        {22, "ploty http port"},
-        {23, "ploty https port"},
-    };
+    const std::pair<int32_t, const char*> expected[] = {{1, "ssh"},
+                                                        {2, "telnet"},
+                                                        {14, "http-server"},
+                                                        {8, "rsa key"},
+                                                        {9, "dsa key"},
+                                                        {10, "rsa1 key"},
+                                                        {12, "fips"},
+                                                        {16, "scp"},
+                                                        {20, "bash-shell"},
+                                                        {21, "ploty"},
+                                                        {22, "ploty http port"},
+                                                        {23, "ploty https port"}};
     ASSERT_EQ(12, enable_info_str_table_size);
     for (size_t i = 0; i < 12; ++i) {
         EXPECT_EQ(expected[i].first, enable_info_str_table[i].code);

@@ -142,6 +142,10 @@ TEST_F(UserChange, ThereIsRoomFor256Users) {
 }
 
 TEST_F(UserChange, DatesMustBeInTheCalendarAndNotPast) {
+    const std::string no_such_day =
+        "3 canonized_time_struct->tm_year=2027,canonized_time_struct->tm_mon=3,canonized_time_struct->tm_mday=2,"
+        "canonized_time_struct->tm_isdst=0,time_struct.tm_year=2027,time_struct.tm_mon=2,time_struct.tm_mday=30,"
+        "time_struct.tm_isdst=-1,canonized_time=1803945600,today=1800000000";
     const struct {
         int year, month, day;
         uint32_t want;
@@ -153,14 +157,7 @@ TEST_F(UserChange, DatesMustBeInTheCalendarAndNotPast) {
         {2027, 1, 16, 0, {}},
         {2027, 1, 15, 0x404a0030, {"3 expiry time = 1799971200, today = 1800000000"}},  // its first second
         {1902, 1, 1, 0x404a0030, {"3 expiry time = -2145916800, today = 1800000000"}},
-        {2027,
-         2,
-         30,
-         0x404a0030,
-         {"3 canonized_time_struct->tm_year=2027,canonized_time_struct->tm_mon=3,"
-          "canonized_time_struct->tm_mday=2,canonized_time_struct->tm_isdst=0,time_struct.tm_year=2027,"
-          "time_struct.tm_mon=2,time_struct.tm_mday=30,time_struct.tm_isdst=-1,canonized_time=1803945600,"
-          "today=1800000000"}},
+        {2027, 2, 30, 0x404a0030, {no_such_day}},
         {2147483647, 2147483647, 2147483647, 0x404a0030, {}},
         {2027, 0, 1, 0, {}},  // not a date: ignored
     };

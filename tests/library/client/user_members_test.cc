@@ -18,14 +18,6 @@ const Kind kKinds[] = {
     {"locale", cmi_common_user_locale_config, 5161, 5161, 0x404a004b, 0x404a004c, 0x404a004a},
 };
 
-std::string list(const std::string& user, const Texts& names) {
-    security_user_roles made{};
-    user.copy(made.user_name, sizeof made.user_name);
-    made.num_roles = static_cast<int32_t>(names.size());
-    for (size_t i = 0; i < names.size(); ++i) names[i].copy(made.roles[i], sizeof made.roles[i]);
-    return bytes_of(made);
-}
-
 Texts many(int count) {
     Texts names;
     for (int i = 0; i < count; ++i) names.push_back("n" + std::to_string(i));
@@ -50,14 +42,14 @@ class UserMembers : public AccountFiles {
 TEST_F(UserMembers, HeldOrNot) {
     for (const Kind& kind : kKinds) {
         SetUp();
-        std::string lying = list("bob", many(64));  // a count out of range is clamped
+        std::string lying = bytes_of(list("bob", many(64)));  // a count out of range is clamped
         memset(lying.data() + 128, 0x7f, 4);
         const std::pair<Reply, uint32_t> cases[] = {
-            {{.record = list("bob", {"net", "ops"})}, 0},
-            {{.record = list("bob", {})}, kind.not_held},
-            {{.record = list("bob", {"op"})}, kind.not_held},
-            {{.record = list("bob", {"opss"})}, kind.not_held},
-            {{.record = list("bob", many(64))}, kind.not_held},
+            {{.record = bytes_of(list("bob", {"net", "ops"}))}, 0},
+            {{.record = bytes_of(list("bob", {}))}, kind.not_held},
+            {{.record = bytes_of(list("bob", {"op"}))}, kind.not_held},
+            {{.record = bytes_of(list("bob", {"opss"}))}, kind.not_held},
+            {{.record = bytes_of(list("bob", many(64)))}, kind.not_held},
             {{.record = lying}, kind.not_held},
             {{.record = lying.substr(100)}, 0x804a0000 | EPROTO},
             {{.status = -1, .error = ECONNREFUSED}, 0x804a0000 | ECONNREFUSED},
@@ -70,7 +62,7 @@ TEST_F(UserMembers, HeldOrNot) {
         }
         const Sent& sent = world().requests.at(0);
         EXPECT_EQ(std::pair(kind.asking, 3u), std::pair(sent.type, sent.connection));
-        EXPECT_EQ(list("bob", {}), sent.record);
+        EXPECT_EQ(bytes_of(list("bob", {})), sent.record);
     }
 }
 
@@ -82,25 +74,25 @@ TEST_F(UserMembers, AddingReadsAppendsAndWritesBack) {
             return kind.config(3, operation, &wanted);
         };
         Texts names = many(63);
-        world().replies[0] = {.record = list("bob", names)};
+        world().replies[0] = {.record = bytes_of(list("bob", names))};
         EXPECT_EQ(0u, call(SET_REQ)) << kind.name;
         names.push_back("ops");
         ASSERT_EQ(2u, world().requests.size());
         EXPECT_EQ(uint32_t{GET_REQ}, world().requests[0].operation);
         EXPECT_EQ(uint32_t{SET_REQ}, world().requests[1].operation);
-        EXPECT_EQ(list("bob", names), world().requests[1].record);
+        EXPECT_EQ(bytes_of(list("bob", names)), world().requests[1].record);
         for (const Sent& sent : world().requests) EXPECT_EQ(kind.changing, sent.type);
 
         // The user has the name already, or the list is full: nothing is written.
-        world().replies[2] = {.record = list("bob", names)};
+        world().replies[2] = {.record = bytes_of(list("bob", names))};
         EXPECT_EQ(0u, call(SET_REQ));
         const bool says_so = kind.asking != kind.changing;  // for roles only
         EXPECT_EQ(says_so ? 1 : 0, std::ranges::count(world().traces, "Role ops already assigned"));
-        world().replies[3] = {.record = list("bob", many(64))};
+        world().replies[3] = {.record = bytes_of(list("bob", many(64)))};
         EXPECT_EQ(kind.too_many, call(SET_REQ));
         EXPECT_EQ(4u, world().requests.size());
 
-        world().replies[4] = {.record = list("bob", {})};
+        world().replies[4] = {.record = bytes_of(list("bob", {}))};
         world().replies[5] = {.status = -1, .error = EPIPE};  // the write fails
         EXPECT_EQ(0x804a0000u | EPIPE, call(SET_REQ));
 
@@ -110,7 +102,7 @@ TEST_F(UserMembers, AddingReadsAppendsAndWritesBack) {
         EXPECT_EQ(6u, world().requests.size());
 
         EXPECT_EQ(0u, call(DEL_REQ));
-        EXPECT_EQ(list("bob", {"ops"}), world().requests.back().record);
+        EXPECT_EQ(bytes_of(list("bob", {"ops"})), world().requests.back().record);
         EXPECT_EQ(uint32_t{DEL_REQ}, world().requests.back().operation);
     }
 }
@@ -119,7 +111,7 @@ TEST_F(UserMembers, OnlyRolesOfOtherContextsAreQualified) {
     world().vdc = 2;
     write({{"bob#02#"}});
     auto wanted = member("bob", "ops");
-    world().reply.record = list("bob", {});
+    world().reply.record = bytes_of(list("bob", {}));
     EXPECT_EQ(0u, cmi_common_user_role_config(3, SET_REQ, &wanted));
     EXPECT_EQ(0x404a0014u, cmi_common_user_locale_config(3, SET_REQ, &wanted));
 }
@@ -127,10 +119,10 @@ TEST_F(UserMembers, OnlyRolesOfOtherContextsAreQualified) {
 // Users in name order, and the roles of each in the same order.
 TEST_F(UserMembers, WalkOverUsersAndRoles) {
     auto at = member("", "left over");
-    world().replies[0] = {.record = list("al", {})};
-    for (const size_t i : {1, 2, 3}) world().replies[i] = {.record = list("bob", {"net", "a"})};
-    world().replies[4] = {.record = list("zoe", {"x"})};
-    world().replies[5] = {.record = list("zoe", {"x"})};
+    world().replies[0] = {.record = bytes_of(list("al", {}))};
+    for (const size_t i : {1, 2, 3}) world().replies[i] = {.record = bytes_of(list("bob", {"net", "a"}))};
+    world().replies[4] = {.record = bytes_of(list("zoe", {"x"}))};
+    world().replies[5] = {.record = bytes_of(list("zoe", {"x"}))};
     std::string seen;
     uint32_t status;
     while ((status = cmi_common_user_role_config(3, GETNEXT_REQ, &at)) == 0)

@@ -1,4 +1,5 @@
 // What all requests with one record have in common: its way to the daemon and back, and failures.
+#include <algorithm>
 #include <cerrno>
 
 #include "tests/fakes/library_test.h"
@@ -13,16 +14,9 @@ struct Function {
     uint32_t (*call)(uint32_t operation, char* record);
 };
 
-template <auto function>
-uint32_t by_record(uint32_t operation, char* record) {
-    return [&]<class Record>(uint32_t (*)(uint32_t, uint32_t, Record*)) {
-        return function(42, operation, reinterpret_cast<Record*>(record));
-    }(function);
-}
-
-const Function kFunctions[] = {{165, 264, 0, by_record<cmi_security_user_config>},
-                               {5159, 1108, 0, by_record<cmi_security_priv_info_config>},
-                               {171, 1, 0, by_record<cmi_security_banner_config>},
+const Function kFunctions[] = {{165, 264, 0, by_record<42, cmi_security_user_config>},
+                               {5159, 1108, 0, by_record<42, cmi_security_priv_info_config>},
+                               {171, 1, 0, by_record<42, cmi_security_banner_config>},
                                {161, 8, 4, [](uint32_t operation, char* record) {
                                     auto* info = reinterpret_cast<security_enable_info*>(record);
                                     return cmi_enable_info_config(
@@ -38,6 +32,34 @@ std::string numbered(size_t size, unsigned first) {
     std::string bytes;
     while (bytes.size() < size) bytes += static_cast<char>(first++);
     return bytes;
+}
+
+// The words of each type that are byte-swapped; records of other types are unchanged.
+TEST(ByteOrder, SwapsExactlyTheListedWords) {
+    const struct {
+        int32_t type;
+        size_t size;
+        std::vector<size_t> words;
+    } cases[] = {
+        {161, 8, {0, 4}},     {165, 264, {128, 132}},
+        {5157, 5720, {0, 4}}, {5159, 1108, {0, 4, 1032, 1036, 1104}},
+        {5158, 5720, {}},     {171, 1, {}},
+        {155, 8452, {}},      {170, 8321, {}},
+        {283650, 2108, {}},   {0, 64, {}},
+        {-1, 64, {}},
+    };
+    for (const auto& c : cases) {
+        // At an odd address: a record need not be aligned.
+        std::string bytes = numbered(c.size + 1, 0);
+        const std::string before = bytes;
+        std::string expected = bytes;
+        for (const size_t word : c.words)
+            std::reverse(expected.data() + 1 + word, expected.data() + 5 + word);
+        security_conf_cmi_byteorder_convert(c.type, bytes.data() + 1);
+        EXPECT_EQ(expected, bytes) << c.type;
+        security_conf_cmi_byteorder_convert(c.type, bytes.data() + 1);
+        EXPECT_EQ(before, bytes) << c.type << " twice";
+    }
 }
 
 TEST_F(Request, TravelsInWireOrderAndComesBackInHostOrder) {

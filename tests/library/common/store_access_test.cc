@@ -122,24 +122,6 @@ uint32_t next(Named& record) {
     return fetch_next(kHandle, Key(5, record.name), record.name, {record.value, sizeof record.value}, kEnd);
 }
 
-TEST_F(StoreAccess, NumbersWalkInNumberOrder) {
-    for (const uint32_t number : {256u, 2u, 0x80000000u}) world().store[number_key(22, number)] = "abcd";
-    int32_t number = 0;
-    char value[4];
-    std::vector<int32_t> visited;
-    while (fetch_next(kHandle, Key(22, number), number, {value, 4}, kEnd) == 0) visited.push_back(number);
-    EXPECT_EQ((std::vector<int32_t>{2, 256, INT32_MIN}), visited);
-}
-
-// ---- Limits of keys and values
-
-TEST_F(StoreAccess, AnUnterminatedNameIsKeyedByItsFirst127Characters) {
-    Named record;
-    memset(&record, 'n', sizeof record);
-    ASSERT_EQ(0u, quill::store(kHandle, Key(5, record.name), {record.value, 8}));
-    EXPECT_EQ(name_key(5, std::string(127, 'n')), world().store.begin()->first);
-}
-
 TEST_F(StoreAccess, StoredBytesOfAnotherLengthNeitherOverflowNorLinger) {
     const std::string longest(127, 'n');
     const struct {

@@ -13,8 +13,8 @@ TEST_F(Trace, GoesToTheSinksThatWantIt) {
         world() = World();
         world().history = history;
         world().debug = debug;
-        trace("SET for %s with value:%x", "ssh", 255u);
-        const std::string text = "SET for ssh with value:ff";
+        trace("SET for %s with value:%x", "%s%n%d", 255u);
+        const std::string text = "SET for %s%n%d with value:ff";  // a text of others is never a format
         EXPECT_EQ(history ? Texts{bytes_of(102) + text + std::string(1, '\0')} : Texts(), world().events);
         EXPECT_EQ(debug ? Texts{"1 fake module 0 " + text} : Texts(), world().printed);
     }
@@ -29,16 +29,6 @@ TEST_F(Trace, HistoryIsBoundedAndTheDebugOutputIsNot) {
         EXPECT_EQ("1 fake module 0 " + text, world().printed.back()) << length;
         EXPECT_EQ(std::min<size_t>(length, 511) + 5, world().events.back().size()) << length;
     }
-}
-
-TEST_F(Trace, TextsOfOthersAreNeverFormats) {
-    trace("user:%s", "%s%n%d");
-    EXPECT_EQ("user:%s%n%d", world().traces.at(0));
-}
-
-TEST_F(Trace, StatusIsWrittenAsItIsSearchedFor) {
-    EXPECT_STREQ("<[404a0014]>", quill::status_text(0x404a0014));
-    EXPECT_STREQ("<[0]>", quill::status_text(0));
 }
 
 }  // namespace

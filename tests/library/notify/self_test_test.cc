@@ -67,13 +67,11 @@ TEST_F(SelfTest, ResponsesAreParsed) {
 TEST_F(SelfTest, ResponsesThatAreNone) {
     const std::string whole = response(8, "eeee");
     const FakeMessage good{2213, whole};
-    const FakeMessage cases[] = {
-        {2212, whole},
-        {2213, std::nullopt},
-        {2213, whole.substr(0, 7)},
-        {2213, response(9, "eeee")},
-        {2213, response(0xffffffff, "eeee")},
-    };
+    const FakeMessage cases[] = {{2212, whole},
+                                 {2213, std::nullopt},
+                                 {2213, whole.substr(0, 7)},
+                                 {2213, response(9, "eeee")},
+                                 {2213, response(0xffffffff, "eeee")}};
     for (const auto& message : cases) {
         Parts parts;
         EXPECT_EQ(0x404a003eu, parse(message, parts));

@@ -37,28 +37,20 @@ uint32_t config(uint32_t operation, security_priv_info& info) {
 }
 
 TEST_F(PrivInfo, ClearSecretsAreHashedOnTheWayIn) {
-    auto info = level(3, 100, "abc");
+    auto info = level(3, 100, padded("abc", 22) + "tail");
     memset(info.salt, 's', 10);
     info.salt_len = 10;
     EXPECT_EQ(0u, config(SET_REQ, info));
 
     auto want = hashed(3);
-    memset(want.salt + 1, 's', 9);  // only the first byte of the salt is cleared
+    strcpy(want.secret, (kHash + std::string("tail")).c_str());  // no terminator is written behind the hash
+    memset(want.salt + 1, 's', 9);                               // only the first byte of the salt is cleared
     EXPECT_EQ(bytes_of(want), bytes_of(info));
     EXPECT_EQ((std::map<std::string, std::string>{{number_key(22, 3), wire(want).substr(4)}}), world().store);
 
     auto read = level(3);
     EXPECT_EQ(0u, config(GET_REQ, read));
     EXPECT_EQ(bytes_of(want), bytes_of(read));
-}
-
-// The hash string has no terminator: bytes behind it in the field are unchanged.
-TEST_F(PrivInfo, BytesBehindTheHashAreUnchanged) {
-    const std::string secret = "0123456789012345678901234567TAIL";
-    auto info = level(3, 100, secret);
-    EXPECT_EQ(0u, config(SET_REQ, info));
-    EXPECT_EQ(22, info.secret_len);
-    EXPECT_EQ(secret.substr(22), info.secret + 22);
 }
 
 TEST_F(PrivInfo, OnlySetOfClearSecretsHashes) {
@@ -172,6 +164,33 @@ TEST_F(PrivInfo, VerifiesASecret) {
         EXPECT_EQ(c.want, security_verify_priv_level_secret(0, c.candidate, 3, 3, &matched)) << c.what;
         EXPECT_EQ(c.matched, matched) << c.what;
     }
+}
+
+TEST_F(PrivInfo, RolesByLevelAndContext) {
+    const struct {
+        int32_t level, vdc;
+        const char* role;
+    } cases[] = {{0, 1, "priv-0"},         {9, 2, "priv-9"},     {10, 1, "priv-10"}, {14, 1, "priv-14"},
+                 {15, 1, "network-admin"}, {15, 2, "vdc-admin"}, {16, 1, ""},        {-1, 1, ""},
+                 {INT32_MIN, 1, ""}};
+    for (const auto& c : cases) {
+        world() = World();
+        world().vdc = c.vdc;
+        std::string buffer(1025, '#');
+        EXPECT_EQ(buffer.data(), security_map_priv_lvl_to_roles(c.level, buffer.data()));
+        EXPECT_EQ(padded(c.role, 1024) + "#", buffer) << c.level;
+        EXPECT_EQ(c.level == 10 ? 2u : 1u, world().traces.size()) << c.level;
+        const std::string& trace = world().traces.back();
+        EXPECT_EQ(0u, trace.find("security_map_priv_lvl_to_roles("));
+        EXPECT_EQ("): privilege level " + std::to_string(c.level) + ", corresponding role is: " + c.role,
+                  trace.substr(trace.find(')')));
+    }
+}
+
+TEST_F(PrivInfo, Hooks) {
+    EXPECT_EQ(1u, vsh_is_privilege_enabled());
+    EXPECT_EQ(1u, vsh_is_priv_enable());
+    EXPECT_EQ(0u, is_expired_user_allowed());
 }
 
 }  // namespace

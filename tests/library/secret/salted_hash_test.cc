@@ -36,14 +36,12 @@ uint32_t verify(const std::string& secret, const std::string& stored) {
 }
 
 TEST_F(SaltedHash, NumbersAsText) {
-    const std::tuple<char, uint32_t, const char*> cases[] = {
-        {'x', 255, "ff"},
-        {'d', 255, "255"},
-        {'X', 255, "255"},
-        {'x', 0, "0"},
-        {'d', 0xffffffff, "4294967295"},
-        {'x', 0x1a0, "1a0"},
-    };
+    const std::tuple<char, uint32_t, const char*> cases[] = {{'x', 255, "ff"},
+                                                             {'d', 255, "255"},
+                                                             {'X', 255, "255"},
+                                                             {'x', 0, "0"},
+                                                             {'d', 0xffffffff, "4294967295"},
+                                                             {'x', 0x1a0, "1a0"}};
     for (const auto& [radix, value, want] : cases) {
         char text[11];
         security_ltoa(text, radix, value);
