@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
-#include <cstring>
 #include <new>
 #include <utility>
 

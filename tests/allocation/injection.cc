@@ -1,7 +1,6 @@
 #include "tests/allocation/injection.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <openssl/err.h>
 #include <sys/mman.h>
 #include <unistd.h>

@@ -1,18 +1,225 @@
 // Every exported function while memory runs out, in the sandbox: account files, key files and tools are real,
 // the platform is faked and its own memory never ends.
-#include <dlfcn.h>
-#include <elf.h>
-#include <link.h>
-#include <unistd.h>
+#include <pwd.h>
+#include <shadow.h>
 
-#include <fstream>
-#include <iterator>
-#include <set>
-#include <sstream>
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
 
-#include "tests/allocation/library_calls.h"
+#include "base/text_field.h"
+#include "quillplatform/accounts.h"
+#include "tests/allocation/injection.h"
+#include "tests/fakes/library_test.h"
+#include "tests/fakes/log.h"
+#include "tests/support/box.h"
 
 namespace {
+
+using quill::set_text;
+
+constexpr char kPasswd[] =
+    "root:x:0:0::/root:/bin/sh\namy:x:2000:100::/nowhere:/bin/false\n"
+    "eve#02#:x:2001:100::/nowhere:/bin/false\n";
+constexpr char kShadow[] =
+    "root:*:19700:0:99999:7:::\namy:$1$salt$digest:19700:0:99999:7:::\neve#02#:*:19700:0:99999:7:::\n";
+constexpr char kSecret[] = "Xq7!vR2#mzL";
+constexpr char kHash[] = "$1$1f$134cc78c882a1c63";  // of abc
+constexpr char kRsa[] = "/tmp/keys/rsa.pub", kSsh2[] = "/tmp/keys/rsa.ssh2", kPem[] = "/tmp/keys/pem";
+constexpr char kSigning[] = "/tmp/keys/signing";
+constexpr char kMakeFiles[] = R"(
+mkdir -p /tmp/keys && cd /tmp/keys && exec 2>/dev/null
+ssh-keygen -qt rsa -N '' -f rsa && ssh-keygen -ef rsa.pub >rsa.ssh2
+ssh-keygen -lf rsa.pub >rsa.listed
+openssl req -x509 -nodes -subj /CN=a -keyout key -out pem -newkey rsa:1024
+printf 'x509v3-sign-rsa %s' text >signing
+printf '#Welcome to \\n#' >/tmp/banner
+mkdir -p /bootflash/vdc_2
+cp signing /bootflash/a-name-that-is-longer-than-fifteen.pub
+cp signing /bootflash/vdc_2/a-name-that-is-longer-than-fifteen.pub
+)";
+const security_notification kNotification{
+    .type = 1, .user_name = "amy", .number = 2, .role_set = {1, {"auditor"}}, .text = "text"};
+const FakeMessage kResponse{SECURITY_MTS_SELF_TEST, std::string(8, '\0') + be32(4)};
+
+uint32_t number;
+common_user_record read;
+FILE* stream;
+
+// The world before each call: amy has an account and a role.
+void prepare_world() {
+    world() = World();
+    world().reply.record = padded(bytes_of(list("amy", {"auditor"})), 20000);
+    world().roles = world().locales = {"auditor", "another"};
+    world().shadow = {0, "!", 1000};
+    log_lines().clear();
+}
+
+struct Calls {  // what a call did besides its result
+    size_t requests = world().requests.size(), announced = world().announced.size();
+    bool operator==(const Calls&) const = default;
+};
+
+// A call that succeeds, or fails as it does with memory, must have the same result as with memory. Any other
+// failure must leave the result as it was given, if `untouched`.
+template <bool untouched, class Given, class Call>
+Outcome as_with_memory(Given given, Call call) {
+    const auto ready = [&] {
+        prepare_world();
+        return given();
+    };
+    auto result = ready(), wanted = result;
+    const std::string before = bytes_of(result);
+    const auto status = static_cast<uint32_t>(attempt([&] { return call(&result); }));
+    const Calls calls;
+
+    struct Reference {
+        uint32_t status;
+        std::string result;
+        Calls calls;
+    };
+    static const Reference reference = [&] {  // after the call, which may have to be the process's first
+        wanted = ready();
+        const auto with_memory = static_cast<uint32_t>(call(&wanted));
+        return Reference{with_memory, bytes_of(wanted), {}};
+    }();
+    if (status == reference.status)
+        return done_if(bytes_of(result) == reference.result && calls == reference.calls);
+    return status != 0 && (!untouched || bytes_of(result) == before) ? kRefused : kWrong;
+}
+
+// ------------------------------------------------------------------------------------ what calls are given
+
+struct Text {
+    char text[1036];
+};
+Text text(const char* given = "") {
+    Text made{};
+    set_text(made.text, given);
+    return made;
+}
+
+security_user stored_user() {
+    security_user stored = user("amy", kSecret);
+    security_user_config(kHandle, SET_REQ, &stored);
+    return user("amy");
+}
+
+// The reply to a request for a level with this hash.
+uint32_t level_replied(const char* hash) {
+    security_priv_info reply = level(0, 0, hash);
+    security_conf_cmi_byteorder_convert(SECURITY_PRIV_INFO_REQUEST, &reply);
+    world().reply.record = bytes_of(reply);
+    return 0;
+}
+
+common_user_record account(const char* name, const char* password = "", const char* key = "") {
+    common_user_record made{};
+    set_text(made.name, name);
+    set_text(made.password, password);
+    made.password_format = SECURITY_PASSWORD_CLEAR;
+    made.expiry_year = 2036;
+    made.expiry_month = made.expiry_day = 1;
+    set_text(made.ssh_key, key);
+    return made;
+}
+
+common_user_frame frame(int32_t kind) {
+    common_user_frame made{};
+    made.kind = kind;
+    return made;
+}
+
+ssh_key_new_rec key_of(const char* path, uint8_t format) {
+    ssh_key_new_rec made{};
+    set_text(made.user_name, "amy");
+    set_text(made.key_text, read_file(path).c_str());
+    made.key_format = format;
+    return made;
+}
+
+// A key file of context 2.
+Text key_path() {
+    setenv("SYSMGR_VDC_ID", "2", 1);
+    return text("/a-name-that-is-longer-than-fifteen.pub");
+}
+
+Text opened(const char* path) {
+    if (stream != nullptr) fclose(stream);
+    stream = fopen(path, "r");
+    world().vdc = 2;
+    return {};
+}
+
+Text accounts() {
+    write_file("/etc/passwd", kPasswd);
+    write_file("/etc/shadow", kShadow);
+    world().vdc = 2;
+    endpwent();
+    endspent();
+    return {};
+}
+
+// ----------------------------------------------------------------------------------------- calls and results
+
+// The name of an entry; a failure if there is none.
+uint32_t named(const passwd* entry, Text* out) {
+    return entry == nullptr || strcpy(out->text, entry->pw_name) == nullptr;
+}
+uint32_t named(const spwd* entry, Text* out) {
+    return entry == nullptr || strcpy(out->text, entry->sp_namp) == nullptr;
+}
+
+// A walk must not end because memory ran out.
+uint32_t not_ended(uint32_t status, Text* out) {
+    if (status == SECURITY_ERR_END_OF_TABLE) set_text(out->text, "the end");
+    return status;
+}
+
+// A call that makes a block and returns its length, which is at least `size`.
+template <class Pointer = char*, class Make>
+uint32_t block(Text* out, Make make, uint32_t size = 0) {
+    Pointer made = nullptr;
+    const auto status = static_cast<uint32_t>(make(&made, &size));
+    if (made != nullptr) memcpy(out, made, std::min<size_t>(size, sizeof *out));
+    free(made);
+    return status;
+}
+
+template <class Structure, class ToTlv, class ToStruct>
+uint32_t read_back(Text* out, const Structure& structure, ToTlv to_tlv, ToStruct to_struct) {
+    void* tlv = nullptr;
+    uint32_t length = 0;
+    {
+        const Watching ours(false);
+        to_tlv(&structure, &tlv, &length);
+    }
+    const auto fill = [&](void** made, uint32_t*) {
+        return to_struct(tlv, length, made, TLVU_MODE_ALLOCATE);
+    };
+    const uint32_t status = block<void*>(out, fill, sizeof structure);
+    free(tlv);
+    return status;
+}
+
+uint32_t converted(const char* path, uint8_t format, ssh_key_rec* out) {
+    static ssh_key_new_rec source;
+    {
+        const Watching ours(false);
+        source = key_of(path, format);
+    }
+    return convert_other_ssh_key_to_openssh(&source, out);
+}
+
+// Whether the accounts of context 2 are gone, or the log says why not; others are never.
+uint32_t removed(uint32_t* kept) {
+    const Watching ours(false);
+    const bool gone = read_file("/etc/passwd").find("eve") == std::string::npos;
+    const bool logged =
+        std::ranges::any_of(log_lines(), [](const std::string& line) { return line.starts_with("3 "); });
+    *kept = read_file("/etc/shadow").find("amy") != std::string::npos && (gone || logged);
+    return gone ? 0 : 1;
+}
 
 // A function, its result as given, and a call that writes to `*out`. LOOSE: a failure may have changed it.
 // FIRST: the process's first call.
@@ -33,9 +240,9 @@ namespace {
 
 const Case kCases[] = {
     // Secrets
-    ROW(security_user_config, user(kSecret), security_user_config(kHandle, SET_REQ, out)),
+    ROW(security_user_config, user("amy", kSecret), security_user_config(kHandle, SET_REQ, out)),
     LOOSE(security_user_config, stored_user(), security_user_config(kHandle, GET_REQ, out)),
-    ROW(security_priv_info_config, level(kSecret, SECURITY_ENCRYPTION_TO_HASH),
+    ROW(security_priv_info_config, level(0, SECURITY_ENCRYPTION_TO_HASH, kSecret),
         security_priv_info_config(kHandle, SET_REQ, out)),
     BLOCK(char*, no_encrypt_func, "text", nullptr, 0),
     BLOCK(char*, no_decrypt_func, "text", 4, nullptr, 0),
@@ -64,7 +271,7 @@ const Case kCases[] = {
     ASKED(char, cmi_security_banner_config, 4, GET_REQ),
     ASKED(security_user, cmi_security_user_config, 4, GET_REQ),
     ASKED(security_priv_info, cmi_security_priv_info_config, 4, GET_REQ),
-    LOOSE(cmi_security_priv_info_config_all, level("", 0),
+    LOOSE(cmi_security_priv_info_config_all, level(0),
           cmi_security_priv_info_config_all(4, GET_REQ, out)),
     ASKED(security_self_test_results, cmi_post_lc_result, 4),
     STATUS(cmi_security_priv_info_cleanup, 4, DEL_REQ),
@@ -160,36 +367,25 @@ const Case kCases[] = {
         read_back(out, kNotification.role_set, tlvu_role_set_to_tlv, tlvu_role_set_to_struct)),
 };
 
-#undef CALL
-#undef ROW
-#undef LOOSE
-#undef FIRST
-#undef STATUS
-#undef BLOCK
-#undef ASKED
-
-// Each of these allocates nothing, once a first call has filled what is kept.
-constexpr std::string_view kAllocateNothing =
-    "bin_sort_fun change_to_lower cmi_security_common_user_locale_unassign "
-    "cmi_security_common_user_role_unassign cmi_security_nginx_configure enable_info_config "
-    "enable_info_to_str is_expired_user_allowed nginx_port_info_config reverse_fun "
-    "security_banner_info_config security_calculate_md5_shadowed_hash security_check_strength_main "
-    "security_conf_cmi_byteorder_convert security_conf_compare_username security_conf_default_check "
-    "security_conf_get_stderr security_conf_get_user security_conf_get_vdc_user security_conf_system "
-    "security_debug_conf_default_check security_gen_fix_len_salt security_gen_salt "
-    "security_get_digest_name_from_encryption_type security_get_system_filename "
-    "security_get_system_username security_get_vdc_from_username security_ltoa "
-    "security_map_priv_lvl_to_roles security_mts_notify security_mts_usernotif_parser "
-    "security_nginx_cert_enable security_nginx_ssh_key_config security_pss_create security_pss_move2key "
-    "security_pss_move2location security_roles_get_tlv_data_sz security_roles_tlv_to_struct "
-    "security_user_locales_config security_user_roles_config security_user_ssh_key_config "
-    "security_user_ssh_key_new_config security_verify_hash security_verify_shadowed_hash "
-    "securityd_bootup_fips_post_test_send_request set_pss_version tlvu_role_set_field_get_next "
-    "tlvu_role_set_field_itr_init tlvu_role_set_get_field tlvu_role_set_get_struct_sz "
-    "tlvu_role_set_get_tlv_sz tlvu_security_notification_field_get_next "
-    "tlvu_security_notification_field_itr_init tlvu_security_notification_get_field "
-    "tlvu_security_notification_get_struct_sz tlvu_security_notification_get_tlv_sz vsh_is_priv_enable "
-    "vsh_is_privilege_enabled ";
+// These allocate nothing, once a first call has filled what is kept:
+// bin_sort_fun change_to_lower cmi_security_common_user_locale_unassign
+// cmi_security_common_user_role_unassign cmi_security_nginx_configure enable_info_config enable_info_to_str
+// is_expired_user_allowed nginx_port_info_config reverse_fun security_banner_info_config
+// security_calculate_md5_shadowed_hash security_check_strength_main security_conf_cmi_byteorder_convert
+// security_conf_compare_username security_conf_default_check security_conf_get_stderr security_conf_get_user
+// security_conf_get_vdc_user security_conf_system security_debug_conf_default_check security_gen_fix_len_salt
+// security_gen_salt security_get_digest_name_from_encryption_type security_get_system_filename
+// security_get_system_username security_get_vdc_from_username security_ltoa security_map_priv_lvl_to_roles
+// security_mts_notify security_mts_usernotif_parser security_nginx_cert_enable security_nginx_ssh_key_config
+// security_pss_create security_pss_move2key security_pss_move2location security_roles_get_tlv_data_sz
+// security_roles_tlv_to_struct security_user_locales_config security_user_roles_config
+// security_user_ssh_key_config security_user_ssh_key_new_config security_verify_hash
+// security_verify_shadowed_hash securityd_bootup_fips_post_test_send_request set_pss_version
+// tlvu_role_set_field_get_next tlvu_role_set_field_itr_init tlvu_role_set_get_field
+// tlvu_role_set_get_struct_sz tlvu_role_set_get_tlv_sz tlvu_security_notification_field_get_next
+// tlvu_security_notification_field_itr_init tlvu_security_notification_get_field
+// tlvu_security_notification_get_struct_sz tlvu_security_notification_get_tlv_sz vsh_is_priv_enable
+// vsh_is_privilege_enabled
 
 class Allocation : public AllocationTest {
  protected:
@@ -210,25 +406,5 @@ TEST_P(Allocation, FailingAtAnyCallIsAStatus) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Functions, Allocation, testing::ValuesIn(kCases), name_of);
-
-// Data needs none: the symbol says which it is.
-TEST(AllocationCases, EveryExportedFunctionHasOne) {
-    std::istringstream others{std::string(kAllocateNothing)};
-    std::set<std::string> examined{std::istream_iterator<std::string>(others), {}};
-    for (const Case& c : kCases) examined.insert(c.function);
-    std::ifstream list(QUILL_EXPORTS);
-    size_t functions = 0;
-    for (std::string name; std::getline(list, name);) {
-        void* address = dlsym(RTLD_DEFAULT, name.c_str());
-        Dl_info info;
-        ElfW(Sym)* symbol = nullptr;
-        ASSERT_NE(0, dladdr1(address, &info, reinterpret_cast<void**>(&symbol), RTLD_DL_SYMENT)) << name;
-        ASSERT_NE(nullptr, symbol) << name;
-        if (ELF64_ST_TYPE(symbol->st_info) != STT_FUNC) continue;
-        ++functions;
-        EXPECT_TRUE(examined.contains(name)) << name;
-    }
-    EXPECT_EQ(functions, examined.size());
-}
 
 }  // namespace

@@ -2,7 +2,6 @@
 #include <sqlite3.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 
 #include "quillplatform.h"

@@ -42,3 +42,29 @@ inline security_user_roles list(const std::string& user, const Texts& names = {}
     for (size_t i = 0; i < names.size(); ++i) names[i].copy(made.roles[i], sizeof made.roles[i]);
     return made;
 }
+
+inline security_user user(const std::string& name, const std::string& password = "", uint32_t encryption = 0,
+                          uint32_t type = 0) {
+    security_user made{};
+    name.copy(made.user_name, sizeof made.user_name);
+    made.user_type = type;
+    made.encryption_type = encryption;
+    password.copy(made.password, sizeof made.password);
+    return made;
+}
+
+inline security_priv_info level(int32_t number, int32_t encryption = 0, const std::string& secret = "") {
+    security_priv_info info{};
+    info.priv_lvl = number;
+    info.encryption_type = encryption;
+    secret.copy(info.secret, sizeof info.secret);
+    info.secret_len = static_cast<int32_t>(secret.size());
+    return info;
+}
+
+inline common_user_member member(const std::string& user, const std::string& name) {
+    common_user_member made{};
+    user.copy(made.user_name, sizeof made.user_name - 1);
+    name.copy(made.name, sizeof made.name - 1);
+    return made;
+}

@@ -134,12 +134,8 @@ TEST_F(VdcAccounts, OneBufferOfNamesIsSharedAndAnotherIsNot) {
 }
 
 TEST_F(VdcAccounts, CountsThoseInBothFiles) {
-    write({{"bob"},
-           {"amy"},
-           {"only", true, false},
-           {"shadow", false, true},
-           {"bob#02#"},
-           {"cy#02#", true, false}});
+    const Account in_passwd{"only", true, false}, in_shadow{"shadow", false, true};
+    write({{"bob"}, {"amy"}, in_passwd, in_shadow, {"bob#02#"}, {"cy#02#", true, false}});
     for (const auto& [context, want] : {std::pair{1, 2u}, {2, 1u}, {3, 0u}}) {
         world().vdc = context;
         uint32_t count = 99;

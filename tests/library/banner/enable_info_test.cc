@@ -7,23 +7,15 @@ namespace {
 using EnableInfo = LibraryTest;
 
 TEST_F(EnableInfo, NamesAndTheirOrder) {
-    const std::pair<int32_t, const char*> expected[] = {{1, "ssh"},
-                                                        {2, "telnet"},
-                                                        {14, "http-server"},
-                                                        {8, "rsa key"},
-                                                        {9, "dsa key"},
-                                                        {10, "rsa1 key"},
-                                                        {12, "fips"},
-                                                        {16, "scp"},
-                                                        {20, "bash-shell"},
-                                                        {21, "ploty"},
-                                                        {22, "ploty http port"},
-                                                        {23, "ploty https port"}};
+    const int32_t codes[] = {1, 2, 14, 8, 9, 10, 12, 16, 20, 21, 22, 23};
+    const char* const names[] = {
+        "ssh",  "telnet", "http-server", "rsa key", "dsa key",         "rsa1 key",
+        "fips", "scp",    "bash-shell",  "ploty",   "ploty http port", "ploty https port"};
     ASSERT_EQ(12, enable_info_str_table_size);
     for (size_t i = 0; i < 12; ++i) {
-        EXPECT_EQ(expected[i].first, enable_info_str_table[i].code);
-        EXPECT_STREQ(expected[i].second, enable_info_str_table[i].name);
-        EXPECT_STREQ(expected[i].second, enable_info_to_str(expected[i].first));
+        EXPECT_EQ(codes[i], enable_info_str_table[i].code);
+        EXPECT_STREQ(names[i], enable_info_str_table[i].name);
+        EXPECT_STREQ(names[i], enable_info_to_str(codes[i]));
     }
     for (const int32_t code : {0, 3, 13, 15, 24, -1}) EXPECT_EQ(nullptr, enable_info_to_str(code)) << code;
 }

@@ -31,12 +31,6 @@ class UserMembers : public AccountFiles {
         write({{"bob"}, {"al"}, {"zoe"}});
         world().roles = world().locales = {"ops"};
     }
-    static common_user_member member(const char* user, const char* name) {
-        common_user_member made{};
-        strcpy(made.user_name, user);
-        strcpy(made.name, name);
-        return made;
-    }
 };
 
 TEST_F(UserMembers, HeldOrNot) {

@@ -14,8 +14,6 @@ using StoreAccess = LibraryTest;
 
 constexpr uint32_t kEnd = 0x404a001c;
 
-// ---- Opening
-
 TEST_F(StoreAccess, AFailedOpenIsRetriedOnceWithTheCreateFlag) {
     const mode_t before = umask(027);
     uint32_t handle = 0;
@@ -36,8 +34,6 @@ TEST_F(StoreAccess, VersionStamp) {
     world().answer = {{"pss_version_set", 0x4048000c}};
     EXPECT_EQ(-1, set_pss_version(kHandle));
 }
-
-// ---- Positioning
 
 // Returns the key that a move finds, or "none".
 std::string found(const pss_descriptor* key) {
@@ -110,8 +106,6 @@ TEST_F(StoreAccess, Move2Location) {
         EXPECT_EQ(trace, world().traces.back());
     }
 }
-
-// ---- Walks
 
 struct Named {
     char name[128];

@@ -1,21 +1,10 @@
 // Passwords of user records: enciphered where they are stored, deciphered where they are read.
-#include <cstring>
 
 #include "tests/fakes/library_test.h"
 
 namespace {
 
 using UserRecord = LibraryTest;
-
-security_user user(const std::string& name, const std::string& password = "", uint32_t encryption = 0,
-                   uint32_t type = 0) {
-    security_user made{};
-    memcpy(made.user_name, name.data(), name.size());
-    made.user_type = type;
-    made.encryption_type = encryption;
-    memcpy(made.password, password.data(), password.size());
-    return made;
-}
 
 // A stored value.
 std::string value(uint32_t type, uint32_t encryption, const std::string& password) {
@@ -44,8 +33,7 @@ TEST_F(UserRecord, ClearPasswordsAreStoredAsCipherText) {
         EXPECT_EQ(value(0, encryption, "xyz"), world().store[name_key(5, "alice")]) << "encoded already";
     }
 
-    std::string longest;
-    for (int i = 0; i < 127; ++i) longest += static_cast<char>('A' + i % 50);
+    const std::string longest(127, 'x');
     record = user("alice", longest);
     EXPECT_EQ(0u, config(SET_REQ, record));
     EXPECT_NE(longest, record.password);

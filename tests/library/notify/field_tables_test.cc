@@ -40,15 +40,11 @@ TEST_F(FieldTables, WordByWord) {
                   {3, 4, 132, 1, 4},
                   {4, 4164, 136, 1, 4164},
                   {5, 1, 4300, 3, 40}});
+    const std::vector<intptr_t> converters = {address(security_roles_struct_to_tlv),
+                                              address(security_roles_tlv_to_struct),
+                                              address(security_roles_get_tlv_data_sz)};
     expect_table(tlvu_role_set_tbl, 4164, "tlvu_role_set_t",
-                 {{1, 4, 0, 1, 4},
-                  {3,
-                   4160,
-                   4,
-                   8,
-                   4160,
-                   {address(security_roles_struct_to_tlv), address(security_roles_tlv_to_struct),
-                    address(security_roles_get_tlv_data_sz)}}});
+                 {{1, 4, 0, 1, 4}, {3, 4160, 4, 8, 4160, converters}});
 }
 
 TEST_F(FieldTables, RoleSetsGoThereAndBack) {

@@ -11,15 +11,6 @@ using PrivInfo = LibraryTest;
 
 constexpr char kHash[] = "$1$1f$134cc78c882a1c63";  // of abc, with the salt of the fake random number
 
-security_priv_info level(int32_t number, int32_t encryption = 0, const std::string& secret = "") {
-    security_priv_info info{};
-    info.priv_lvl = number;
-    info.encryption_type = encryption;
-    memcpy(info.secret, secret.data(), secret.size());
-    info.secret_len = static_cast<int32_t>(secret.size());
-    return info;
-}
-
 security_priv_info hashed(int32_t number) {
     auto info = level(number, 1, kHash);
     info.shadow_style = 1;
@@ -106,8 +97,6 @@ TEST_F(PrivInfo, Traces) {
     }
 }
 
-// ---- Client functions
-
 // The levels that were asked for, as a text of one digit each in base 16.
 std::string levels_asked() {
     std::string asked;
@@ -143,6 +132,7 @@ TEST_F(PrivInfo, CleanupGoesOnWhereALevelHasNone) {
 }
 
 TEST_F(PrivInfo, VerifiesASecret) {
+    const std::string no_end = wire(level(3, 1, std::string(1024, '$')));
     const struct {
         const char* what;
         Reply reply;
@@ -152,11 +142,7 @@ TEST_F(PrivInfo, VerifiesASecret) {
         {"right", {.record = wire(hashed(3))}, "abc", 0, 1},
         {"wrong", {.record = wire(hashed(3))}, "abd", 0x404a0009, 0},
         {"no secret", {.status = 0x404a0045}, "abc", 0x404a0045, 0},
-        {"a field without an end",
-         {.record = wire(level(3, 1, std::string(1024, '$')))},
-         "abc",
-         0x404a0008,
-         0},
+        {"a field without an end", {.record = no_end}, "abc", 0x404a0008, 0},
     };
     for (const auto& c : cases) {
         world().reply = c.reply;

@@ -134,10 +134,7 @@ TEST_F(PasswordStrength, TextHelpers) {
     } cases[] = {
         {"", "", "", ""},
         {"a", "a", "a", "a"},
-        {"bA\xff!",
-         "!\xff"
-         "Ab",
-         "\xff!Ab", "ba\xff!"},
+        {"bA\377!", "!\377Ab", "\377!Ab", "ba\377!"},
         {"ABC", "CBA", "ABC", "Abc"},
         {"dcba", "abcd", "abcd", "dcba"},
     };
