@@ -21,16 +21,11 @@
 
 namespace {
 
-template <class Record>
-std::string bytes(const Record& record) {
-    return {reinterpret_cast<const char*>(&record), sizeof record};
-}
-
 std::string unknown_name() {
     static int number = 0;
-    security_user_roles record{};
-    snprintf(record.user_name, sizeof record.user_name, "nobody%d", ++number);
-    return request_frame(SECURITY_ROLES_REQUEST, GET_REQ, bytes(record));
+    std::string record = "nobody" + std::to_string(++number);
+    record.resize(sizeof(security_user_roles));
+    return request_frame(SECURITY_ROLES_REQUEST, GET_REQ, record);
 }
 
 // One request of each connection is always waiting.
@@ -49,8 +44,7 @@ int measure(int connections, double seconds) {
     const double end = seconds_now() + seconds;
     std::thread others(load, connections, std::cref(end));
     RawClient client;
-    const std::string question =
-        request_frame(SECURITY_ENABLE_INFO_REQUEST, GET_REQ, word(SECURITY_SERVICE_SSH) + word(0));
+    const std::string question = service_frame(GET_REQ, SECURITY_SERVICE_SSH, 0);
     std::vector<double> waits;
     sleep_for(0.2);
     while (seconds_now() < end || waits.size() < 20) {
@@ -106,10 +100,7 @@ int main(int count, char** arguments) {
     if (what == "hash" && count == 4) {
         security_user_manage record = of_user<security_user_manage>(name);
         strncpy(record.password, arguments[3], sizeof record.password - 1);
-        uint32_t length = sizeof record;
-        printf("%#x\n", static_cast<uint32_t>(security_cmi2(SECURITY_USER_MANAGE_REQUEST, SET_REQ, &record,
-                                                            nullptr, &length, 0)));
-        return 0;
+        return ask(SECURITY_USER_MANAGE_REQUEST, SET_REQ, record);
     }
     return 2;
 }
