@@ -6,6 +6,7 @@
 //   asker roles NAME                prints the status and, after success, how many roles there are
 //   asker key NAME                  prints the status
 //   asker hash NAME HASH            sets a stored password; prints the status
+//   asker change COUNT              changes the roles of root so many times
 //   asker delete NAME               deletes an account that quillsec may not see; prints the status
 #include <algorithm>
 #include <chrono>
@@ -59,6 +60,15 @@ int measure(int connections, double seconds) {
     return 0;
 }
 
+int change_roles(int count) {
+    security_user_roles record{"root", 2, {"network-operator", "vdc-operator"}};
+    for (; count > 0; --count) {
+        uint32_t length = sizeof record;
+        if (security_cmi2(SECURITY_ROLES_REQUEST, SET_REQ, &record, nullptr, &length, 0) != 0) return 1;
+    }
+    return 0;
+}
+
 template <class Record>
 Record of_user(const char* name) {
     Record record{};
@@ -89,6 +99,7 @@ int main(int count, char** arguments) {
     const std::string what = count > 1 ? arguments[1] : "";
     const char* name = count > 2 ? arguments[2] : nullptr;
     if (what == "load" && count == 4) return measure(atoi(arguments[2]), atof(arguments[3]));
+    if (what == "change" && name) return change_roles(atoi(name));
     if (what == "orphans") return ask(SECURITY_ORPHANS_REQUEST, DEL_REQ, Orphans{}, &Orphans::dropped);
     if (what == "roles" && name)
         return ask(SECURITY_ROLES_REQUEST, GET_REQ, of_user<security_user_roles>(name),
