@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -19,18 +20,16 @@ std::string with(std::string text, size_t at, const char* other) {
 }
 
 TEST(StoredPassword, IsOneThatSomePasswordCouldHave) {
-    for (const std::string& good :
-         {kSha512, kBcrypt, kYescrypt, kScrypt, "!" + kSha512, std::string("ubphBI5lDzSYc"),
-          std::string("$1$vE3gfIJ7$uD8xgX7NLpg/aM7ch71v.0"), std::string("_J9..Guz81BNdJC/H2Yk"),
-          std::string("!"), std::string("*"), std::string("!*"), std::string("!!!!!!!!!!!")})
+    for (const auto& good : std::vector<std::string>{kSha512, kBcrypt, kYescrypt, kScrypt, "!" + kSha512,
+                                                     "ubphBI5lDzSYc", "$1$vE3gfIJ7$uD8xgX7NLpg/aM7ch71v.0",
+                                                     "_J9..Guz81BNdJC/H2Yk", "!", "*", "!*", "!!!!!!!!!!!"})
         EXPECT_TRUE(quill::verifiable_password(good.c_str())) << good;
-    for (const std::string& bad :
-         {std::string(), std::string("hunter2"), std::string("correcthorse1"), std::string("$6$salt$hash"),
-          std::string("$9$salt$hash"), std::string("$"), std::string("_"), std::string("$2b$"),
-          kSha512.substr(0, kSha512.size() - 1), kSha512 + ".", with(kSha512, 30, ":"),
-          with(kSha512, 30, "\n"), with(kBcrypt, 4, "31"), with(kYescrypt, 4, "F"), with(kYescrypt, 4, "z"),
-          with(kScrypt, 3, "G"), std::string("$6$rounds=999999999") + kSha512.substr(2),
-          std::string("_zzzzGuz81BNdJC/H2Yk")})
+    for (const auto& bad : std::vector<std::string>{
+             "", "hunter2", "correcthorse1", "$6$salt$hash", "$9$salt$hash", "$", "_", "$2b$",
+             kSha512.substr(0, kSha512.size() - 1), kSha512 + ".", with(kSha512, 30, ":"),
+             with(kSha512, 30, "\n"), with(kBcrypt, 4, "31"), with(kYescrypt, 4, "F"),
+             with(kYescrypt, 4, "z"), with(kScrypt, 3, "G"),
+             std::string("$6$rounds=999999999") + kSha512.substr(2), "_zzzzGuz81BNdJC/H2Yk"})
         EXPECT_FALSE(quill::verifiable_password(bad.c_str())) << bad;
 }
 }  // namespace

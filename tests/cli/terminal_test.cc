@@ -81,8 +81,16 @@ class Screen {
     Screen(const Screen&) = delete;
     Screen& operator=(const Screen&) = delete;
 
-    // Waits until the screen shows the text, after the text of the previous call. Returns false after 20 seconds.
-    bool shows(const std::string& text) {
+    // Waits until the screen shows the text, after the text of the previous call. Fails after 20 seconds.
+    void shows(const std::string& text) { EXPECT_TRUE(comes(text)) << text << " is not in: " << screen_; }
+    void types(const std::string& text) {
+        ASSERT_EQ(static_cast<ssize_t>(text.size()), write(terminal_, text.data(), text.size()));
+    }
+    void ends_in_the_background() const { kill(shell_, SIGUSR1); }
+    const std::string& all() const { return screen_; }
+
+ private:
+    bool comes(const std::string& text) {
         for (;;) {
             const size_t found = screen_.find(text, seen_);
             if (found != std::string::npos) {
@@ -97,13 +105,7 @@ class Screen {
             screen_.append(bytes, static_cast<size_t>(count));
         }
     }
-    void types(const std::string& text) {
-        ASSERT_EQ(static_cast<ssize_t>(text.size()), write(terminal_, text.data(), text.size()));
-    }
-    void ends_in_the_background() const { kill(shell_, SIGUSR1); }
-    const std::string& all() const { return screen_; }
 
- private:
     int terminal_ = -1;
     pid_t shell_;
     std::string screen_;
@@ -138,20 +140,19 @@ TEST_F(TypedSecret, IsAskedForTwiceToSetAndOnceToVerify) {
     };
     for (const auto& c : cases) {
         Screen screen({"secret", "set", "3", "--accept-weak"});
-        ASSERT_TRUE(screen.shows(kPrompt));
+        screen.shows(kPrompt);
         screen.types(std::string(c.first) + "\n");
-        ASSERT_TRUE(screen.shows(kAgain)) << screen.all();
+        screen.shows(kAgain);
         screen.types(std::string(c.second) + "\n");
-        EXPECT_TRUE(screen.shows(c.says)) << screen.all();
-        EXPECT_TRUE(screen.shows("[ended " + std::to_string(c.exit) + ", echo on, 0 bytes left]"))
-            << screen.all();
+        screen.shows(c.says);
+        screen.shows("[ended " + std::to_string(c.exit) + ", echo on, 0 bytes left]");
         EXPECT_EQ(std::string::npos, screen.all().find("hun")) << screen.all();
     }
     for (const auto& [typed, exit] : {std::pair{"hunter2", 0}, {"hunter3", 1}}) {
         Screen screen({"secret", "verify", "3"});
-        ASSERT_TRUE(screen.shows(kPrompt));
+        screen.shows(kPrompt);
         screen.types(std::string(typed) + "\n");
-        EXPECT_TRUE(screen.shows("[ended " + std::to_string(exit) + ", echo on")) << screen.all();
+        screen.shows("[ended " + std::to_string(exit) + ", echo on");
     }
 }
 
@@ -172,55 +173,52 @@ TEST_F(TypedSecret, IsRefusedLikeAnyOther) {
     };
     for (const auto& c : cases) {
         Screen screen({"secret", "set", "3", "--accept-weak"});
-        ASSERT_TRUE(screen.shows(kPrompt));
+        screen.shows(kPrompt);
         screen.types(c.typed);
-        EXPECT_TRUE(screen.shows(c.says)) << screen.all();
-        EXPECT_TRUE(screen.shows("[ended " + std::to_string(c.exit) + ", echo on, 0 bytes left]"))
-            << screen.all();
+        screen.shows(c.says);
+        screen.shows("[ended " + std::to_string(c.exit) + ", echo on, 0 bytes left]");
     }
 }
 
 TEST_F(TypedSecret, SignalsFindTheTerminalRestored) {
     Screen screen({"secret", "set", "3", "--accept-weak"});
-    ASSERT_TRUE(screen.shows(kPrompt));
+    screen.shows(kPrompt);
     screen.types("hun\x1a");
-    EXPECT_TRUE(screen.shows("[stopped by 20, echo on, 0 bytes left]")) << screen.all();
+    screen.shows("[stopped by 20, echo on, 0 bytes left]");
     // After SIGCONT it asks again from the start.
-    ASSERT_TRUE(screen.shows(kPrompt)) << screen.all();
+    screen.shows(kPrompt);
     screen.types("hunter2\n");
-    ASSERT_TRUE(screen.shows(kAgain)) << screen.all();
+    screen.shows(kAgain);
     screen.types("\x1a");
-    EXPECT_TRUE(screen.shows("[stopped by 20, echo on, 0 bytes left]")) << screen.all();
-    ASSERT_TRUE(screen.shows(kPrompt)) << screen.all();
+    screen.shows("[stopped by 20, echo on, 0 bytes left]");
+    screen.shows(kPrompt);
     screen.types(
         "hun\x04"
         "ter2\x03");
-    EXPECT_TRUE(screen.shows("[killed by 2, echo on, 0 bytes left]")) << screen.all();
+    screen.shows("[killed by 2, echo on, 0 bytes left]");
     EXPECT_EQ(std::string::npos, screen.all().find("hun")) << screen.all();
 }
 
 TEST_F(TypedSecret, TheTerminalIsRestoredFromTheBackgroundToo) {
     Screen screen({"secret", "verify", "3"});
-    ASSERT_TRUE(screen.shows(kPrompt));
+    screen.shows(kPrompt);
     screen.ends_in_the_background();
-    EXPECT_TRUE(screen.shows("[killed by 15, echo on")) << screen.all();
+    screen.shows("[killed by 15, echo on");
 }
 
 TEST_F(TypedSecret, AllAreDeletedOnlyForAYes) {
     for (const auto& [typed, exit] : {std::pair{"y", 0}, {"YES", 0}, {"", 1}, {"n", 1}, {"yet", 1}}) {
         Screen screen({"secret", "delete", "--all"});
-        ASSERT_TRUE(screen.shows("delete the secrets of all privilege levels? [y/N] ")) << screen.all();
+        screen.shows("delete the secrets of all privilege levels? [y/N] ");
         screen.types(std::string(typed) + "\n");
-        EXPECT_TRUE(screen.shows("[ended " + std::to_string(exit) + ", echo on")) << screen.all();
+        screen.shows("[ended " + std::to_string(exit) + ", echo on");
     }
 }
 
 TEST_F(TypedSecret, IsNotReadFromATerminalThatShowsIt) {
     Screen screen({"secret", "set", "3", "--stdin"});
-    EXPECT_TRUE(
-        screen.shows("standard input is a terminal, which would show what is typed; leave out --stdin"))
-        << screen.all();
-    EXPECT_TRUE(screen.shows("[ended 2")) << screen.all();
+    screen.shows("standard input is a terminal, which would show what is typed; leave out --stdin");
+    screen.shows("[ended 2");
 }
 
 }  // namespace

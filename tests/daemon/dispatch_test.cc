@@ -253,6 +253,7 @@ TEST_F(Dispatch, ChangesAndRefusalsAreToldInWords) {
         {5161, DEL_REQ, list("no-such", {"de"}), "locales of 'no-such': -de", SECURITY_ERR_NOT_FOUND},
         {170, SET_REQ, in_field("zoe", 2328), "SSH key of 'zoe': changed"},
         {170, DEL_REQ, in_field("zoe", 2328), "SSH key of 'zoe': deleted"},
+        {170, SET_REQ, in_field("", 2328), "SSH key of '': change", SECURITY_ERR_NO_USER},
         {170, SET_REQ, in_field("", 8321), "SSH key of '': change", SECURITY_ERR_NO_USER},
         {5157, SET_REQ, key_pair(6, "no-such"), "DSA key pair of 'no-such': generation",
          SECURITY_ERR_NO_USER},

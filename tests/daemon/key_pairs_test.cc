@@ -183,14 +183,4 @@ TEST_F(KeyPairs, DoNotWaitForAStoppedProcess) {
     EXPECT_TRUE(run("for i in $(seq 100); do pgrep -u sam || exit 0; sleep 0.02; done; exit 1"));
 }
 
-TEST(KeyRecords, AreSomebodys) {
-    for (const uint32_t size : {2328, 8321}) {
-        std::vector<unsigned char> record(size);
-        quill::Request request{SECURITY_SSHKEY_FILE_REQUEST, SET_REQ, 0, "", record.data(), size};
-        quill::ConnectionState state;
-        EXPECT_EQ(SECURITY_ERR_NO_USER,
-                  quill::dispatch(quill::routes(), 0, {true, true, 0, 1}, state, request).status);
-    }
-}
-
 }  // namespace

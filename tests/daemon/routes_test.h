@@ -9,6 +9,7 @@
 #include "quillplatform.h"
 #include "quillsecurity.h"
 #include "tests/support/box.h"
+#include "tests/support/daemon.h"
 
 constexpr quill::Peer kRoot{true, true, 0, 321}, kOther{true, false, 1000, 321}, kUnknown{};
 
@@ -17,10 +18,6 @@ std::string bytes_of(const Record& record) {
     return {reinterpret_cast<const char*>(&record), sizeof record};
 }
 
-inline std::string word(uint32_t number) {
-    const uint32_t bytes = __builtin_bswap32(number);
-    return bytes_of(bytes);
-}
 inline std::string service(uint32_t code, uint32_t value) { return word(code) + word(value); }
 inline std::string in_field(const std::string& text, size_t size) {
     return text + std::string(size - text.size(), '\0');

@@ -6,6 +6,7 @@
 //   asker roles NAME                prints the status and, after success, how many roles there are
 //   asker key NAME                  prints the status
 //   asker hash NAME HASH            sets a stored password; prints the status
+//   asker change COUNT              changes the roles of root so many times
 //   asker delete NAME               deletes an account that quillsec may not see; prints the status
 #include <algorithm>
 #include <chrono>
@@ -21,16 +22,11 @@
 
 namespace {
 
-template <class Record>
-std::string bytes(const Record& record) {
-    return {reinterpret_cast<const char*>(&record), sizeof record};
-}
-
 std::string unknown_name() {
     static int number = 0;
-    security_user_roles record{};
-    snprintf(record.user_name, sizeof record.user_name, "nobody%d", ++number);
-    return request_frame(SECURITY_ROLES_REQUEST, GET_REQ, bytes(record));
+    std::string record = "nobody" + std::to_string(++number);
+    record.resize(sizeof(security_user_roles));
+    return request_frame(SECURITY_ROLES_REQUEST, GET_REQ, record);
 }
 
 // One request of each connection is always waiting.
@@ -49,8 +45,7 @@ int measure(int connections, double seconds) {
     const double end = seconds_now() + seconds;
     std::thread others(load, connections, std::cref(end));
     RawClient client;
-    const std::string question =
-        request_frame(SECURITY_ENABLE_INFO_REQUEST, GET_REQ, word(SECURITY_SERVICE_SSH) + word(0));
+    const std::string question = service_frame(GET_REQ, SECURITY_SERVICE_SSH, 0);
     std::vector<double> waits;
     sleep_for(0.2);
     while (seconds_now() < end || waits.size() < 20) {
@@ -62,6 +57,15 @@ int measure(int connections, double seconds) {
     others.join();
     std::sort(waits.begin(), waits.end());
     printf("%.1f\n", waits[waits.size() * 99 / 100] * 1000);
+    return 0;
+}
+
+int change_roles(int count) {
+    security_user_roles record{"root", 2, {"network-operator", "vdc-operator"}};
+    for (; count > 0; --count) {
+        uint32_t length = sizeof record;
+        if (security_cmi2(SECURITY_ROLES_REQUEST, SET_REQ, &record, nullptr, &length, 0) != 0) return 1;
+    }
     return 0;
 }
 
@@ -95,6 +99,7 @@ int main(int count, char** arguments) {
     const std::string what = count > 1 ? arguments[1] : "";
     const char* name = count > 2 ? arguments[2] : nullptr;
     if (what == "load" && count == 4) return measure(atoi(arguments[2]), atof(arguments[3]));
+    if (what == "change" && name) return change_roles(atoi(name));
     if (what == "orphans") return ask(SECURITY_ORPHANS_REQUEST, DEL_REQ, Orphans{}, &Orphans::dropped);
     if (what == "roles" && name)
         return ask(SECURITY_ROLES_REQUEST, GET_REQ, of_user<security_user_roles>(name),
@@ -106,10 +111,7 @@ int main(int count, char** arguments) {
     if (what == "hash" && count == 4) {
         security_user_manage record = of_user<security_user_manage>(name);
         strncpy(record.password, arguments[3], sizeof record.password - 1);
-        uint32_t length = sizeof record;
-        printf("%#x\n", static_cast<uint32_t>(security_cmi2(SECURITY_USER_MANAGE_REQUEST, SET_REQ, &record,
-                                                            nullptr, &length, 0)));
-        return 0;
+        return ask(SECURITY_USER_MANAGE_REQUEST, SET_REQ, record);
     }
     return 2;
 }

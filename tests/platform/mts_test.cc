@@ -182,15 +182,6 @@ TEST_F(Transport, ListenersCannotSpeak) {
     EXPECT_EQ("173 still here", listener.next());
 }
 
-TEST_F(Transport, ListenersOfOtherContextsAreRefused) {
-    const ServerProcess fanout = fan_out();
-    ASSERT_EQ(0, symlink(".", (std::string(getenv("QUILL_RUNTIME_DIR")) + "/vdc_2").c_str()));
-    setenv("SYSMGR_VDC_ID", "2", 1);
-    EXPECT_EQ(EXDEV, Listener().error);
-    unsetenv("SYSMGR_VDC_ID");
-    EXPECT_EQ(0, Listener().error);
-}
-
 TEST_F(Transport, PlacesAreLimitedAndAdministratorsOnly) {
     constexpr gid_t kAdministrators = 4242;
     const ServerProcess fanout = fan_out(kAdministrators);

@@ -23,7 +23,6 @@ struct Fault {
     std::atomic<unsigned> failed;   // calls of these that failed
     std::atomic<unsigned> flushes;  // successful calls of fsync() and fdatasync()
     std::atomic<bool> unflushed;    // a file was changed since the last flush
-    std::atomic<bool> hide_peers;   // getsockopt(SO_PEERCRED) fails
     std::atomic<bool> old_kernel;   // setsockopt(SO_PASSRIGHTS) fails, as on kernels before 6.16
 
     void arm(int with, unsigned first = 0, unsigned count = UINT_MAX, int of_kinds = kAny) {

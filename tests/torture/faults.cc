@@ -1,6 +1,5 @@
-// Preloaded into the daemon, or linked into a test of the store: system calls on the store's files, and queries
-// of a client's credentials, fail as fault.h says. The path of a descriptor is looked up for each call, so that
-// no file is missed.
+// Preloaded into the daemon, or linked into a test of the store: system calls on the store's files fail as
+// fault.h says. The path of a descriptor is looked up for each call, so that no file is missed.
 #include "tests/torture/fault.h"
 
 #include <sys/socket.h>
@@ -115,15 +114,6 @@ CALL(int, renameat2, (int from, const char* name, int to, const char* other, uns
 
 INTERPOSED int fsync(int file) { return flush(file); }
 INTERPOSED int fdatasync(int file) { return flush(file); }
-
-INTERPOSED int getsockopt(int socket, int level, int option, void* value, socklen_t* size) noexcept {
-    const Fault* fault = set_up();
-    if (fault != nullptr && fault->hide_peers && level == SOL_SOCKET && option == SO_PEERCRED) {
-        errno = EIO;
-        return -1;
-    }
-    return original<decltype(getsockopt)>("getsockopt")(socket, level, option, value, size);
-}
 
 INTERPOSED int setsockopt(int socket, int level, int option, const void* value, socklen_t size) noexcept {
     constexpr int kPassRights = 83;
