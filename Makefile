@@ -1,8 +1,9 @@
-# The front door. CMakePresets.json says how things are built, packaging/ what that needs and where it runs.
+# The commands of this tree. CMakePresets.json has the build options; packaging/install-deps installs what a
+# target needs, and packaging/sandbox is where the demo and the tests run.
 
-# Compilations and tests at a time.
+# The number of compilations, or tests, that run at the same time.
 JOBS ?= 2
-# Where `make install` puts things; DESTDIR goes before it, for packagers.
+# Where `make install` installs; DESTDIR, for building packages, is put in front of it.
 PREFIX ?= /usr/local
 DESTDIR ?=
 FUZZ_SECONDS ?= 60

@@ -1,6 +1,8 @@
-// Names of accounts and files in virtual device contexts. All contexts share one set of account files: a name
-// of context 1 is stored as it is, a name of another context with the suffix "#NN#", the context's number in
-// two digits.
+// Names of accounts and files in virtual device contexts. All contexts share one set of account files, so a
+// name has two forms:
+//   plain name   what the users of a context call it: "amy"
+//   stored name  what the account files call it: in context 1 the plain name, in another context the
+//                qualified name, "amy#02#": with the suffix "#NN#", the context's number in two digits
 #pragma once
 
 #include <cstddef>

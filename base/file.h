@@ -22,8 +22,8 @@ inline int create_file(const char* path, mode_t mode) {
 }
 
 // Replaces `path` with a new file owned by us, opened for writing. In a directory that everybody can write to,
-// such as /tmp, the sticky bit then keeps other users from replacing it again. Fails if the existing file
-// belongs to somebody else.
+// such as /tmp, the sticky bit then keeps other users from replacing it again. Fails if there is a file that
+// cannot be removed, as the sticky bit prevents for a file of another user.
 inline int replace_file(const char* path, mode_t mode) {
     unlink(path);
     return create_file(path, mode);

@@ -1,6 +1,6 @@
-// What one end of a connection remembers of the lists that were read there in order to be changed: a client
-// reads a user's list, changes it and stores all of it, which must not overwrite a change that another client
-// stored in between.
+// What the daemon and a client remember of the lists that were read over a connection in order to change
+// them: a client reads a user's list, changes it and stores all of it, which must not overwrite a change that
+// another client stored in between.
 #pragma once
 
 #include <cstddef>

@@ -35,7 +35,7 @@ inline std::span<const NameSlot> names_in_use(int32_t count, const NameSlot (&sl
     return {slots, static_cast<size_t>(std::clamp(count, 0, kMostNames))};
 }
 
-// Terminates each name at the last byte of its slot, where it does not end before.
+// Puts a terminator into the last byte of each slot.
 inline void terminate_names(std::span<NameSlot> names) {
     for (NameSlot& name : names) name[sizeof name - 1] = '\0';
 }

@@ -20,11 +20,13 @@ using std::chrono::milliseconds;
 
 constexpr size_t kMostInput = 4096;
 constexpr milliseconds kDeathTime{1000};
-constexpr int kLook = 10;  // milliseconds, if only the end of the process counts and not that of its output
-constexpr int kLastReads = 16;  // of its output after that, which others may write without end
 
-// Children that nobody waits for any more; 0 for a free place. If there is none, a child stays a zombie until
-// this process ends.
+// For Program::leaves_processes: other processes may keep the output open, and write to it without end.
+constexpr int kLook = 10;       // milliseconds from one look whether the program has ended to the next
+constexpr int kLastReads = 16;  // reads of the output, at most, after its end
+
+// Children that nobody waits for any more; 0 for a free place. If no place is free, a child stays a zombie
+// until this process ends.
 std::array<pid_t, 16> unreaped;
 
 void reap_others() {
@@ -41,7 +43,7 @@ pid_t fork_without_handlers() {
         sigprocmask(SIG_SETMASK, &before, nullptr);
         return child;
     }
-    // Those that are ignored stay so, as SIGINT in a shell's background jobs.
+    // Ignored signals stay ignored, as SIGINT is in a shell's background jobs.
     for (const int number : {SIGTERM, SIGINT, SIGUSR1})
         if (signal(number, SIG_DFL) == SIG_IGN) signal(number, SIG_IGN);
     for (const int number : {SIGALRM, SIGPIPE, SIGXFSZ, SIGCHLD}) signal(number, SIG_DFL);

@@ -49,8 +49,8 @@ void die_with_parent(pid_t parent);
 // A child process. It has none of our signal handlers, because they may write to an event loop through
 // descriptors that it shares, and no signal is blocked in it.
 //
-// Destroying this object does not end the process: then, and if even SIGKILL does not end it in time, it is
-// reaped when another child is started after its end.
+// Destroying this object does not end the process. Such a process, and one that SIGKILL does not end in time,
+// is reaped when a later child is started.
 class Child {
  public:
     Child() = default;
@@ -87,7 +87,7 @@ class Child {
     // Kills it and waits for its end, at most a second. Does nothing if wait() has returned true.
     void end();
 
-    // Once it has ended; what it has written so far before that.
+    // The result, once it has ended. Before that, only `output` is set: to what has been read so far.
     const ProgramResult& result() const { return result_; }
 
  private:
@@ -119,7 +119,7 @@ class Child {
     bool reap(Deadline deadline);
 
     Unreaped pid_;
-    Descriptor output_;  // where it is read until all writers have ended
+    Descriptor output_;  // the end that is read; closed when all writers have ended
     size_t most_output_ = 0;
     bool leaves_processes_ = false;
     ProgramResult result_;

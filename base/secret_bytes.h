@@ -21,7 +21,7 @@ struct WipingAllocator : std::allocator<Type> {
     }
 };
 
-// All memory that it had is wiped: when it is destroyed, when it grows, and in its copies.
+// A vector that wipes each block of memory before it frees it: also the old block when it grows.
 using SecretBytes = std::vector<char, WipingAllocator<char>>;
 
 inline std::string_view view(const SecretBytes& bytes) { return {bytes.data(), bytes.size()}; }

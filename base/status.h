@@ -1,4 +1,4 @@
-// Statuses as a number: which component they come from, and the errno in those of the transport.
+// The parts of a status: the component that it comes from, and the errno in a status of the transport.
 #pragma once
 
 #include <cstdint>

@@ -21,7 +21,7 @@ constexpr std::string_view kDigits = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcd
 // are far above the defaults of all programs that set passwords, and stay near a second of work.
 struct Limit {
     std::string_view prefix;
-    uint32_t most;  // of the decimal number behind the prefix; 0: the method's work is small and fixed
+    uint32_t most;  // limit of the number behind the prefix; 0: there is none, the work is small and fixed
 };
 constexpr Limit kLimits[] = {
     {"$6$rounds=", 1000000},
@@ -39,8 +39,9 @@ constexpr Limit kLimits[] = {
     {"$sha1$", 500000},
 };
 
-// The parameters of yescrypt and scrypt as crypt_gensalt(3) writes them, with up to 128 MiB of memory. The
-// digit that gives the memory is the logarithm of it; in their alphabet digits are in the order of ASCII.
+// Parameters of yescrypt and scrypt are accepted in the form that crypt_gensalt(3) writes, with up to 128 MiB
+// of memory. One digit is the logarithm of the memory; kDigits are in the order of ASCII, so `<=` compares
+// them.
 constexpr char kMostMemory = 'C';
 inline bool affordable_yescrypt(std::string_view parameters) {
     return parameters.size() > 3 && parameters[0] == 'j' && parameters[1] <= kMostMemory &&

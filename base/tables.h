@@ -1,6 +1,6 @@
 // The tables of the store: the number that begins every key, what follows it in the key, and the value.
-// A walk that starts in a table of locales goes on into the tables behind it, so the numbers are part
-// of behaviour.
+// The handlers of locales and SSH keys walk on from their table into those behind it, so callers see the
+// order of the numbers.
 #pragma once
 
 #include <cstdint>

@@ -17,8 +17,9 @@ using Line = Wiped<LineBytes>;
 
 enum class ReadByte { kByte, kEnd, kFailed };
 
-// Reads one byte and appends it to the line. Returns kEnd for a newline, at the end of the input, and when the line
-// is longer than `longest`, by one byte; kFailed with errno on failure.
+// Reads one byte and appends it to the line. Returns kEnd if the line is complete: for a newline, which is
+// not appended, at the end of the input, and as soon as the line has `longest` + 1 bytes. Returns kFailed,
+// with errno, on failure.
 ReadByte read_byte(int descriptor, size_t longest, Line& line);
 
 // Reads a line, and nothing behind its newline: that is for the next reader. A line that is too long has a length of

@@ -30,8 +30,8 @@ int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
     occupy_standard_descriptors();
 
-    // Only for the daemon's log, where it stands beside the user id that the kernel reports. So the environment is
-    // trusted and no user database is searched.
+    // This name is only for the daemon's log, which also has the user id that the kernel reports. So it is
+    // taken from the environment, and no user database is searched.
     security_cmi_username = getenv("LOGNAME");
     security_cmi_session_id = static_cast<uint32_t>(getpid());
 

@@ -31,7 +31,7 @@ Answer check(const Arguments& arguments) {
         return security_user_password_check_psec_norm(0, password.bytes, user.c_str());
     }();
     if (objection == 0) return Remark{"accepted", {true, "this password is good enough"}};
-    const std::string rule = reinterpret_cast<const char*>(objection);  // NOLINT: so it is documented
+    const std::string rule = reinterpret_cast<const char*>(objection);  // NOLINT: documented as an address
     if (lacks_dictionary(user, password.bytes))
         throw no_dictionary(fmt::format("user '{}'", user), "password");
     return {Remark{"accepted", {Json(false), rule}, {{"rule", rule}}}, Exit::kFailed};

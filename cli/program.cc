@@ -31,13 +31,13 @@ constexpr const char* kExitCodes =
     "  1 failed         4 exists already   7 daemon not reachable  10 timeout\n"
     "  2 wrong usage    5 not permitted    8 busy";
 
-// The words, and the value of the one option that is not for a verb.
+// The words, and the value of --timeout, the one global option that has a value.
 struct CommandLine {
     std::span<const char* const> words;
     std::optional<std::string> timeout = {};
 
-    // Declaring takes most of the time, so a noun or verb is declared only if it is one of the words, or if help may
-    // list it.
+    // Declaring nouns and verbs to CLI11 takes most of the time of a run. So one is declared only if it is
+    // among the words, or if help may list it.
     bool may_have(std::string_view name) const {
         return std::ranges::any_of(words, [&](std::string_view word) {
             return word == name || word.starts_with("-h") || word.starts_with("--help");

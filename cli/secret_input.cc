@@ -41,12 +41,12 @@ void read_from_stdin(const SecretWanted& wanted, Line& secret) {
     check(wanted, secret);
 }
 
-// Returns false if a signal has to be delivered first; then it is asked for again.
+// Returns false if a signal has to be delivered first; the caller then asks again.
 bool ask(const Terminal& terminal, const HiddenInput& hidden, const std::string& prompt, size_t longest,
          Line& line) {
     terminal.show(printable(prompt));
     const bool answered = hidden.read_line(longest, line);
-    terminal.show("\n");  // the typed one is not shown
+    terminal.show("\n");  // the newline that was typed is not shown
     return answered;
 }
 

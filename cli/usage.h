@@ -19,7 +19,8 @@ using Levels = std::vector<const CLI::App*>;
 
 Levels recognised(const CLI::App& root);
 
-// Return the noun and the verb of two or three levels; without a verb, the noun's first.
+// Return the noun, and the verb, of levels that have at least a noun. If no verb was given, it is the noun's
+// first.
 const Noun& noun_of(const Levels& levels);
 const Verb& verb_of(const Levels& levels);
 

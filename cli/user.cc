@@ -133,9 +133,9 @@ void send_key(const std::string& name, std::optional<KeyFile>& key) {
     if (key) require_success(key->send(), user_object(name), "change");
 }
 
-// Returns true for a status that only the requests after the creation of the account have.
+// Returns true for a status after which the account may exist, because a later request failed.
 bool follows_creation(uint32_t status) {
-    // With SECURITY_ERR_ACCOUNT_TOOL from the creation itself, no account is left.
+    // If the creation itself fails with SECURITY_ERR_ACCOUNT_TOOL, no account is left; the caller looks.
     return status == SECURITY_ERR_PASSWD_UNDELIVERED || status == SECURITY_ERR_ACCOUNT_TOOL;
 }
 

@@ -43,7 +43,8 @@ bool has_key_as(const std::string& user) {
     return status == SECURITY_OK;
 }
 
-// In either format. The library's own request for the second one has no name.
+// Looks for a key in either format. The library's own request for the second format is sent without the
+// user's name, so it is not used here.
 bool has_key(const std::string& user) {
     return has_key_as<ssh_key_rec>(user) || has_key_as<ssh_key_new_rec>(user);
 }

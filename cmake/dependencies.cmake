@@ -21,7 +21,7 @@ pkg_check_modules(libcrypt REQUIRED IMPORTED_TARGET libcrypt)
 pkg_check_modules(sqlite3 REQUIRED IMPORTED_TARGET sqlite3)
 pkg_check_modules(inih REQUIRED IMPORTED_TARGET inih)
 pkg_check_modules(libevent REQUIRED IMPORTED_TARGET libevent_core)  # Libevent's CMake package requires all its components
-find_library(CRACK_LIBRARY crack REQUIRED)      # has no such file
+find_library(CRACK_LIBRARY crack REQUIRED)      # has neither
 find_library(DEFLATE_LIBRARY deflate REQUIRED)  # its pkg-config file names a wrong folder
 find_package(CLI11 REQUIRED)
 find_package(fmt REQUIRED)

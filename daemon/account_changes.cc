@@ -75,7 +75,7 @@ bool remove_all_lines(const char* stored, const AccountRemains& remains) {
     return removed;
 }
 
-// Returns true as well if the group is by now the primary group of another account, which keeps it.
+// Returns true also if the group has become the primary group of another account, which keeps it.
 bool remove_group(const char* stored) {
     const AccountToolResult removed = delete_group(stored);
     if (removed.ok()) return true;
@@ -83,8 +83,9 @@ bool remove_group(const char* stored) {
     return removed.code == kPrimaryGroup;
 }
 
-// Removes everything of an account of ours, whose user may be running processes. Returns false if that must be
-// tried again, but not for a home that cannot be removed.
+// Removes an account of the daemon with its group, lines, mail and home, and ends the user's processes if
+// they prevent that. Returns false if it must be tried again; a home that cannot be removed is no reason for
+// that.
 bool remove_remains(const char* stored) {
     AccountRemains remains = remains_of(stored);
     if (!remains.known) return false;
@@ -260,7 +261,7 @@ uint32_t remove_account(uint32_t store, security_user_manage& wish, const char (
         if (removed.decided()) end(store);  // userdel refused, and changed nothing
         return tell(wish, removed.ok() ? AccountToolResult{{1, removed.output}} : removed);
     }
-    // The account is gone. What fails from here on is tried again before the next change, for the entry.
+    // The account is gone. After a failure from here on the entry stays, so the next change completes this.
     if (!remove_remains(stored)) return SECURITY_ERR_ACCOUNT_REPAIR;
     status = drop_records(store, pending.user);
     if (status == SECURITY_OK) end(store);

@@ -23,8 +23,8 @@ bool nothing_is_pending(uint32_t store);
 bool repair_pending(uint32_t store);
 
 // Removes the lines that a former account of this name left in files other than passwd and group. Returns
-// SECURITY_ERR_NOT_FOUND if there are none or an account has the name, and SECURITY_ERR_ACCOUNTS_IN_USE if they
-// cannot be removed.
+// SECURITY_ERR_NOT_FOUND if there are none or an account has the name, SECURITY_ERR_ACCOUNTS_IN_USE if they
+// cannot be removed, and SECURITY_ERR_ACCOUNT_TOOL if the files cannot be read.
 uint32_t remove_leftover_lines(const char* stored);
 
 // Each returns the status for the reply, and sets the error text and the return code of a program that failed.

@@ -77,7 +77,8 @@ AccountFileLock::AccountFileLock(const std::string& path) {
             if (!file_->write({holder.c_str(), holder.size() + 1})) file_.reset();
             return;
         }
-        // An empty one is replaced as well: nobody is about to write to it, without the lock of all files.
+        // An empty file is replaced as well: no process is about to write its ID into it, since only a holder
+        // of the lock of all files may, and that is the caller.
         const bool held = errno != EEXIST || look_at(lock) == LockFile::kHeld;
         file_.reset();
         if (held) return;

@@ -22,7 +22,7 @@ namespace {
 
 constexpr size_t kMostOrphans = 25;
 
-// They are walked by their keys: the handlers of locales and SSH keys would walk on into other tables.
+// Walked by key here, since the handlers of locales and SSH keys would walk on into other tables.
 constexpr uint32_t kTablesOfUsers[] = {kRolesTable, kLocalesTable, kSshKeysTable, kSshKeyFilesTable};
 
 template <class Record, uint32_t (*handler)(uint32_t, uint32_t, Record*)>

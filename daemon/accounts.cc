@@ -36,15 +36,15 @@ bool is_portable(const char* name) {
     return *name != '\0' && strchr(kFirst, *name) != nullptr && name[strspn(name, kRest)] == '\0';
 }
 
-// Sets the name in the account files for a plain name. Returns false if no account of this daemon can have it.
+// Converts a plain name to the stored name. Returns false if no account of this daemon can have that name.
 bool to_stored(const char* user, char (&stored)[kStoredName]) {
     if (!is_portable(user)) return false;
     set_text(stored, security_get_system_username(user));
     return strlen(stored) <= kLongestName;
 }
 
-// "%d-%d-%d" as the day that the tools and the shadow file count; empty for a text that is no date to come
-// after the first of them.
+// Converts an expiry date, "year-month-day", to days since 1970-01-01, which the account programs and the
+// shadow file use. Returns "" for a text that is not a date from 1970-01-02 to 2037-12-31.
 std::string day_of(const char* text) {
     using namespace std::chrono;
     const std::optional<Date> parsed = parse_date(text);
@@ -120,7 +120,7 @@ uint32_t change(uint32_t store, uint32_t operation, security_user_manage& wish, 
 uint32_t change_password_of(uint32_t store, security_passwd& wish) {
     char stored[kStoredName];
     if (!to_stored(wish.user_name, stored)) return SECURITY_ERR_USER_NAME;
-    if (!repair_pending(store)) return SECURITY_ERR_ACCOUNT_REPAIR;  // which may remove the account
+    if (!repair_pending(store)) return SECURITY_ERR_ACCOUNT_REPAIR;  // first: it may remove the account
     const AccountRemains remains = remains_of(stored);
     const uint32_t status = check_owner(wish.user_name, remains);
     if (status != SECURITY_OK) return status;
@@ -133,7 +133,7 @@ uint32_t change_password_of(uint32_t store, security_passwd& wish) {
     return result.files_locked ? SECURITY_ERR_ACCOUNTS_IN_USE : SECURITY_ERR_ACCOUNT_TOOL;
 }
 
-// Words a failure of the daemon like one of the system's programs, if there is no text of one.
+// If no program has set the error text, sets it to that of the status, in the form that programs use.
 template <size_t size>
 void explain(char (&error)[size], const char* tool, uint32_t status) {
     if (status != SECURITY_OK && error[0] == '\0') snprintf(error, size, "%s%s\n", tool, syserr2str(status));

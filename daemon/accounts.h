@@ -14,15 +14,15 @@ namespace quill {
 bool repair_accounts(uint32_t store);
 
 // Handlers of the account request and the password request. Names are plain names of the daemon's context. An
-// account belongs to the daemon if its home is the one that the daemon gives. All others, of the system and of
-// persons, are refused with SECURITY_ERR_OTHER_HOME: the configuration must not give access to their rights. A
-// name is new if no account, group or home has it; lines that a former account left in other files are removed.
+// account belongs to the daemon if its home is the one that the daemon gives. All other accounts are refused
+// with SECURITY_ERR_OTHER_HOME: nobody may get their rights by a request. An account can be created if no
+// account, group or home has its name; lines that a former account left in other files are removed.
 //
 // For an account, SET_REQ creates it, with a home below /bootflash/home, or changes it; DEL_REQ removes it
 // with its home, mail, roles, locales, SSH keys and user records. The contents of the home may be removed
 // later, or stay where only root can access them (daemon/homes.h). A change sets a stored password and an
-// expiry date if they are given, and adds roles; without a stored password and a date, it clears the expiry.
-// So to set a stored password and clear the expiry takes two requests. A stored password must be one that
+// expiry date if they are given, and adds roles; if neither is given, it clears the expiry. So it takes two
+// requests to set a stored password and to clear the expiry. A stored password must be one that
 // verifiable_password() accepts (base/stored_password.h); else SECURITY_ERR_PASSWORD_TEXT is returned.
 //
 // With SECURITY_ERR_ACCOUNT_TOOL, the record contains the exit status and the error output of the program that

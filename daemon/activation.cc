@@ -116,7 +116,11 @@ void activate_changes(uint32_t store) {
 }
 
 void activate_all(uint32_t store) {
-    if (!applies_to_device()) return;
+    if (!applies_to_device()) {
+        WebServer stored;
+        read_web_server(store, stored);  // completes a change of the pair that was interrupted
+        return;
+    }
     web_server_changed = banner_changed = true;
     activate_changes(store);
 }

@@ -15,8 +15,8 @@
 
 namespace quill {
 
-// The line of one request. It is composed before the request is handled: so writing it allocates nothing, and
-// what the handler does to the record does not change it.
+// The line of one request. It is composed before the request is handled, so that what the handler does to the
+// record does not change it, and that composing it cannot fail after the change.
 class ChangeLine {
  public:
     // Composes a line from the request's numbers. If the user's budget has no room for it, neither this line

@@ -66,7 +66,7 @@ bool prepare_folder() {
     return false;
 }
 
-// Renames the home into a new folder, so that nothing has the new name, whatever kind of file the home is.
+// Renames the home, which may be any kind of file, into a folder of its own, where its new name is free.
 // Returns false with errno on failure.
 bool move_home(const std::string& home, const char* stored) {
     const std::string pattern = kOldHomes + "/" + stored + ".XXXXXX";
@@ -116,7 +116,7 @@ bool set_home_aside(const char* stored) {
     Child program = remove_tree(home);
     if (!program.wait(after(kTimeInPlace))) program.end();
     const ProgramResult& removed = program.result();
-    // On a full disk, there is space for the new name by now.
+    // If the disk was full, there is room for the new name now.
     if (!is_there(home) || move_home(home, stored)) return true;
     syslog(LOG_ERR, "home %s stays, and so does what is left in it: %s", home.c_str(),
            reason_of(removed).c_str());

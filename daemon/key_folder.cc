@@ -25,7 +25,7 @@ constexpr size_t kLargestFile = 65535;  // longer than any key
 constexpr size_t kMostPrinted = 65536;  // a full buffer is a failure
 constexpr size_t kLongestName = 64;
 
-// The first parts of names that ssh(1), sshd(8) and a login read in the folder.
+// How the names of the files begin that ssh(1), sshd(8) and a login read in the folder.
 constexpr std::string_view kReadNames[] = {"authorized_", "config", "environment", "id_",
                                            "identity",    "known_", "rc"};
 
@@ -57,7 +57,8 @@ class Draft {
     std::string key() const { return std::string(folder_) + "/key"; }
     std::string public_key() const { return key() + ".pub"; }
 
-    // Renames both or none. Replaces an existing public key, which has no private key.
+    // Puts both files of the pair in place, or none. The caller has checked that there is no private key, so
+    // a public key that exists belongs to none, and is replaced.
     uint32_t take_place(const KeyType& type) const {
         if (rename(key().c_str(), type.path) != 0) return SECURITY_ERR_KEY_PAIR;
         if (rename(public_key().c_str(), type.public_path) == 0) return SECURITY_OK;
@@ -177,7 +178,8 @@ uint32_t KeyFolder::import_pair() {
     return write_new_file(draft.public_key(), line, 0644) ? draft.take_place(type_) : SECURITY_ERR_KEY_PAIR;
 }
 
-// Sets `name` to the name in the folder that the command gives, by itself or after the folder's path.
+// Sets `name` to the name of the exported file, which the command gives alone or behind the folder's path.
+// Returns false if a file must not be written under it.
 bool KeyFolder::exported_name(std::string& name) const {
     constexpr std::string_view kPlain = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-";
     const std::string folder = std::string(user_.pw_dir) + "/" + kFolder + "/";

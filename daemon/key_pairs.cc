@@ -25,7 +25,7 @@ namespace {
 constexpr uid_t kFirstUser = 1000;  // lower ones are accounts of the system
 constexpr std::chrono::seconds kGenerating(60);
 constexpr std::chrono::seconds kAnythingElse(5);
-constexpr std::chrono::seconds kReporting(1);  // for a child that is out of time to report that
+constexpr std::chrono::seconds kReporting(1);  // more, in which a child can report that it took too long
 
 struct Command {
     uint32_t kind, operation;
@@ -61,7 +61,7 @@ KeyPairOutcome run_in_child(const passwd& user, const Command& command, ssh_key_
     const Deadline end = after(command.limit);
     Child child = Child::call_with_output(sizeof outcome, [&](int output) {
         setsid();                                                 // no terminal to ask for a passphrase at
-        alarm(static_cast<unsigned>(command.limit.count()) + 1);  // if the daemon does not end it
+        alarm(static_cast<unsigned>(command.limit.count()) + 1);  // ends this process if the daemon does not
         outcome = KeyFolder(user, command.type, record, end).run(command.work);
         return write(output, &outcome, sizeof outcome) == sizeof outcome ? 0 : 1;
     });
@@ -79,8 +79,8 @@ KeyPairOutcome run_in_child(const passwd& user, const Command& command, ssh_key_
     return outcome;
 }
 
-// Returns the account if the daemon of this context created it, else null: there are no key pairs for root, for
-// accounts of the system and for other accounts.
+// Returns the account if it belongs to the daemon of this context, else null: no other account, such as root
+// or one of the system, has key pairs here.
 const passwd* managed_account(const char* name) {
     if (is_internal_user(name) == 1) return nullptr;
     const std::string stored = security_get_system_username(name);

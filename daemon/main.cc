@@ -40,7 +40,7 @@ constexpr std::chrono::milliseconds kHomeTimeAtStart{1000};
 
 struct Options {
     bool foreground = false;
-    const char* administrators = nullptr;  // none given
+    const char* administrators = nullptr;  // the group that was given, or null
 };
 
 constexpr char kUsage[] =
@@ -133,8 +133,9 @@ void allow_many_clients() {
     setrlimit(RLIMIT_NOFILE, &files);
 }
 
-// A reader of the daemon's messages that ended, and the limit of file sizes, become errors of the write. The
-// signals are caught, not ignored: programs that the daemon runs would inherit that.
+// Lets a write fail with an error, instead of ending the daemon, when the reader of its messages has ended
+// (SIGPIPE) or a file would exceed its limit (SIGXFSZ). The signals are caught and not ignored, since
+// programs that the daemon runs would inherit ignored ones.
 void survive_failed_writes() {
     for (const int number : {SIGPIPE, SIGXFSZ}) signal(number, [](int) {});
 }
@@ -184,7 +185,7 @@ bool paths_are_absolute() {
 int32_t find_context() {
     const char* text = getenv("SYSMGR_VDC_ID");
     const int32_t context = sysmgrcmn_vdc_id_get();
-    if (context < kDefaultContext) throw std::bad_alloc();  // over the platform's configuration
+    if (context < kDefaultContext) throw std::bad_alloc();  // while reading the configuration
     if (text == nullptr || *text == '\0' || std::to_string(context) == text) return context;
     syslog(LOG_ERR, "SYSMGR_VDC_ID is '%s'; give a number of 1 to %d, or none", log_safe(text).c_str(),
            SYSMGRCMN_VDC_ID_MAX);

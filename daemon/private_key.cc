@@ -7,7 +7,7 @@ namespace quill {
 namespace {
 
 constexpr std::string_view kBegin = "-----BEGIN ";
-// Those that ssh-keygen reads.
+// The ends of the BEGIN and END lines of the blocks that ssh-keygen reads.
 constexpr std::string_view kKinds[] = {"RSA PRIVATE KEY-----", "DSA PRIVATE KEY-----", "PRIVATE KEY-----",
                                        "OPENSSH PRIVATE KEY-----"};
 

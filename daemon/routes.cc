@@ -20,8 +20,8 @@
 namespace quill {
 namespace {
 
-// A user's key. A qualified name, as a walk over the accounts returns it, means the plain one; the record is
-// returned with the name of the request.
+// Calls the handler of a user's key with the plain name if the request has the qualified one, as a walk over
+// the accounts returns it. The record is returned with the name of the request.
 template <class Record, uint32_t (*handler)(uint32_t, uint32_t, Record*)>
 uint32_t users_key(uint32_t store, uint32_t operation, void* record) {
     auto& key = *static_cast<Record*>(record);

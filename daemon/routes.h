@@ -28,7 +28,7 @@ struct Field {
 };
 
 enum RouteFlag : uint32_t {
-    kExplains = 1,      // the record is returned with a failure of the handler too, which it explains
+    kExplains = 1,      // the record is returned also if the handler fails: it explains the failure
     kRepairsFirst = 2,  // before a change, an interrupted change of an account is repaired
 };
 

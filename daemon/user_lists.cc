@@ -23,7 +23,7 @@ struct Kind {
     int32_t (*verify)(uint32_t connection, const char* name);
     uint32_t unknown;
     uint32_t not_held;
-    bool has_walk;  // the handler of locales would walk on into other tables
+    bool has_walk;  // false for locales, whose handler would walk on into other tables
 };
 
 uint32_t stored_roles(uint32_t store, uint32_t operation, void* record) {
@@ -58,9 +58,9 @@ uint32_t read(const Kind& kind, uint32_t store, NameList& list) {
     return SECURITY_OK;
 }
 
-// Reads the list of any user, for any client: so an account is looked up only if no list is stored. The name
-// may be the one in the account files, as a walk over all users returns it; accounts of other contexts have
-// empty lists here.
+// Reads the list of any user. Any client may ask for it, so an account is looked up, which takes longer, only
+// if no list is stored. The name may be the stored one, as a walk over all users returns it; accounts of
+// other contexts have empty lists here.
 uint32_t read_of_any(const Kind& kind, uint32_t store, NameList& list) {
     NameList found = list;
     make_plain(found.user_name);

@@ -1,7 +1,7 @@
-// The store always holds a certificate and a key that belong together. A new certificate that the stored key
-// does not fit waits in a journal entry until its key is sent; then both are stored. Storing a pair takes two
-// writes, so it is in the journal first, and a daemon that was killed between them completes it at its next
-// start.
+// A certificate and a key that are both in the store always belong together. A new certificate that the
+// stored key does not fit waits in a journal entry until its key is sent; then both are stored. Storing a
+// pair takes two writes, so it is written to the journal first: after a daemon was killed between the two,
+// the next one completes them before it uses or changes the pair.
 #include "daemon/web_server.h"
 
 #include <openssl/crypto.h>
@@ -94,7 +94,7 @@ uint32_t set_certificate(uint32_t store, const nginx_cert_rec& record, Pending& 
     return kJournal.write(store, pending);
 }
 
-// Checks that the key fits the stored certificate, if there is one; it may have expired.
+// Checks that the key fits the stored certificate, if there is one, even if that certificate has expired.
 uint32_t check_key(uint32_t store, const PrivateKey& key) {
     PemRecord stored(SECURITY_WEB_CERTIFICATE);
     const uint32_t status = get(store, stored);
@@ -118,7 +118,7 @@ uint32_t enable(uint32_t store, const Pending& pending) {
     WebServer web;
     const uint32_t status = read_web_server(store, web);
     if (status != SECURITY_OK) return status;
-    // A certificate that waits for its key is the one that is meant.
+    // The request means the certificate that was sent last. If that waits for its key, it cannot be used.
     return *pending.certificate == '\0' ? web.pair : SECURITY_ERR_WEB_INCOMPLETE;
 }
 

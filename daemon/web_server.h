@@ -21,7 +21,7 @@ struct WebServer {
     bool on = false;
     uint32_t http_port = 0, https_port = 0;  // 0 for none
     std::string certificate, key;            // PEM; both or none
-    uint32_t pair = SECURITY_OK;             // the reason if there are none
+    uint32_t pair = SECURITY_OK;             // why there are none
 
     WebServer() = default;
     ~WebServer();

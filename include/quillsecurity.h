@@ -102,7 +102,7 @@ uint32_t security_debug_conf_default_check(void);
 /* Encoders convert a NUL-terminated text, decoders input_length bytes. They store a new block in *output,
  * which the caller wipes and releases with free(3), and its length in bytes in *output_length. On failure
  * *output is null. Return 0 on success; 1 if memory ran out or the key cannot be used; SECURITY_ERR_CRYPT if
- * hashing or verifying failed, also for want of memory. */
+ * hashing or verifying failed, also because memory ran out. */
 typedef uint32_t (*encryption_func)(const char* text, const char* key, uint32_t key_length, char** output,
                                     uint32_t* output_length);
 typedef uint32_t (*decryption_func)(const char* input, uint32_t input_length, const char* key,
@@ -271,15 +271,16 @@ uint32_t security_priv_info_config(uint32_t handle, uint32_t operation, security
  * that cannot be delivered is reported as by cmi_enable_info_config(). */
 uint32_t cmi_security_priv_info_config(uint32_t connection, uint32_t operation, security_priv_info* record);
 
-/* The same for levels 1 to 15, up to the first status that is not 0. Each request has the fields of the
- * previous reply. */
+/* Sends the request for each of the levels 1 to 15 in order and ends at the first status that is not 0, which
+ * it returns. All requests use `record`, so each begins with the fields of the previous reply. */
 uint32_t cmi_security_priv_info_config_all(uint32_t connection, uint32_t operation,
                                            security_priv_info* record);
 
-/* The same with an empty record; SECURITY_PSS_NO_KEY does not end it and is not returned. */
+/* Sends the request, with an empty record, for each of the levels 1 to 15. SECURITY_PSS_NO_KEY counts as
+ * success; any other status that is not 0 ends it and is returned. */
 uint32_t cmi_security_priv_info_cleanup(uint32_t connection, uint32_t operation);
 
-/* Deletes the secrets of all levels: the same with DEL_REQ. */
+/* Deletes the secrets of all levels: cmi_security_priv_info_cleanup() with DEL_REQ. */
 uint32_t cmi_security_vsh_callback_priv_info_cleanup(uint32_t connection);
 
 /* Verifies a candidate of candidate_length bytes against the secret of a level, which is read from the

@@ -35,8 +35,8 @@ platform_shadow_entry* mygetspnam(uint32_t, const char* name) {
         entry = {SECURITY_OK, found->sp_pwdp, static_cast<int32_t>(days)};
         return &entry;
     }
-    // Only these values mean that the file could not be read; a search that found nothing may set others.
-    // EACCES may be missing, so the permission is checked.
+    // Only the values below mean that the file could not be read; a search that found nothing may set others.
+    // getspnam(3) may fail without setting EACCES, so the permission is checked here.
     int error = errno;
     if (euidaccess("/etc/shadow", R_OK) != 0 && errno == EACCES) error = EACCES;
     if (error != EACCES && error != EIO && error != EMFILE && error != ENFILE && error != ENOMEM)

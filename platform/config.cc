@@ -112,7 +112,7 @@ struct Reading {
 
 // Called by ini_parse() for each line of the form name = value. Must not throw, since inih is C.
 int on_line(void* user, const char* section, const char* name, const char* value) {
-    if (strcmp(section, "system") != 0) return 1;  // for other programs
+    if (strcmp(section, "system") != 0) return 1;  // other sections are for other programs
     auto& reading = *static_cast<Reading*>(user);
     try {
         if (!set(reading.config, name, value))
@@ -134,7 +134,7 @@ Config read_config() {
     const int line = ini_parse(path(), on_line, &reading);
     if (reading.no_memory || (line < 0 && errno == ENOMEM)) throw std::bad_alloc();
     if (line < 0 && errno != ENOENT) syslog(LOG_WARNING, "%s cannot be read: %m", path());
-    // inih reports only the first one.
+    // inih reports only the first line that it cannot parse.
     if (line > 0)
         syslog(LOG_WARNING, "%s: line %d, and perhaps others, is neither a section nor name = value", path(),
                line);

@@ -78,11 +78,11 @@ bool take_turn(int waiting) {
 [[noreturn]] void supervise(const std::string& path, const std::string& argument, std::chrono::seconds limit,
                             int waiting) noexcept {
     setsid();
-    closelog();  // its descriptor is closed with the others
+    closelog();  // before its descriptor is closed below
     // The daemon waits for this process: no copy of its clients' connections may outlive it (channel/closer.h).
     if (dup3(waiting, STDERR_FILENO + 1, O_CLOEXEC) < 0 && waiting != STDERR_FILENO + 1) _exit(errno);
     close_range(STDERR_FILENO + 2, ~0u, 0);
-    const pid_t supervisor = fork();  // an orphan, for which the daemon need not wait
+    const pid_t supervisor = fork();  // becomes an orphan, so the daemon need not reap it
     if (supervisor != 0) _exit(supervisor < 0 ? errno : 0);
     prctl(PR_SET_NAME, "quill-hook");
     umask(022);

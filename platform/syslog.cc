@@ -35,7 +35,7 @@ constexpr int kClosingTime = 500;            // milliseconds in which closelog()
 
 enum class Sent { kYes, kLater, kNever };
 
-// Not ENOENT: there is no reader, so lines are not queued for it.
+// Whether a line is worth keeping after this error. Not after ENOENT: there is no reader to wait for.
 bool may_succeed_later(int error) {
     return error == EAGAIN || error == ENOBUFS || error == ENOMEM || error == EMFILE || error == ENFILE ||
            error == ECONNREFUSED;

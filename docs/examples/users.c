@@ -7,7 +7,7 @@
 #include <stdio.h>
 #include <string.h>
 
-/* A request that was not delivered has all bits set, and errno says why. */
+/* The status of a request that was not delivered has all bits set, and errno says why. */
 static int fail(const char* what, uint32_t status) {
     fprintf(stderr, "%s: %s\n", what, status == UINT32_MAX ? strerror(errno) : syserr2str(status));
     return 1;

@@ -30,38 +30,43 @@ enum security_location {
     SECURITY_LOCATION_VOLATILE = 256  /* "/volatile" */
 };
 
-/* Commands about the key pair of a user, for cmi_user_sshkey_config(). The pair is ~/.ssh/id_rsa or
- * ~/.ssh/id_dsa with the public half beside it in a file named .pub, both the user's own. Administrators may
- * ask, for accounts that the daemon of this context has made: with the home /bootflash/home/NAME, a user id
- * of 1000 or more and no internal user's name. The daemon does all of it with the user's rights; the home and
- * ~/.ssh must be the user's own folders and no symbolic links.
+/* Commands about the key pair of a user, for cmi_user_sshkey_config(). The private key is ~/.ssh/id_rsa or
+ * ~/.ssh/id_dsa, and the public key is in the same folder under the same name with .pub at its end. Only
+ * administrators may send commands, and only for accounts that the daemon of this context has created: the
+ * home is /bootflash/home/NAME, the user id is 1000 or more, and the name is not that of an internal user.
+ * The daemon executes a command with the user's rights. The home and ~/.ssh must be folders of the user and
+ * no symbolic links.
  *
- * An import reads a file that the user can read, named by a path from the root, and stores the one private
- * key in it: a PEM block without headers, with no other block beside it. What stands around the block is left
- * out, and the public half gets the user's name for its comment. An export makes a new file of mode 0600 in
- * ~/.ssh, and with the public half one that ends in .pub. It is named by its path or by its name alone: 1 to
- * 64 letters, digits and of "._-", not beginning with '.', '-' or with authorized_, config, environment, id_,
- * identity, known_ or rc, as do the names that ssh(1) and sshd(8) read there.
+ * An import reads a file that the user can read, given by its absolute path. The file must have exactly one
+ * PEM block, a private key without headers; text outside the block is ignored. The comment of the public key
+ * is the user's name. An export creates a file with the private key in ~/.ssh, of mode 0600, and another with
+ * the public key, whose name ends in .pub. The file is given by its path or by its name alone, which has 1 to
+ * 64 characters: letters, digits and "._-". The name must not begin with '.', '-', "authorized_", "config",
+ * "environment", "id_", "identity", "known_" or "rc", as the files do that ssh(1) and sshd(8) read there.
  *
- * value: in, the bits of the pair to be made; out, the bits of the pair that is there now, 0 where none is.
- * Where a pair is there already, generating and importing return SECURITY_ERR_KEY_PAIR_EXISTS; where none is,
- * exporting returns SECURITY_ERR_NOT_FOUND, and so does deleting. SECURITY_ERR_NO_USER: no such account, or
- * not one of those above, or its home is missing. SECURITY_ERR_FILE_OPEN: the file of an import is not there
- * or not the user's to read, that of an export is there already, or its name is not one of those above.
- * SECURITY_ERR_SSHKEY_FORMAT: the file to import holds no private key of this type without a passphrase, or
- * more than one block. SECURITY_ERR_NOT_SUPPORTED: another kind, a passphrase, or a number of bits that is
- * not offered. SECURITY_ERR_KEY_PAIR: ssh-keygen or the file system failed, was stopped by the user's
- * signals, or took more than 60 seconds for generating, 5 for anything else; the daemon's log says which. */
+ * The value of a request is the size in bits of the pair to be generated; the value of a reply is the size of
+ * the present pair, 0 if there is none. Errors:
+ *   SECURITY_ERR_KEY_PAIR_EXISTS  generate and import: the user has a pair of this type
+ *   SECURITY_ERR_NOT_FOUND        export and delete: the user has no pair of this type
+ *   SECURITY_ERR_NO_USER          no account of the kind described above, or its home is missing
+ *   SECURITY_ERR_FILE_OPEN        import: the file does not exist, or the user cannot read it; export: the
+ *                                 file exists already, or its name is not permitted
+ *   SECURITY_ERR_SSHKEY_FORMAT    import: not exactly one block, or the block is not a private key of this
+ *                                 type without a passphrase
+ *   SECURITY_ERR_NOT_SUPPORTED    an unknown command, a passphrase, or a size that cannot be generated
+ *   SECURITY_ERR_KEY_PAIR         ssh-keygen or the file system failed, the user stopped the process that
+ *                                 executes the command, or it took longer than 60 seconds to generate or 5
+ *                                 for anything else; the daemon's log says which */
 enum security_key_pair_command {
     SECURITY_KEY_PAIR_GENERATE_RSA = 1, /* SET_REQ; value 1024 to 4096, or 0 for 2048 */
-    SECURITY_KEY_PAIR_IMPORT_RSA = 2,   /* SET_REQ; first text: passphrase, must be empty; second: the file */
+    SECURITY_KEY_PAIR_IMPORT_RSA = 2,   /* SET_REQ; first_text must be empty, second_text is the file */
     SECURITY_KEY_PAIR_IMPORT_DSA = 3,
-    SECURITY_KEY_PAIR_EXPORT_RSA = 4, /* SET_REQ; texts likewise; the file must be new, see above */
+    SECURITY_KEY_PAIR_EXPORT_RSA = 4, /* SET_REQ; texts as for an import; the file must not exist */
     SECURITY_KEY_PAIR_EXPORT_DSA = 5,
     SECURITY_KEY_PAIR_GENERATE_DSA = 6, /* SET_REQ; value 1024, or 0 for 1024 */
     SECURITY_KEY_PAIR_DELETE_RSA = 7,   /* DEL_REQ */
     SECURITY_KEY_PAIR_DELETE_DSA = 8,
-    SECURITY_KEY_PAIR_SIZE_RSA = 9, /* GET_REQ; returns the value */
+    SECURITY_KEY_PAIR_SIZE_RSA = 9, /* GET_REQ; the value is the size */
     SECURITY_KEY_PAIR_SIZE_DSA = 10
 };
 

@@ -36,8 +36,9 @@ typedef struct common_user_record {
     char name[128];
     char password[128];      /* empty: unchanged */
     uint8_t password_format; /* enum security_password_format */
-    int32_t expiry_year;     /* year, month and day all positive: a date; all 0: never, but beside a stored
-                              * password unchanged; else unchanged */
+    int32_t expiry_year;     /* If year, month and day are all positive, the expiry date is set. If all are
+                              * 0, it is cleared, unless a stored password is set by the same
+                              * request. In any other case it is unchanged. */
     int32_t expiry_month;
     int32_t expiry_day;
     int32_t expiry_hour; /* local time; used only to check that the date is not past */
@@ -93,12 +94,12 @@ extern int32_t cmi_common_user_return_code;
  *                tells whether the daemon has a key.
  *   GETNEXT_REQ  the same for the stored name that follows in name order; SECURITY_ERR_END_OF_TABLE
  *   SET_REQ      creates the account or changes it. A change sends the account, with its role, only if it has
- *                a date or a stored password. Of a stored password with an expiry of all 0 only the password
- *                is set, because the daemon cannot tell "clear" from "not given": to change both, make two
- *                requests. SECURITY_ERR_WEAK_PASSWORD, SECURITY_ERR_EXPIRY_DATE (not in
- *                the calendar, past, or not from 1902 to 2037), SECURITY_ERR_TOO_MANY_USERS (exactly 256
- *                exist), SECURITY_ERR_NO_USER (an internal name), SECURITY_ERR_FILE_OPEN (a key file that is
- *                not on bootflash: or volatile:)
+ *                a date or a stored password. If it has a stored password and an expiry of all 0, only the
+ *                password is set, because the daemon cannot tell "clear" from "not given": to set a stored
+ *                password and clear the date, make two requests. SECURITY_ERR_WEAK_PASSWORD,
+ *                SECURITY_ERR_EXPIRY_DATE (not in the calendar, past, or not from 1902 to 2037),
+ *                SECURITY_ERR_TOO_MANY_USERS (exactly 256 exist), SECURITY_ERR_NO_USER (an internal name),
+ *                SECURITY_ERR_FILE_OPEN (a key file that is not on bootflash: or volatile:)
  *   DEL_REQ      deletes it; SECURITY_ERR_NOT_FOUND. Also returns 0 if the request could not be delivered, so
  *                a caller that must know looks the user up afterwards.
  * Any other operation checks the name and returns 0. Returns SECURITY_ERR_NO_USER for an empty name and 1 if

@@ -58,10 +58,10 @@ uint32_t copy_nginx_file_content(const char* path, nginx_cert_rec* record, uint3
  * stored with its key. */
 uint32_t security_nginx_cert_enable(uint32_t connection);
 
-/* Sends the three words of an nginx_port_rec, big-endian: third, fourth, second. For the daemon of this
- * system `second` switches the web service on (1) or off (0), `third` is its HTTP port and `fourth` its
- * HTTPS port, from 1 to 65535, or 0 for none. It returns SECURITY_ERR_WEB_SETTINGS for other values and for
- * equal ports. */
+/* Sets the switch and the ports of the web server. For the daemon of this system, `second` switches the web
+ * service on (1) or off (0), `third` is its HTTP port and `fourth` its HTTPS port, 1 to 65535, or 0 for none.
+ * The record, an nginx_port_rec, has them big-endian in the order third, fourth, second. The daemon returns
+ * SECURITY_ERR_WEB_SETTINGS for other values and for equal ports. */
 uint32_t cmi_security_nginx_configure(uint32_t connection, uint32_t second, uint32_t third, uint32_t fourth);
 
 #pragma GCC visibility pop

@@ -1,5 +1,5 @@
-// Reading the account files where it matters whether a walk ended at the end of the file or for want
-// of memory.
+// Reading the account files where it matters whether a walk ended because the file did or because memory ran
+// out.
 #pragma once
 
 #include <cerrno>

@@ -14,7 +14,7 @@ namespace {
 
 constexpr char kList[] = "/tovo/etc/quillsecurity/internalusers";
 
-// Returns the text of the file, empty if it cannot be opened, and up to an error if it cannot be read.
+// Returns the text of the file: empty if it cannot be opened, and as far as it could be read.
 std::string read_list() {
     const Descriptor file(open(kList, O_RDONLY | O_CLOEXEC));
     std::string text;

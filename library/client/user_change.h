@@ -10,7 +10,7 @@ namespace quill {
 // Stores the date and time at which the account expires.
 void set_expiry(common_user_record& user, const tm& date);
 
-// Lets this process set expiry dates in the past from now on.
+// After this call, the process may set expiry dates that are past.
 void accept_expired_users();
 
 }  // namespace quill

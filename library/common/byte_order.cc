@@ -1,4 +1,4 @@
-// The words of request records that are sent in big-endian order, one row a request type. All other words are
+// The words of request records that are sent in big-endian order, one row for each type. All other words are
 // sent in host order, and records of types without a row are sent unchanged. Both ends depend on this table.
 #include "base/byte_order.h"
 

@@ -43,7 +43,8 @@ uint32_t report_failure(const char* function, uint32_t code) {
 
 namespace quill {
 
-// The tables are exported as arrays of bytes; these are the same symbols with a type.
+// The public header declares the tables as arrays of bytes. These names are for the same symbols, with the
+// type that the tables have.
 extern const FieldTable<5> kNotificationTable __asm__("tlvu_security_notification_tbl")
     __attribute__((visibility("default")));
 extern const FieldTable<2> kRoleSetTable __asm__("tlvu_role_set_tbl") __attribute__((visibility("default")));

@@ -59,8 +59,8 @@ uint32_t securityd_bootup_fips_post_test_parse_response(const void* message, uin
     if (payload_size < sizeof header) return SECURITY_ERR_MISSING_ARGUMENT;
     memcpy(&header, payload, sizeof header);
     const unsigned char* elements = payload + sizeof header;
-    // The array states its own size, which must not exceed what was received. Without room for that statement
-    // there are no elements.
+    // The array begins with its size, which must not exceed what was received. If less was received than
+    // the size takes, there are no elements.
     const size_t received = payload_size - sizeof header;
     const uint32_t elements_size = received < sizeof(uint32_t) ? 0 : tlv_array_size_get(elements, 0);
     if (elements_size > received) return SECURITY_ERR_MISSING_ARGUMENT;

@@ -102,7 +102,7 @@ uint32_t security_gen_salt(char* output, int32_t* length) {
         quill::trace("security salt-generation error");
         return SECURITY_ERR_CRYPT;
     }
-    if (*length >= 1) {  // accepted, but the salt has the length of its number
+    if (*length >= 1) {  // not used: the salt has as many digits as its number
         *length = 0;
         return security_gen_fix_len_salt(output, length);
     }

@@ -9,7 +9,7 @@
 
 namespace quill {
 
-// Return the encoded size in bytes of a string of `length` bytes, and the largest that of this number can be.
+// Return encoded sizes in bytes: that of a string of `length` bytes, and the largest that a number can have.
 constexpr size_t string_size(size_t length) { return sizeof(uint32_t) + length; }
 inline size_t max_mpint_size(const BIGNUM* number) {
     return string_size(static_cast<size_t>(BN_num_bytes(number)) + 1);

@@ -1,4 +1,4 @@
-// Handler of the web server's certificate and key: a PEM text each, in a table each.
+// Handler of the web server's certificate and key: two PEM texts, each in a table of its own.
 //
 // The callers decide which of the two is item 0. The old text is deleted before the new one is stored, so a
 // failure leaves none.

@@ -42,8 +42,8 @@ Deadline request_deadline() {
     return after(std::chrono::seconds(security_cmi_timeout != 0 ? security_cmi_timeout : kDefaultTimeout));
 }
 
-// Returns the time that is left in tenths of a second, rounded up: so a request that is not delayed finds the
-// timeout of the socket already set. Never 0, which would disable the timeout.
+// Returns the time that is left, rounded up to a tenth of a second: so the socket usually has this timeout
+// already, from the last request. Never 0, which would disable the timeout.
 std::chrono::milliseconds time_left(Deadline deadline) {
     constexpr std::chrono::milliseconds kTenth(100);
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
@@ -133,8 +133,8 @@ bool Connection::set_timeout(std::chrono::milliseconds time) {
     return true;
 }
 
-// Returns whether a call that failed is to be repeated, which is after a signal. Otherwise, if the socket's
-// timeout ended the call, sets errno to ETIMEDOUT.
+// Returns true if a call failed because of a signal and there is time to repeat it. Otherwise, if the time is
+// over, sets errno to ETIMEDOUT.
 bool should_repeat(Deadline deadline) {
     if (errno == EINTR && !passed(deadline)) return true;
     if (errno == EAGAIN || errno == EINTR) errno = ETIMEDOUT;
@@ -193,7 +193,7 @@ bool is_stale() {
 
 enum class Sent { kYes, kNo, kConnectionWasClosed };
 
-// Sends the request. On failure, errno is set; if that of send(), the connection was dropped.
+// Sends the request. On failure sets errno; drops the connection if send() failed.
 Sent try_to_send(Deadline deadline) {
     do {
         const int socket = connection.get(deadline);

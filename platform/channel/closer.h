@@ -1,16 +1,16 @@
 // Receives messages and closes connections without being blocked by files that a peer passes (SCM_RIGHTS,
 // unix(7)).
 //
-// The process that drops the last reference to a passed file closes it, which may take as long as its sender wants: a
-// TCP socket with SO_LINGER and unsent data blocks the process that closes it, except when that process ends. A
-// receiver that has no room for files drops them in recv(2), and close(2) drops those of messages that were not
-// received, and so on for the queues of passed Unix sockets.
+// The process that drops the last reference to a file closes it, and the sender decides how long that takes:
+// a TCP socket with SO_LINGER and unsent data blocks close(2), though not the end of a process. The daemon
+// would drop such references in recv(2), which drops files that it has no room for, and in close(2), which
+// drops those of messages that were not received, and so on in the queues of passed Unix sockets.
 //
-// Kernels since Linux 6.16 can refuse such messages when they are sent (SO_PASSRIGHTS). On others, each message
-// is looked at before it is received. A connection that has a message with files, or has unread data when it is
-// closed, is closed by a child process: it shares the descriptor, the daemon closes its own, and the child ends.
-// A child serves all connections of a batch, and the number of children is limited, so peers cannot make the
-// daemon fork without bound.
+// Kernels since Linux 6.16 can refuse such messages when they are sent (SO_PASSRIGHTS). On others, each
+// message is looked at before it is received. A connection that has a message with files, or has unread data
+// when it is to be closed, is left to a child process: the child shares the descriptor, the daemon closes its
+// own, and then kills the child, whose end drops the last references. One child serves a whole batch of
+// connections, and the number of children is limited, so peers cannot make the daemon fork without bound.
 #pragma once
 
 #include <array>

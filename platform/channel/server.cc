@@ -182,7 +182,7 @@ bool Server::Loop::admit_client() {
     return true;
 }
 
-// A message, or the end of the time for the first request.
+// Called when a message has arrived, or the time for the first request is over.
 void Server::Loop::Client::on_event(short what) {
     const bool timed_out = (what & EV_READ) == 0;
     if (timed_out || !guarded(kServing, [this] { return loop.serve(*this); })) loop.clients.erase(self);
@@ -216,7 +216,7 @@ bool Server::Loop::reply(int socket, const Answer& answer) {
     unsigned char* start =
         reinterpret_cast<unsigned char*>(&message) + offsetof(Message, record) - sizeof header;
     memcpy(start, &header, sizeof header);
-    // Without waiting: a client that does not read its replies is hung up on.
+    // Does not wait: a client that does not read its replies is disconnected.
     return send(socket, start, sizeof header + answer.length, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
 }
 
@@ -240,7 +240,7 @@ bool Server::Loop::serve(Client& client) {
         size_t used = Message::kRoom;
         ~Wipe() { explicit_bzero(&message.header, used); }
     } wipe{message};
-    const auto size = static_cast<size_t>(received);  // of the message, of which no more than kRoom is there
+    const auto size = static_cast<size_t>(received);  // of the message; `message` has at most kRoom of it
     const Answer given = answer(client, size);
     // The request handler logs its own refusals.
     const bool ours = given.status == SECURITY_ERR_REQUEST_FRAME || given.status == SECURITY_ERR_CONTEXT;

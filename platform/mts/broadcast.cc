@@ -29,8 +29,8 @@ constexpr int kBacklog = 32;
 constexpr timeval kShortagePause{0, 100000};
 constexpr char kServing[] = "serving a listener";
 
-// The kernel doubles it, to just more than one message of the largest size. So a listener that does not receive
-// takes little memory of the kernel, compared with the ring.
+// The kernel doubles this size, and twice the size is just more than the largest message. So a listener that
+// does not receive takes little of the kernel's memory, compared with the ring.
 constexpr int kSocketBuffer = 64 * 1024;
 static_assert(static_cast<size_t>(kSocketBuffer) > (MTS_MAX_PAYLOAD + 4096) / 2);
 
@@ -167,7 +167,7 @@ bool Broadcast::Ring::Subscriber::send_pending() {
     return true;
 }
 
-// Also the end of the time for the subscription.
+// Called when a message has arrived, or the time for the subscription is over.
 void Broadcast::Ring::Subscriber::on_readable(short what) {
     Ring& owner = ring;
     const bool timed_out = (what & EV_READ) == 0;
@@ -243,7 +243,7 @@ void Broadcast::Ring::broadcast(uint32_t to_sap, const MtsMessage& message) {
         if (each.subscribed && !each.is_waiting() && !each.send_pending()) subscribers.erase(each.self);
     }
     drop_sent();
-    // Last, since a service may send as well.
+    // Called last, since a service may send a message itself.
     const auto service = services.find(to_sap);
     if (service != services.end()) service->second(&message);
 }

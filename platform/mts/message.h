@@ -64,7 +64,7 @@ struct MtsHeader {
 };
 static_assert(sizeof(MtsHeader) == 20);
 
-// Whether a frame, which was received completely, has our magic number and version.
+// Returns true if a frame of the right size has the magic number and the version of this protocol.
 template <class Frame>
 bool ours(const Frame& frame) {
     return frame.magic == kMtsMagic && frame.version == kFrameVersion;

@@ -104,7 +104,7 @@ bool valid_name(const char* name) {
     return strspn(name, kAllowed) == strlen(name);
 }
 
-// A folder that others can enter is refused rather than closed: the caller may have named the wrong one.
+// A folder that others can enter is refused; its mode is not changed, since it may be the wrong folder.
 uint32_t check_folder(const std::string& path, bool create) {
     if (path[0] != '/') return PSS_BAD_ARGUMENT;
     if (create) {

@@ -22,6 +22,8 @@ namespace {
 
 constexpr int kMaxChangesInWal = 256;  // until a checkpoint; promised in quillplatform/pss.h
 
+// The limit of pages keeps page numbers below 2^24. So a page that begins with a page number begins with a
+// zero byte, and blank_gap() does not take it for a b-tree page.
 constexpr char kSettings[] =
     "PRAGMA locking_mode=EXCLUSIVE;"
     "PRAGMA synchronous=FULL;"
@@ -30,7 +32,7 @@ constexpr char kSettings[] =
     "PRAGMA trusted_schema=OFF;"
     "PRAGMA cell_size_check=ON;"
     "PRAGMA temp_store=MEMORY;"
-    "PRAGMA max_page_count=16777215;";  // 24 bits: so blank_gap() can tell b-tree pages by their first byte
+    "PRAGMA max_page_count=16777215;";  // 2^24 - 1
 
 constexpr char kWriteSameApplicationId[] = "PRAGMA application_id=0x51536563;";
 
@@ -76,7 +78,7 @@ class SqliteEngine final : public Engine {
 
     std::string path_;
     Database database_;
-    Statement fetch_, scan_, put_, erase_;  // finalized before the database is closed
+    Statement fetch_, scan_, put_, erase_;  // after database_: finalized before it is closed
     std::string scan_from_;                 // bound to scan_
     std::string scan_key_;
     bool scanning_ = false;  // scan_ is at the record of scan_key_, and holds a snapshot of the database
@@ -101,7 +103,7 @@ uint32_t SqliteEngine::report(Activity activity, uint32_t status) {
     return status;
 }
 
-// Apart from report(), since other records can still be read.
+// Does not use report(), since reading other records still works.
 uint32_t SqliteEngine::report_damage() {
     if (!damage_reported_) log_store_error(path_, PSS_CORRUPT, "the checksum of a record is wrong");
     damage_reported_ = true;

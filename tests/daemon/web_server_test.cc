@@ -153,6 +153,12 @@ TEST_F(WebServerRequests, JournalEntriesOfEarlierVersionsAreCompleted) {
     EXPECT_EQ(SECURITY_OK, enable());
     EXPECT_EQ(first.pem(), stored(1));
     EXPECT_EQ("[40480003]", fetch(store, journal)) << "completed";
+    interrupted(1, second.certificate(1000), second.pem());
+    setenv("SYSMGR_VDC_ID", "2", 1);
+    quill::activate_all(store);  // at the daemon's start
+    unsetenv("SYSMGR_VDC_ID");
+    EXPECT_EQ(second.pem(), stored(1));
+    interrupted(1, first.certificate(1000), first.pem());
     interrupted(0, second.certificate(1000), "");
     EXPECT_EQ(SECURITY_ERR_WEB_INCOMPLETE, enable());
     EXPECT_EQ(SECURITY_OK, send(1, second.pem()));

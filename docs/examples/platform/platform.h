@@ -1,5 +1,6 @@
-/* A platform for libquillsecurity in memory, to start one of your own from. It defines what the library imports
- * (quillplatform.h) and nothing of what only quillsecurityd and quillsec need; quillplatform(7) lists both. */
+/* A platform for libquillsecurity that keeps everything in memory: a start for a platform of your own. It
+ * defines what the library imports, and pss2_close(), but nothing else that only quillsecurityd and quillsec
+ * need; quillplatform(7) lists both. */
 #ifndef MEMORY_PLATFORM_H
 #define MEMORY_PLATFORM_H
 

@@ -1,4 +1,4 @@
-/* Everything but the store: each function as small as it may be. Comments say what a real one adds. */
+/* Everything but the store, in the shortest form that is correct. Comments say what a real platform adds. */
 #include <errno.h>
 #include <stdarg.h>
 #include <stdio.h>

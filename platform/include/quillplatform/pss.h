@@ -13,8 +13,8 @@
  *    latest, when the store is next opened or closed, and when pss2_checkpoint() is called, which the daemon does
  *    within a second of a change. Until then they may be in the write-ahead log, NAME.db-wal. The log keeps
  *    up to 4 MiB of disk space for later changes, and frees it when the disk is full, so that no change is
- *    refused because of it. While the disk is too full for a checkpoint of the log into NAME.db, neither is
- *    done.
+ *    refused because of it. While the disk is too full to copy the log into NAME.db, the log is neither
+ *    overwritten nor freed.
  *  - A full disk, a failing device and a damaged file are reported as statuses. Data that can be read stays
  *    readable, and calls succeed again when the cause is removed. A program with a limit on the size of files
  *    (setrlimit(2)) must catch or ignore SIGXFSZ, which would end it before PSS_TOO_LARGE is returned. To
