@@ -12,9 +12,9 @@ struct Date {
     int year, month, day;
 };
 
-// Reads a text like "2031-2-28": three decimal numbers of at most 5, 3 and 3 characters, each with an optional
-// sign and leading blanks. Returns nothing if the text is anything else or longer. Whether the calendar has such
-// a day is for the caller to check.
+// Reads a text like "2031-2-28": three decimal numbers of at most 5, 3 and 3 characters, each with an
+// optional sign and leading blanks. Returns nothing if the text is anything else or longer. Whether the
+// calendar has such a day is for the caller to check.
 inline std::optional<Date> parse_date(const char* text) {
     Date date{};
     int length = 0;

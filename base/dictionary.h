@@ -31,13 +31,13 @@ inline bool dictionary_is_empty() {
 
 struct DictionaryResult {
     enum Outcome { kAccepted, kWeak, kNoDictionary } outcome;
-    // Why the password was not accepted, as a clause: "it is based on a dictionary word". Null if it was. Valid
-    // until the next check.
+    // Why the password was not accepted, as a clause: "it is based on a dictionary word". Null if it was.
+    // Valid until the next check.
     const char* reason;
 };
 
-// Checks whether the password is easy to guess. The outcome is kNoDictionary if the dictionary is missing, empty
-// or cannot be read. cracklib may then complain on standard error as well.
+// Checks whether the password is easy to guess. The outcome is kNoDictionary if the dictionary is missing,
+// empty or cannot be read. cracklib may then complain on standard error as well.
 inline DictionaryResult check_dictionary(const char* password) {
     static constexpr char kNotLoaded[] = "error loading dictionary";  // cracklib's text
     const char* reason = dictionary_is_empty() ? kNotLoaded : FascistCheck(password, kDictionary);

@@ -21,9 +21,9 @@ inline int create_file(const char* path, mode_t mode) {
     return open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
 }
 
-// Replaces `path` with a new file owned by us, opened for writing. In a directory that everybody can write to,
-// such as /tmp, the sticky bit then keeps other users from replacing it again. Fails if there is a file that
-// cannot be removed, as the sticky bit prevents for a file of another user.
+// Replaces `path` with a new file owned by us, opened for writing. In a directory that everybody can write
+// to, such as /tmp, the sticky bit then keeps other users from replacing it again. Fails if there is a file
+// that cannot be removed, as the sticky bit prevents for a file of another user.
 inline int replace_file(const char* path, mode_t mode) {
     unlink(path);
     return create_file(path, mode);

@@ -1,4 +1,5 @@
-// Child processes, each of which runs a function or a program: started, read from, waited for, killed, reaped.
+// Child processes, each of which runs a function or a program: started, read from, waited for, killed,
+// reaped.
 //
 // All of this is for one thread.
 #pragma once
@@ -128,7 +129,8 @@ class Child {
 // Runs a program, and ends it at the deadline.
 ProgramResult run_program(const Program& program, Deadline deadline);
 
-// Kills all processes of a user who is not root: with kill(2) for pid -1, in a child that has become that user.
+// Kills all processes of a user who is not root: with kill(2) for pid -1, in a child that has become that
+// user.
 void end_processes_of(uid_t uid);
 
 }  // namespace quill

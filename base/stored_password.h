@@ -95,8 +95,8 @@ inline bool is_hash(const char* stored) {
 // Returns true if crypt(3) of this system could verify a password against the stored text, or the text locks
 // the password on purpose: "*", any number of '!', or either of "*" and a hash behind them, as passwd(1) and
 // usermod(8) lock it. Returns false for an empty text, which would let everybody in; for a hash that is cut
-// or too long, of a disabled method, or so costly that verifying it would take much more than a second. `stored`
-// may be any terminated text. Computes one hash, which takes as long as a login.
+// or too long, of a disabled method, or so costly that verifying it would take much more than a second.
+// `stored` may be any terminated text. Computes one hash, which takes as long as a login.
 inline bool verifiable_password(const char* stored) {
     if (*stored == '\0') return false;
     const char* hash = stored + strspn(stored, "!");

@@ -1,5 +1,5 @@
-// quillsec banner: the text that is shown before a login. The daemon stores its delimiter; the text is a file, which a
-// hook of the daemon copies to where login programs read it whenever the delimiter is set.
+// quillsec banner: the text that is shown before a login. The daemon stores its delimiter; the text is a
+// file, which a hook of the daemon copies to where login programs read it whenever the delimiter is set.
 #include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -84,8 +84,8 @@ void write_banner(std::string_view bytes) {
     throw file_failure(path, error);
 }
 
-// The daemon activates the text when the delimiter is set, so it is set even if it stays the same. Reading it first
-// shows whether the daemon can be reached.
+// The daemon activates the text when the delimiter is set, so it is set even if it stays the same. Reading it
+// first shows whether the daemon can be reached.
 Answer set(const Arguments& arguments) {
     const InputFile file(file_named(arguments["FILE"]), SECURITY_BANNER_FILE_LIMIT - 1);
     const std::string_view bytes = file.bytes();

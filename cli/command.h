@@ -1,6 +1,7 @@
 // The command line is data: a noun is a table of verbs; a verb is a list of arguments and the function that
-// executes it. To add a noun, write its table in a new file and add its name at the end of this file and to kNouns
-// in usage.h. Parsing, error messages, suggestions for misspelled words, --json and exit codes are shared.
+// executes it. To add a noun, write its table in a new file and add its name at the end of this file and to
+// kNouns in usage.h. Parsing, error messages, suggestions for misspelled words, --json and exit codes are
+// shared.
 #pragma once
 
 #include <initializer_list>

@@ -1,5 +1,5 @@
-// One table has the exit code, remedy and message of every status. Requests that were not delivered have rows too,
-// since their status contains the errno.
+// One table has the exit code, remedy and message of every status. Requests that were not delivered have rows
+// too, since their status contains the errno.
 #include "cli/failure.h"
 
 #include <fmt/format.h>

@@ -33,17 +33,17 @@ struct Failure {
     bool outcome_unknown = false;  // the request may or may not have been executed
 };
 
-// Returns the status for the result of a client function: SECURITY_ERR_TRANSPORT | errno for a request that could
-// not be delivered, any other result as it is. To be called at once, while errno is the channel's.
+// Returns the status for the result of a client function: SECURITY_ERR_TRANSPORT | errno for a request that
+// could not be delivered, any other result as it is. To be called at once, while errno is the channel's.
 uint32_t status_of(uint32_t result);
 
 // Throws the Failure of a status other than 0. `action` is what the request was to do with the object: one of
-// "ask", "read", "verify", "convert", "listen to" and "receive", which change nothing, or another verb such as
-// "change". If the daemon may have executed a change without a reply, the failure says so.
+// "ask", "read", "verify", "convert", "listen to" and "receive", which change nothing, or another verb such
+// as "change". If the daemon may have executed a change without a reply, the failure says so.
 void require_success(uint32_t status, const std::string& object, const char* action);
 
-// Returns the name of a status, like SECURITY_ERR_NOT_FOUND or PSS_FULL; for a request that was not delivered, the
-// name of the errno, like ECONNREFUSED. Returns an empty text for an unknown status.
+// Returns the name of a status, like SECURITY_ERR_NOT_FOUND or PSS_FULL; for a request that was not
+// delivered, the name of the errno, like ECONNREFUSED. Returns an empty text for an unknown status.
 std::string status_name(uint32_t status);
 
 // Returns the system's text for an errno as part of a sentence: "no space left on device".

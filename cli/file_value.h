@@ -18,8 +18,8 @@ struct NamedFile {
 // A name with an unknown device is taken as a path. Throws Failure if the resulting path is too long.
 NamedFile file_named(const std::string& name);
 
-// Returns the failure of opening, reading or writing a file, by errno: "file 'a.pem': no such file". A missing file
-// is Exit::kNoSuchObject, missing permissions are kNotPermitted, all else is kFailed.
+// Returns the failure of opening, reading or writing a file, by errno: "file 'a.pem': no such file". A
+// missing file is Exit::kNoSuchObject, missing permissions are kNotPermitted, all else is kFailed.
 Failure file_failure(const std::string& name, int error);
 
 }  // namespace quill::cli

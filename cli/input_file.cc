@@ -1,5 +1,5 @@
-// The path is resolved here, component by component, because no flag of open(2) takes the owner of a link into
-// account. Each folder on the way is held open, so that nobody can replace what was checked.
+// The path is resolved here, component by component, because no flag of open(2) takes the owner of a link
+// into account. Each folder on the way is held open, so that nobody can replace what was checked.
 #include "cli/input_file.h"
 
 #include <fcntl.h>

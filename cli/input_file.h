@@ -1,5 +1,5 @@
-// An input file, which may belong to another user. It is opened once and read completely, so that the bytes that
-// were checked are the bytes that are used, even if another file takes its name meanwhile.
+// An input file, which may belong to another user. It is opened once and read completely, so that the bytes
+// that were checked are the bytes that are used, even if another file takes its name meanwhile.
 #pragma once
 
 #include <string>
@@ -15,11 +15,11 @@ class InputFile {
  public:
     enum LastLink { kFollowLast, kRefuseLast };
 
-    // Opens the file and reads it. A symbolic link anywhere in the path is followed only if the link and its folder
-    // belong to root or the caller and nobody else can write to the folder. With kRefuseLast, the last component
-    // must not be a link at all. Throws Failure: Exit::kInvalidValue for a link that is not followed, for anything
-    // but a regular file (which is not even opened) and for more than `limit` bytes; for other errors that of
-    // file_failure().
+    // Opens the file and reads it. A symbolic link anywhere in the path is followed only if the link and its
+    // folder belong to root or the caller and nobody else can write to the folder. With kRefuseLast, the last
+    // component must not be a link at all. Throws Failure: Exit::kInvalidValue for a link that is not
+    // followed, for anything but a regular file (which is not even opened) and for more than `limit` bytes;
+    // for other errors that of file_failure().
     InputFile(const NamedFile& file, size_t limit, LastLink last = kFollowLast);
 
     std::string_view bytes() const { return view(bytes_); }

@@ -1,5 +1,5 @@
-// quillsec key: the SSH public keys of users. They are read from files of several formats and exported as a line of
-// OpenSSH text.
+// quillsec key: the SSH public keys of users. They are read from files of several formats and exported as a
+// line of OpenSSH text.
 #include <fmt/format.h>
 #include <pwd.h>
 #include <unistd.h>

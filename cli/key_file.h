@@ -9,11 +9,12 @@
 
 namespace quill::cli {
 
-// The file is opened once (cli/input_file.h), and the library checks a copy of it in a private folder. The checked
-// bytes are the ones that are sent.
+// The file is opened once (cli/input_file.h), and the library checks a copy of it in a private folder. The
+// checked bytes are the ones that are sent.
 class KeyFile {
  public:
-    // Reads and checks the file. Throws Failure if it cannot be read or has no key that this user could log in with.
+    // Reads and checks the file. Throws Failure if it cannot be read or has no key that this user could log
+    // in with.
     KeyFile(const NamedFile& file, const std::string& user);
 
     // Replaces the user's key by this one. Returns the daemon's status.
@@ -32,8 +33,8 @@ class KeyFile {
     ssh_key_new_rec text_{};  // the key in any other format
 };
 
-// Takes "DEVICE:PATH", or an absolute path, which names a temporary copy that is deleted after it was read. Throws
-// Failure for any other name.
+// Takes "DEVICE:PATH", or an absolute path, which names a temporary copy that is deleted after it was read.
+// Throws Failure for any other name.
 NamedFile key_file_named(const std::string& name);
 
 // Takes only "DEVICE:PATH"; throws Failure for any other name.

@@ -22,8 +22,8 @@ enum class ReadByte { kByte, kEnd, kFailed };
 // with errno, on failure.
 ReadByte read_byte(int descriptor, size_t longest, Line& line);
 
-// Reads a line, and nothing behind its newline: that is for the next reader. A line that is too long has a length of
-// `longest` + 1. Returns false with errno on failure.
+// Reads a line, and nothing behind its newline: that is for the next reader. A line that is too long has a
+// length of `longest` + 1. Returns false with errno on failure.
 bool read_line(int descriptor, size_t longest, Line& line);
 
 }  // namespace quill::cli

@@ -1,5 +1,5 @@
-// quillsec: shows and changes the security configuration through requests to the daemon. This file sets up the
-// process; program.cc reads the command line.
+// quillsec: shows and changes the security configuration through requests to the daemon. This file sets up
+// the process; program.cc reads the command line.
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -13,8 +13,8 @@
 
 namespace {
 
-// If the caller closed a standard descriptor, the daemon's socket would get its number, and output would go there.
-// Opens /dev/null in its place, in the mode in which every use of it fails.
+// If the caller closed a standard descriptor, the daemon's socket would get its number, and output would go
+// there. Opens /dev/null in its place, in the mode in which every use of it fails.
 void occupy_standard_descriptors() {
     for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
         if (fcntl(descriptor, F_GETFD) < 0)

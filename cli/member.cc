@@ -48,15 +48,15 @@ Answer list(const Kind& kind, const std::string& user) {
     return table;
 }
 
-// The library changes a list in two steps: it reads the list and stores all of it. The second step fails if another
-// client has changed the list in between (SECURITY_ERR_CHANGED) or if the connection on which the list was read is
-// gone (ESTALE). Nothing is changed then, and both steps are repeated.
+// The library changes a list in two steps: it reads the list and stores all of it. The second step fails if
+// another client has changed the list in between (SECURITY_ERR_CHANGED) or if the connection on which the
+// list was read is gone (ESTALE). Nothing is changed then, and both steps are repeated.
 bool lost_its_race(uint32_t status) {
     return status == SECURITY_ERR_CHANGED || status == undelivered_status(ESTALE);
 }
 
-// Waits for a random time: up to 1 ms after the first try, up to 40 ms later, so that competing clients do not collide
-// again.
+// Waits for a random time: up to 1 ms after the first try, up to 40 ms later, so that competing clients do
+// not collide again.
 void pause_after(int tries) {
     constexpr int kLongest = 40;
     static std::minstd_rand random(std::random_device{}());
@@ -64,7 +64,8 @@ void pause_after(int tries) {
     std::this_thread::sleep_for(std::chrono::microseconds(std::uniform_int_distribution(0, longest)(random)));
 }
 
-// Repeats the change up to 64 times. Returns the status of the last try; SECURITY_ERR_CHANGED if all lost the race.
+// Repeats the change up to 64 times. Returns the status of the last try; SECURITY_ERR_CHANGED if all lost the
+// race.
 template <class Change>
 uint32_t retried(Change change) {
     constexpr int kMostTries = 64;

@@ -2,8 +2,8 @@
 //
 // A verb returns a table, a remark or a stream; only this file knows how they are printed.
 //
-// Text: aligned columns under a line of headings, plain ASCII around the values, the same on a terminal and in a
-// file. A failure is one line on standard error: tool, object, what is wrong, remedy.
+// Text: aligned columns under a line of headings, plain ASCII around the values, the same on a terminal and
+// in a file. A failure is one line on standard error: tool, object, what is wrong, remedy.
 //
 // With --json, standard output is exactly one document and standard error stays empty, unless standard output
 // cannot be written:
@@ -88,8 +88,8 @@ enum class Form { kTable, kJson };
 // Returns the text or document; for a stream, the line of headings.
 std::string rendered(const Answer& answer, Form form);
 
-// Prints an answer on standard output. Returns the answer's exit code; or kFailed, with a line on standard error, if
-// standard output could not be written.
+// Prints an answer on standard output. Returns the answer's exit code; or kFailed, with a line on standard
+// error, if standard output could not be written.
 Exit print(const Answer& answer, Form form);
 
 // Prints a failure: the document on standard output, or the line on standard error. Returns its exit code.

@@ -33,8 +33,9 @@ bool write_line(const char* path, const std::string& line) {
     return file && write(file.get(), line.data(), line.size()) == static_cast<ssize_t>(line.size());
 }
 
-// A caller who may not create a mount namespace may usually create one inside a new user namespace. The caller's
-// uid is mapped there if the kernel permits it; if not, it reads as that of nobody, but still owns its files.
+// A caller who may not create a mount namespace may usually create one inside a new user namespace. The
+// caller's uid is mapped there if the kernel permits it; if not, it reads as that of nobody, but still owns
+// its files.
 bool enter_namespace() {
     const uid_t user = geteuid();
     const gid_t group = getegid();
@@ -47,8 +48,8 @@ bool enter_namespace() {
     return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
 
-// Reports in `ending`, not by the exit status: the kernel keeps none if this process ignores SIGCHLD, a setting
-// that it may have inherited.
+// Reports in `ending`, not by the exit status: the kernel keeps none if this process ignores SIGCHLD, a
+// setting that it may have inherited.
 void work_in_child(const OwnFolder& folder, const char* name, Ending& ending,
                    const std::function<void(const std::string&)>& work) {
     if (enter_namespace() && mount(folder.path(), kTmp, nullptr, MS_BIND, nullptr) == 0) {

@@ -1,5 +1,5 @@
-// Private folders in /tmp, and a private /tmp for the library, which uses files of fixed names there to check and
-// convert SSH keys: any user could create these files, or hold the lock around them.
+// Private folders in /tmp, and a private /tmp for the library, which uses files of fixed names there to check
+// and convert SSH keys: any user could create these files, or hold the lock around them.
 #pragma once
 
 #include <sys/mman.h>
@@ -53,11 +53,12 @@ class Shared {
     void* address_;
 };
 
-// Calls `work` with the path of a file that does not exist yet, in a new folder with mode 0700. If the system permits
-// a new mount namespace, `work` runs in a child process for which that folder is /tmp; it must return its results in
-// Shared objects. If not, it runs in this process, as soon as the lock on /tmp is free and no file of another user has
-// one of the library's names. Throws Failure: Exit::kBusy if another process holds the lock for 5 seconds,
-// kNotPermitted if another user's file has such a name, kFailed if the child process dies.
+// Calls `work` with the path of a file that does not exist yet, in a new folder with mode 0700. If the system
+// permits a new mount namespace, `work` runs in a child process for which that folder is /tmp; it must return
+// its results in Shared objects. If not, it runs in this process, as soon as the lock on /tmp is free and no
+// file of another user has one of the library's names. Throws Failure: Exit::kBusy if another process holds
+// the lock for 5 seconds, kNotPermitted if another user's file has such a name, kFailed if the child process
+// dies.
 void with_private_tmp(const std::function<void(const std::string& path)>& work);
 
 }  // namespace quill::cli

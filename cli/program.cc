@@ -1,7 +1,7 @@
 // Finds the verb of a command line and executes it.
 //
-// CLI11 parses the line, but its error messages are not used: cli/usage.cc makes them from the tables of nouns and
-// verbs, with a suggestion for a misspelled word.
+// CLI11 parses the line, but its error messages are not used: cli/usage.cc makes them from the tables of
+// nouns and verbs, with a suggestion for a misspelled word.
 #include "cli/program.h"
 
 #include <fmt/format.h>
@@ -98,9 +98,9 @@ void declare(CLI::App& root, const Noun& noun, CommandLine& line) {
     app.footer(noun.notes)->require_subcommand(noun.first_verb_implied ? 0 : 1, 1);
 }
 
-// Global options are declared at each level, with one variable: CLI11 could pass them to the level above by itself,
-// but would then pass surplus arguments as well. With exactly one subcommand per level, an argument may equal the name
-// of a noun or a verb.
+// Global options are declared at each level, with one variable: CLI11 could pass them to the level above by
+// itself, but would then pass surplus arguments as well. With exactly one subcommand per level, an argument
+// may equal the name of a noun or a verb.
 void declare(CLI::App& root, CommandLine& line) {
     label_next_words(root, "NOUN VERB [ARGUMENT...]");
     for (const Noun* noun : kNouns) declare(root, *noun, line);
@@ -108,7 +108,8 @@ void declare(CLI::App& root, CommandLine& line) {
     root.footer(kExitCodes)->require_subcommand(1);
 }
 
-// The platform ignores an invalid SYSMGR_VDC_ID. The command would then change context 1, so it is refused here.
+// The platform ignores an invalid SYSMGR_VDC_ID. The command would then change context 1, so it is refused
+// here.
 void require_valid_context() {
     const char* text = getenv("SYSMGR_VDC_ID");
     if (text == nullptr || *text == '\0' || number(text, 1, SYSMGRCMN_VDC_ID_MAX)) return;

@@ -10,8 +10,8 @@
 
 namespace quill::cli {
 
-// Discards standard error while in scope: cracklib prints there that the dictionary is missing, which its result says
-// as well. Does nothing if no descriptor is free. Preserves errno.
+// Discards standard error while in scope: cracklib prints there that the dictionary is missing, which its
+// result says as well. Does nothing if no descriptor is free. Preserves errno.
 class QuietStandardError {
  public:
     QuietStandardError()

@@ -96,8 +96,8 @@ Answer show_all(uint32_t type, bool with_passwords) {
     Record record;
     for (std::string last;; last = field_text(record.user_name)) {
         record.user_type = type;  // the reply has replaced it by the stored type
-        // SECURITY_ERR_CRYPT comes with the record, whose name is needed to go on. The same name again would be an
-        // endless loop.
+        // SECURITY_ERR_CRYPT comes with the record, whose name is needed to go on. The same name again would
+        // be an endless loop.
         const uint32_t status = ask(SECURITY_USER_REQUEST, GETNEXT_REQ, &record, sizeof record);
         if (status == SECURITY_ERR_END_OF_TABLE) return table;
         const std::string name = field_text(record.user_name);

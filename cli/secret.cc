@@ -1,4 +1,5 @@
-// quillsec secret: the secrets of privilege levels 1 to 15. They are set, verified and deleted, and never shown.
+// quillsec secret: the secrets of privilege levels 1 to 15. They are set, verified and deleted, and never
+// shown.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -61,8 +62,8 @@ Answer show(const Arguments& arguments) {
     return table;
 }
 
-// The stored hash is one round of MD5, cut to 64 bits: with the store one can try billions of secrets in a second.
-// Only a secret that is hard to guess withstands that.
+// The stored hash is one round of MD5, cut to 64 bits: with the store one can try billions of secrets in a
+// second. Only a secret that is hard to guess withstands that.
 void refuse_weak(uint32_t level, const char* secret) {
     const std::string_view text(secret);
     const auto characters = std::ranges::count_if(text, [](char c) { return (c & 0xc0) != 0x80; });

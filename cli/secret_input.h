@@ -1,5 +1,5 @@
-// Input of secrets: a line of standard input, or typed at the terminal without echo. Never a word of the command line
-// or the environment, which other processes can read.
+// Input of secrets: a line of standard input, or typed at the terminal without echo. Never a word of the
+// command line or the environment, which other processes can read.
 #pragma once
 
 #include <string>
@@ -20,16 +20,17 @@ struct SecretWanted {
     const char* option = kFromStdin.name;  // with which it is read from standard input
 };
 
-// Returns the failure for a password or secret of `object` that cannot be checked because the dictionary of easily
-// guessed passwords is missing. `other_remedy`, a clause, is appended to the remedy.
+// Returns the failure for a password or secret of `object` that cannot be checked because the dictionary of
+// easily guessed passwords is missing. `other_remedy`, a clause, is appended to the remedy.
 Failure no_dictionary(const std::string& object, const char* name, const std::string& other_remedy = "");
 
-// Returns true if the library refused this user's password only because there is no dictionary: it follows the
-// library's own rules, and cracklib has no dictionary.
+// Returns true if the library refused this user's password only because there is no dictionary: it follows
+// the library's own rules, and cracklib has no dictionary.
 bool lacks_dictionary(const std::string& user, const char* password);
 
-// Reads the secret, 1 to `longest` bytes without a NUL: from standard input if `option` was given, else from the
-// terminal. Throws Failure: kInvalidValue if it is empty, too long or not the same twice, kUsage without a terminal.
+// Reads the secret, 1 to `longest` bytes without a NUL: from standard input if `option` was given, else from
+// the terminal. Throws Failure: kInvalidValue if it is empty, too long or not the same twice, kUsage without
+// a terminal.
 void read_secret(const SecretWanted& wanted, const Arguments& arguments, Line& secret);
 
 }  // namespace quill::cli

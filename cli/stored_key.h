@@ -16,7 +16,8 @@ namespace quill::cli {
 // "SSH key of user 'amy'", for messages.
 std::string key_object(const std::string& user);
 
-// Returns a record (ssh_key_rec or ssh_key_new_rec) with this user's name. Throws Failure for a name that does not fit.
+// Returns a record (ssh_key_rec or ssh_key_new_rec) with this user's name. Throws Failure for a name that
+// does not fit.
 template <class Record>
 Record key_record_of(const std::string& user) {
     Record record{};
@@ -43,7 +44,8 @@ struct StoredKey {
 // Returns the first line of the text, without the blanks at its end.
 std::string first_line(const char* text);
 
-// Return all keys, sorted by user, or the key of one user. Throw Failure if that user has none or if a request fails.
+// Return all keys, sorted by user, or the key of one user. Throw Failure if that user has none or if a
+// request fails.
 std::vector<StoredKey> stored_keys();
 StoredKey stored_key(const std::string& user);
 

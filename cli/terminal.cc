@@ -64,7 +64,8 @@ void HiddenInput::hide() {
     if (tcgetattr(terminal_.descriptor(), &modes_before_) != 0) throw cannot_hide(errno);
     termios modes = modes_before_;
     modes.c_lflag &= ~static_cast<tcflag_t>(ECHO | ECHONL);
-    // In the background this stops the process (SIGTTOU) until it is in the foreground, before anything is changed.
+    // In the background this stops the process (SIGTTOU) until it is in the foreground, before anything is
+    // changed.
     while (tcsetattr(terminal_.descriptor(), TCSAFLUSH, &modes) != 0) {
         if (errno != EINTR) throw cannot_hide(errno);
     }
@@ -74,7 +75,8 @@ void HiddenInput::hide() {
 }
 
 HiddenInput::~HiddenInput() {
-    // Discards what was typed after the line: the next reader may be a shell, which would execute and show it.
+    // Discards what was typed after the line: the next reader may be a shell, which would execute and show
+    // it.
     while (tcsetattr(terminal_.descriptor(), TCSAFLUSH, &modes_before_) != 0 && errno == EINTR) {
     }
     restore_signals();

@@ -28,8 +28,8 @@ class Terminal {
     Descriptor descriptor_;
 };
 
-// Turns off the terminal's echo while in scope. Signals that end or stop the process are blocked until the echo is on
-// again.
+// Turns off the terminal's echo while in scope. Signals that end or stop the process are blocked until the
+// echo is on again.
 class HiddenInput {
  public:
     explicit HiddenInput(const Terminal& terminal);  // throws Failure if the echo cannot be turned off
@@ -37,8 +37,8 @@ class HiddenInput {
     HiddenInput(const HiddenInput&) = delete;
     HiddenInput& operator=(const HiddenInput&) = delete;
 
-    // Reads a line; an empty one if reading fails. Returns false if one of those signals came first: the caller must
-    // leave the scope, in which the signal is delivered, and may then ask again.
+    // Reads a line; an empty one if reading fails. Returns false if one of those signals came first: the
+    // caller must leave the scope, in which the signal is delivered, and may then ask again.
     bool read_line(size_t longest, Line& line) const;
 
  private:

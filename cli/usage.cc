@@ -68,8 +68,8 @@ Failure unknown_word(const char* kind, const Levels& levels, const std::string& 
                       meant.empty() ? "use " + either(known) : fmt::format("did you mean '{}'?", meant));
 }
 
-// Returns the first word that a level did not recognise: an unknown option (`options`) or any other word. A word after
-// "--" is not an option.
+// Returns the first word that a level did not recognise: an unknown option (`options`) or any other word. A
+// word after "--" is not an option.
 std::optional<std::string> misplaced(const CLI::App& level, bool options) {
     bool marked = false;
     for (const std::string& word : level.remaining()) {

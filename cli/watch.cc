@@ -37,8 +37,8 @@ class Listener {
     Listener(const Listener&) = delete;
     Listener& operator=(const Listener&) = delete;
 
-    // Waits for the next change and returns it; `lost` is the number of changes before it that were not received.
-    // Throws Failure.
+    // Waits for the next change and returns it; `lost` is the number of changes before it that were not
+    // received. Throws Failure.
     security_notification next(uint32_t& lost) const {
         const Message message(quill_mts_receive(handle_, -1));
         if (message == nullptr) {

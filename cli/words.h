@@ -1,5 +1,5 @@
-// Words of the command line: names are compared without regard to case and to '-', '_' and blanks between words, and
-// there is a suggestion for a misspelled one. Texts are made safe for output.
+// Words of the command line: names are compared without regard to case and to '-', '_' and blanks between
+// words, and there is a suggestion for a misspelled one. Texts are made safe for output.
 #pragma once
 
 #include <cstdint>
@@ -22,9 +22,9 @@ std::optional<uint32_t> number(std::string_view text, uint32_t low, uint32_t hig
 // Returns a list like "show, set or defaults".
 std::string either(const std::vector<std::string>& words);
 
-// Both functions escape characters that could break a line of output, control the terminal or change the text around
-// them: control characters and invisible characters, such as those for the direction of text, of no width, tags and
-// line separators.
+// Both functions escape characters that could break a line of output, control the terminal or change the text
+// around them: control characters and invisible characters, such as those for the direction of text, of no
+// width, tags and line separators.
 //
 // Returns the text with the bytes of such characters, and bytes that are not UTF-8, as \xNN.
 std::string printable(std::string_view text);

@@ -1,5 +1,5 @@
-// The local account files (passwd, shadow, group, gshadow, subuid, subgid), read without the name service: the
-// accounts of a directory service are not the daemon's, and a slow service must not block it.
+// The local account files (passwd, shadow, group, gshadow, subuid, subgid), read without the name service:
+// the accounts of a directory service are not the daemon's, and a slow service must not block it.
 #pragma once
 
 #include <sys/types.h>

@@ -1,5 +1,5 @@
-// The locks of the account files. The system's programs for accounts hold two at a time: the one of all files,
-// lckpwdf(3), and for each file that they change "FILE.lock", which contains the holder's process ID.
+// The locks of the account files. The system's programs for accounts hold two at a time: the one of all
+// files, lckpwdf(3), and for each file that they change "FILE.lock", which contains the holder's process ID.
 #pragma once
 
 #include <sys/types.h>
@@ -35,8 +35,8 @@ class PasswordFilesLock {
     Descriptor file_;
 };
 
-// The lock of one file, while in scope; the caller holds the lock of all files. Does not wait. Replaces a lock
-// that no running process holds.
+// The lock of one file, while in scope; the caller holds the lock of all files. Does not wait. Replaces a
+// lock that no running process holds.
 class AccountFileLock {
  public:
     explicit AccountFileLock(const std::string& path);

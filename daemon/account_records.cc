@@ -35,8 +35,8 @@ uint32_t drop(uint32_t store, const char* user, uint32_t* dropped, uint32_t type
     return status == SECURITY_ERR_NOT_FOUND || status == SECURITY_PSS_NO_KEY ? SECURITY_OK : status;
 }
 
-// Adds users of the table who have no account. Stops when there are enough of them. Returns false if an account
-// could not be looked up or the store could not be read.
+// Adds users of the table who have no account. Stops when there are enough of them. Returns false if an
+// account could not be looked up or the store could not be read.
 bool collect_orphans(uint32_t store, uint32_t table, std::set<std::string>& orphans) {
     char user[kNameField] = "";
     const Key key(table, user);
@@ -44,8 +44,8 @@ bool collect_orphans(uint32_t store, uint32_t table, std::set<std::string>& orph
     uint32_t status = SECURITY_OK;
     const pss_descriptor* found = security_pss_move2key(store, &start, &status);
     while (orphans.size() < kMostOrphans && key.read_name(found, user)) {
-        // A plain name is that of an account of this context; a qualified one, which only SSH keys have, names
-        // its context.
+        // A plain name is that of an account of this context; a qualified one, which only SSH keys have,
+        // names its context.
         const bool qualified = context_of(user) != kDefaultContext;
         const AccountNames account = find_account(qualified ? user : security_get_system_username(user));
         if (!account.known) return false;

@@ -24,11 +24,11 @@ uint32_t add_roles(uint32_t store, const security_user_manage& wish);
 uint32_t drop_roles(uint32_t store, const char* user);
 uint32_t drop_records(uint32_t store, const char* user, uint32_t* dropped = nullptr);
 
-// Handler of SECURITY_ORPHANS_REQUEST, which has DEL_REQ only: removes the records of at most 25 users without
-// an account in the local files, and returns the number of removed records; the client repeats the request
-// until it is 0. Only users with stored roles, locales or SSH keys are considered, and their user records are
-// removed as well: user records alone need no account. Returns SECURITY_ERR_FILE_READ, and removes nothing,
-// if the account files cannot be read.
+// Handler of SECURITY_ORPHANS_REQUEST, which has DEL_REQ only: removes the records of at most 25 users
+// without an account in the local files, and returns the number of removed records; the client repeats the
+// request until it is 0. Only users with stored roles, locales or SSH keys are considered, and their user
+// records are removed as well: user records alone need no account. Returns SECURITY_ERR_FILE_READ, and
+// removes nothing, if the account files cannot be read.
 uint32_t drop_orphans(uint32_t store, uint32_t operation, void* record);
 
 }  // namespace quill

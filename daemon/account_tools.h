@@ -13,8 +13,8 @@ namespace quill {
 // Sets the time that all programs of one request have together, which is less than clients wait for a reply.
 class AccountLock {
  public:
-    // Waits at most kAccountLockTime for this lock, and until no process holds the lock of the account files. On
-    // failure, logs which process holds a lock.
+    // Waits at most kAccountLockTime for this lock, and until no process holds the lock of the account files.
+    // On failure, logs which process holds a lock.
     AccountLock();
     ~AccountLock();
     AccountLock(const AccountLock&) = delete;

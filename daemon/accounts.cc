@@ -29,7 +29,8 @@ constexpr std::chrono::milliseconds kHomeTime{500};  // to remove old homes with
 
 // -------------------------------------------------------------------------------------------------- checks
 
-// Whether it is a portable user name (useradd(8), "CAVEATS"), which no program takes for an option or a number.
+// Whether it is a portable user name (useradd(8), "CAVEATS"), which no program takes for an option or a
+// number.
 bool is_portable(const char* name) {
     constexpr char kFirst[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ_";
     constexpr char kRest[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ_0123456789.-";

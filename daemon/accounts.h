@@ -25,9 +25,9 @@ bool repair_accounts(uint32_t store);
 // requests to set a stored password and to clear the expiry. A stored password must be one that
 // verifiable_password() accepts (base/stored_password.h); else SECURITY_ERR_PASSWORD_TEXT is returned.
 //
-// With SECURITY_ERR_ACCOUNT_TOOL, the record contains the exit status and the error output of the program that
-// failed. SECURITY_ERR_ACCOUNTS_IN_USE means that another program held a lock of the account files for the
-// three seconds that a request waits. The reply never contains the password.
+// With SECURITY_ERR_ACCOUNT_TOOL, the record contains the exit status and the error output of the program
+// that failed. SECURITY_ERR_ACCOUNTS_IN_USE means that another program held a lock of the account files for
+// the three seconds that a request waits. The reply never contains the password.
 uint32_t manage_account(uint32_t store, uint32_t operation, void* record);
 uint32_t change_password(uint32_t store, uint32_t operation, void* record);
 

@@ -14,8 +14,8 @@ namespace {
 
 constexpr std::chrono::milliseconds kLook(50);
 
-// Reads the state from proc(5): waitid(2) does not report to the parent that a debugger stopped the process. The
-// state follows the name of the program, which may contain any character.
+// Reads the state from proc(5): waitid(2) does not report to the parent that a debugger stopped the process.
+// The state follows the name of the program, which may contain any character.
 bool is_stopped(pid_t process) {
     char path[sizeof "/proc//stat" + 3 * sizeof process];
     snprintf(path, sizeof path, "/proc/%d/stat", process);

@@ -21,8 +21,8 @@ PrivateKey read_key(const char* text);
 // Returns whether the key is that of the certificate.
 bool belong_together(const Certificate& certificate, const PrivateKey& key);
 
-// Returns 0, SECURITY_ERR_WEB_CERTIFICATE for null, SECURITY_ERR_WEB_EXPIRED, or SECURITY_ERR_WEB_WEAK for keys
-// and signatures that servers refuse.
+// Returns 0, SECURITY_ERR_WEB_CERTIFICATE for null, SECURITY_ERR_WEB_EXPIRED, or SECURITY_ERR_WEB_WEAK for
+// keys and signatures that servers refuse.
 uint32_t check_certificate(const Certificate& certificate);
 
 // Returns the same for the certificate, SECURITY_ERR_WEB_KEY if the key cannot be read, or

@@ -12,8 +12,8 @@
 namespace quill {
 namespace {
 
-// Bytes of the description, which may hold the names of two lists. The verdict and who asked must fit into the
-// line as well (platform/syslog.cc).
+// Bytes of the description, which may hold the names of two lists. The verdict and who asked must fit into
+// the line as well (platform/syslog.cc).
 constexpr size_t kLongestText = 1400;
 
 Phrase phrase_of(const Description& description, const Request& request, const void* stored) {

@@ -27,7 +27,8 @@ struct Phrase {
 };
 
 // Describes the requests of one type. The functions take records of the type's size, in host order, whose
-// fields need not have been checked. Their texts contain no secret, and outside text as log_safe() returns it.
+// fields need not have been checked. Their texts contain no secret, and outside text as log_safe() returns
+// it.
 struct Description {
     uint32_t type;
     bool shows_old_value;

@@ -31,8 +31,8 @@ Child remove_tree(const std::string& path) {
     return Child::run({.words = {"/bin/rm", "-rf", "--one-file-system", "--", path.c_str()}});
 }
 
-// The removal that is running. It is not restarted for each call: rm would read a large folder again each time
-// and remove nothing.
+// The removal that is running. It is not restarted for each call: rm would read a large folder again each
+// time and remove nothing.
 struct Removal {
     explicit Removal(const std::string& old_home)
         : path(old_home), program(remove_tree(path)), deadline(after(kTimeOfOne)) {}

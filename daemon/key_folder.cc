@@ -39,8 +39,9 @@ bool write_new_file(const std::string& path, std::string_view bytes, mode_t mode
     return file && file.write(bytes) && file.sync() && file.keep();
 }
 
-// A new folder with a unique name, in which a pair is made before it is renamed to its place, so that files of
-// the user neither prevent that nor are overwritten. The destructor removes the folder and the files in it.
+// A new folder with a unique name, in which a pair is made before it is renamed to its place, so that files
+// of the user neither prevent that nor are overwritten. The destructor removes the folder and the files in
+// it.
 class Draft {
  public:
     Draft() { made_ = mkdtemp(folder_) != nullptr; }
@@ -115,8 +116,8 @@ bool KeyFolder::keygen(std::string& printed, Words... words) {
     return child.result().ok() && printed.size() < kMostPrinted;
 }
 
-// Returns the number at the start of ssh-keygen's "2048 SHA256:... amy (RSA)", or 0 if there is no pair. The file
-// is read first, because ssh-keygen would wait for the writer of a pipe.
+// Returns the number at the start of ssh-keygen's "2048 SHA256:... amy (RSA)", or 0 if there is no pair. The
+// file is read first, because ssh-keygen would wait for the writer of a pipe.
 uint32_t KeyFolder::bits() {
     SecretBytes public_key;
     std::string listing;
@@ -150,8 +151,8 @@ uint32_t KeyFolder::generate() {
                : SECURITY_ERR_KEY_PAIR;
 }
 
-// Returns the line of the public key, with the user's name as its comment: the comment in a private key may be
-// any bytes, also line breaks. Returns "" for a key of another type.
+// Returns the line of the public key, with the user's name as its comment: the comment in a private key may
+// be any bytes, also line breaks. Returns "" for a key of another type.
 std::string KeyFolder::public_line(std::string_view printed) const {
     if (!printed.starts_with(type_.line)) return "";
     const std::string_view key = printed.substr(0, printed.find_first_of(" \n", strlen(type_.line)));

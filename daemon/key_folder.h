@@ -34,8 +34,8 @@ struct KeyPairOutcome {
 class KeyFolder;
 using KeyPairWork = uint32_t (KeyFolder::*)();
 
-// The folder "~/.ssh" of one user, for one command on one pair. If it exists, it becomes the working directory.
-// It and the home must belong to the user and must not be symbolic links.
+// The folder "~/.ssh" of one user, for one command on one pair. If it exists, it becomes the working
+// directory. It and the home must belong to the user and must not be symbolic links.
 class KeyFolder {
  public:
     KeyFolder(const passwd& user, const KeyType& type, ssh_key_cmd_rec& command, Deadline end)

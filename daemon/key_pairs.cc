@@ -1,6 +1,6 @@
-// Each command for a key pair is executed by a child process with the user's rights (daemon/key_folder.h), for
-// which the daemon waits. The user can send signals to that child, so there is a time limit, and a child that
-// is stopped is killed at once.
+// Each command for a key pair is executed by a child process with the user's rights (daemon/key_folder.h),
+// for which the daemon waits. The user can send signals to that child, so there is a time limit, and a child
+// that is stopped is killed at once.
 #include "daemon/key_pairs.h"
 
 #include <pwd.h>

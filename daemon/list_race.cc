@@ -29,8 +29,8 @@ std::string user_of(const Request& request) {
     return name;
 }
 
-// Returns what identifies the list: its names, each with a terminator, or a digest if they are long. A checksum
-// is not enough: lists with the same one are easily made.
+// Returns what identifies the list: its names, each with a terminator, or a digest if they are long. A
+// checksum is not enough: lists with the same one are easily made.
 std::string token_of(const NameList& list) {
     constexpr size_t kLong = 256;
     std::string names;

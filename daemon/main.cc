@@ -180,8 +180,8 @@ bool paths_are_absolute() {
     return absolute;
 }
 
-// Returns the context that this daemon serves, or 0 for an invalid $SYSMGR_VDC_ID: the platform ignores such a
-// value, and would use another context.
+// Returns the context that this daemon serves, or 0 for an invalid $SYSMGR_VDC_ID: the platform ignores such
+// a value, and would use another context.
 int32_t find_context() {
     const char* text = getenv("SYSMGR_VDC_ID");
     const int32_t context = sysmgrcmn_vdc_id_get();

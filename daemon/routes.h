@@ -17,8 +17,8 @@ struct Rights {
 // A field of a record that is checked before the handler is called.
 struct Field {
     enum class Kind { kText, kCount };  // a count is in host order and not negative
-    // Keys are checked with each operation, values only where a record is stored: handlers that read or delete
-    // use keys only, and clients leave earlier contents in the other fields.
+    // Keys are checked with each operation, values only where a record is stored: handlers that read or
+    // delete use keys only, and clients leave earlier contents in the other fields.
     enum class Use { kKey, kValue };
 
     Kind kind;

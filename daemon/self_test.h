@@ -14,13 +14,13 @@ class Broadcast;
 // Attaches the service and the receiver of its responses to the transport.
 void serve_self_tests(Broadcast& broadcast);
 
-// Runs the tests if the service fips is on, and logs the results. The daemon continues after a failed test: the
-// administrator decides what to do.
+// Runs the tests if the service fips is on, and logs the results. The daemon continues after a failed test:
+// the administrator decides what to do.
 void self_test_at_start(uint32_t store);
 
 // Handler of security_self_test_results. GET_REQ reads the last results; SET_REQ runs the tests first, and
-// returns SECURITY_ERR_MISSING_ARGUMENT if the request could not be sent. Any other operation does nothing and
-// returns 0.
+// returns SECURITY_ERR_MISSING_ARGUMENT if the request could not be sent. Any other operation does nothing
+// and returns 0.
 uint32_t self_test_results(uint32_t store, uint32_t operation, void* record);
 
 }  // namespace quill

@@ -1,6 +1,6 @@
-// Handlers of the requests for role and locale lists of accounts. An account without a stored list has an empty
-// one. GET_REQ reads the list; SET_REQ replaces it, by names that must exist; DEL_REQ removes the one name of
-// the record from it.
+// Handlers of the requests for role and locale lists of accounts. An account without a stored list has an
+// empty one. GET_REQ reads the list; SET_REQ replaces it, by names that must exist; DEL_REQ removes the one
+// name of the record from it.
 #pragma once
 
 #include <cstdint>

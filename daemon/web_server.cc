@@ -62,8 +62,8 @@ uint32_t read_entry(uint32_t store, Pending& pending) {
     return status;
 }
 
-// Completes an interrupted change: stores the pair of a complete entry, and fails until that succeeds. What is
-// left in `pending` is a certificate that waits for its key, or nothing.
+// Completes an interrupted change: stores the pair of a complete entry, and fails until that succeeds. What
+// is left in `pending` is a certificate that waits for its key, or nothing.
 uint32_t complete_pending(uint32_t store, Pending& pending) {
     uint32_t status = read_entry(store, pending);
     if (status != SECURITY_OK || pending.complete == 0) return status;

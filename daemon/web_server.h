@@ -9,8 +9,8 @@
 
 namespace quill {
 
-// Handlers for daemon/routes.cc. The ports and the switch are stored once, whichever of two request types sets
-// them. The words of web_ports() are big-endian, those of the others in host order.
+// Handlers for daemon/routes.cc. The ports and the switch are stored once, whichever of two request types
+// sets them. The words of web_ports() are big-endian, those of the others in host order.
 uint32_t web_switch(uint32_t store, uint32_t operation, security_enable_info& info);
 uint32_t web_port(uint32_t store, uint32_t operation, security_enable_info& info);
 uint32_t web_ports(uint32_t store, uint32_t operation, void* record);

@@ -1,5 +1,5 @@
-// A hook is run by a supervisor: a process that waits for its turn, runs the hook, limits its time and logs how
-// it ended, so that the daemon's event loop only waits for the supervisor to be forked.
+// A hook is run by a supervisor: a process that waits for its turn, runs the hook, limits its time and logs
+// how it ended, so that the daemon's event loop only waits for the supervisor to be forked.
 //
 // While the supervisor waits, a pipe connects it with the daemon. The supervisor closes its end when its turn
 // has come, so the daemon knows that the next start needs another supervisor. The daemon's end is closed when
@@ -79,7 +79,8 @@ bool take_turn(int waiting) {
                             int waiting) noexcept {
     setsid();
     closelog();  // before its descriptor is closed below
-    // The daemon waits for this process: no copy of its clients' connections may outlive it (channel/closer.h).
+    // The daemon waits for this process: no copy of its clients' connections may outlive it
+    // (channel/closer.h).
     if (dup3(waiting, STDERR_FILENO + 1, O_CLOEXEC) < 0 && waiting != STDERR_FILENO + 1) _exit(errno);
     close_range(STDERR_FILENO + 2, ~0u, 0);
     const pid_t supervisor = fork();  // becomes an orphan, so the daemon need not reap it

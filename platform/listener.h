@@ -30,8 +30,8 @@ class Listener {
     // Returns a connection, non-blocking and closed on exec, or -1 with errno set.
     int accept() const;
 
-    // Returns true if accept() failed with this errno because the system is short of descriptors or memory, so
-    // that the connection still waits.
+    // Returns true if accept() failed with this errno because the system is short of descriptors or memory,
+    // so that the connection still waits.
     static bool is_shortage(int error);
 
  private:

@@ -25,7 +25,8 @@ namespace {
 
 std::string with_errno(const std::string& what) { return what + ": " + strerror(errno); }
 
-// Locks the file until the process ends. Returns false with errno, EWOULDBLOCK if another process holds the lock.
+// Locks the file until the process ends. Returns false with errno, EWOULDBLOCK if another process holds the
+// lock.
 bool lock_file(const std::string& path) {
     for (;;) {
         Descriptor file(open_lock_file(path));

@@ -1,5 +1,5 @@
-// The daemon as a service of the system: its runtime directory, messages to the service manager, and the start
-// in the background.
+// The daemon as a service of the system: its runtime directory, messages to the service manager, and the
+// start in the background.
 #pragma once
 
 #include <sys/types.h>
@@ -11,14 +11,14 @@
 
 namespace quill {
 
-// Creates the runtime directory of this context, and the shared one that contains it, if they are missing, and
-// locks it until the process ends, so that each context has only one daemon. On failure returns false with a
-// sentence for the user in `reason`: the directory cannot be created, does not belong to the daemon's user
-// alone, or is locked by another daemon.
+// Creates the runtime directory of this context, and the shared one that contains it, if they are missing,
+// and locks it until the process ends, so that each context has only one daemon. On failure returns false
+// with a sentence for the user in `reason`: the directory cannot be created, does not belong to the daemon's
+// user alone, or is locked by another daemon.
 bool take_runtime_directory(std::string& reason);
 
-// Returns a text from outside with '.' for each quote, control character and byte beyond ASCII, so that it can be
-// logged in quotes.
+// Returns a text from outside with '.' for each quote, control character and byte beyond ASCII, so that it
+// can be logged in quotes.
 std::string log_safe(std::string_view text);
 
 // Sends a state such as "READY=1" to the service manager, if there is one (sd_notify(3)).

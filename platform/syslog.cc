@@ -1,10 +1,10 @@
 // The daemon's own syslog(3) and openlog(3). The functions of the C library wait for the reader of the log
 // socket or of standard error, so a reader that stopped would stop the daemon.
 //
-// Lines have the usual form (RFC 3164) and go to /dev/log. Lines that the reader has no room for are queued, up
-// to a limit, and sent later (platform/log.h); beyond the limit they are dropped, and their number is logged.
-// All libraries of the process use these functions. They are for one thread; a child process starts with an
-// empty queue.
+// Lines have the usual form (RFC 3164) and go to /dev/log. Lines that the reader has no room for are queued,
+// up to a limit, and sent later (platform/log.h); beyond the limit they are dropped, and their number is
+// logged. All libraries of the process use these functions. They are for one thread; a child process starts
+// with an empty queue.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -195,8 +195,8 @@ class Log {
     size_t bytes_ = 0, dropped_ = 0;
 };
 
-// Calls a function and preserves errno. If memory runs out, the line is lost: callers may be C, which must not
-// see exceptions.
+// Calls a function and preserves errno. If memory runs out, the line is lost: callers may be C, which must
+// not see exceptions.
 template <class Call>
 void guarded(Call call) {
     const int saved_errno = errno;

@@ -122,15 +122,15 @@ uint32_t cmi_security_common_user_ssh_key_configured(uint32_t connection, const 
  *   SET_REQ      adds the role; 0 too if the user has it. SECURITY_ERR_NOT_FOUND (no account),
  *                SECURITY_ERR_TOO_MANY_ROLES (64)
  *   DEL_REQ      removes the role
- * SET_REQ, DEL_REQ: SECURITY_ERR_UNKNOWN_ROLE if there is no role of this name. SECURITY_ERR_TRANSPORT | errno
- * for a request that could not be delivered. SET_REQ reads the list and writes it back. If another client
- * changed it in between, nothing is stored and the status is SECURITY_ERR_CHANGED; if the connection was lost
- * in between, SECURITY_ERR_TRANSPORT | ESTALE; after both, call the function again. The same holds for callers
- * who send these requests themselves: the daemon compares the list to be stored with what this connection read
- * last by SECURITY_ROLE_ASSIGN_REQUEST or SECURITY_LOCALE_ASSIGN_REQUEST, and stores a list that the connection
- * never read without comparing. A connection that read more than 1024 lists must read a list before storing
- * it. Threads of a process share a connection; this function lets them take turns, other callers must do so
- * themselves. */
+ * SET_REQ, DEL_REQ: SECURITY_ERR_UNKNOWN_ROLE if there is no role of this name. SECURITY_ERR_TRANSPORT |
+ * errno for a request that could not be delivered. SET_REQ reads the list and writes it back. If another
+ * client changed it in between, nothing is stored and the status is SECURITY_ERR_CHANGED; if the connection
+ * was lost in between, SECURITY_ERR_TRANSPORT | ESTALE; after both, call the function again. The same holds
+ * for callers who send these requests themselves: the daemon compares the list to be stored with what this
+ * connection read last by SECURITY_ROLE_ASSIGN_REQUEST or SECURITY_LOCALE_ASSIGN_REQUEST, and stores a list
+ * that the connection never read without comparing. A connection that read more than 1024 lists must read a
+ * list before storing it. Threads of a process share a connection; this function lets them take turns, other
+ * callers must do so themselves. */
 uint32_t cmi_common_user_role_config(uint32_t connection, uint32_t operation, common_user_member* record);
 
 /* The same for locales, without GETNEXT_REQ: SECURITY_ERR_LOCALE_NOT_HELD, SECURITY_ERR_TOO_MANY_LOCALES,

@@ -295,8 +295,8 @@ int32_t exchange(int32_t request_type, uint32_t operation, const void* record, u
     return -1;
 }
 
-// Copies the reply's record to a block of *length bytes for the caller; stores null and 0 if it is shorter than
-// `least`. Returns false with errno set if memory ran out.
+// Copies the reply's record to a block of *length bytes for the caller; stores null and 0 if it is shorter
+// than `least`. Returns false with errno set if memory ran out.
 bool copy_record(void** reply, uint32_t* length, uint32_t least) {
     *length = reply_frame.header.length;
     if (*length < least) *length = 0;

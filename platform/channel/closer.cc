@@ -14,8 +14,8 @@ constexpr int kPassRights = 83;  // SO_PASSRIGHTS of Linux 6.16, which the heade
 constexpr timeval kBatchTime{0, 20000};
 constexpr size_t kMostWaiting = 2048;  // more than there are connections
 
-// Whether a socket that was shut down, so that nothing more arrives, has no unread data. An empty message differs
-// from the end of the connection only by its sender's credentials.
+// Whether a socket that was shut down, so that nothing more arrives, has no unread data. An empty message
+// differs from the end of the connection only by its sender's credentials.
 bool is_empty(int socket) {
     const int on = 1;
     if (setsockopt(socket, SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0) return false;

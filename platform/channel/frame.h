@@ -1,8 +1,8 @@
 // The frames of the request channel. A request is one message of the socket, and so is its reply: a header of
 // fixed size and the record.
 //
-// The words of the header are big-endian, and the record is sent as the library made it, so 32-bit clients and
-// 64-bit daemons can be mixed. An empty message looks like the end of the connection and ends it.
+// The words of the header are big-endian, and the record is sent as the library made it, so 32-bit clients
+// and 64-bit daemons can be mixed. An empty message looks like the end of the connection and ends it.
 #pragma once
 
 #include <cstddef>

@@ -4,10 +4,10 @@
 // never waits for a client, not even for files that a client passes (platform/channel/closer.h). It does wait
 // for requests that run other programs, such as those about accounts.
 //
-// Up to 1000 clients can be connected at a time, fewer if the limit of open files is low. Of these connections
-// 100 are reserved for administrators, 20 of them for root, and no other uid has more than 100. A client beyond
-// that gets SECURITY_ERR_BUSY and is disconnected. So is a client that sends nothing within 10 seconds; after
-// its first request it may be silent for any time.
+// Up to 1000 clients can be connected at a time, fewer if the limit of open files is low. Of these
+// connections 100 are reserved for administrators, 20 of them for root, and no other uid has more than 100. A
+// client beyond that gets SECURITY_ERR_BUSY and is disconnected. So is a client that sends nothing within 10
+// seconds; after its first request it may be silent for any time.
 #pragma once
 
 #include <sys/types.h>

@@ -152,8 +152,8 @@ bool Broadcast::Ring::Subscriber::send(const Sent& sent) {
     return sendmsg(socket, &whole, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
 }
 
-// Sends messages until the socket is full. If the system is short of memory, it tries again after a pause: the
-// socket may be writable all the time.
+// Sends messages until the socket is full. If the system is short of memory, it tries again after a pause:
+// the socket may be writable all the time.
 bool Broadcast::Ring::Subscriber::send_pending() {
     for (; next < ring.first + ring.kept.size(); ++next) {
         const Sent& sent = ring.kept[static_cast<size_t>(next - ring.first)];

@@ -2,8 +2,8 @@
 //
 // The newest messages are kept once, in a ring buffer of at most 8192 messages and 4 MiB; each listener has a
 // position in it. A listener whose socket is full continues from its position when the socket has room. When
-// the ring drops messages that it was not sent yet, its position moves forward and the messages count as lost.
-// So a listener that does not receive delays nobody, and takes no memory beside the ring.
+// the ring drops messages that it was not sent yet, its position moves forward and the messages count as
+// lost. So a listener that does not receive delays nobody, and takes no memory beside the ring.
 //
 // Up to 64 listeners can be connected at a time; 16 of these connections are reserved for root, and no other
 // uid has more than 16. A listener that does not subscribe within 10 seconds is disconnected.

@@ -64,8 +64,8 @@ bool write_all(int descriptor, const char* bytes, size_t length) {
     return true;
 }
 
-// Writes one line: the time and the text. Control characters and bytes that are not UTF-8 are written as \xNN,
-// so that they neither end the line nor control a terminal.
+// Writes one line: the time and the text. Control characters and bytes that are not UTF-8 are written as
+// \xNN, so that they neither end the line nor control a terminal.
 bool dump_slot(int descriptor, const Slot& slot) {
     constexpr size_t kEscape = 4;
     char line[40 + kEscape * kSlotBytes];

@@ -1,8 +1,8 @@
 // The heap of the whole program, which fails where a test says so.
 //
-// The program defines malloc(3), its relatives and operator new itself, for every library in it: the C library,
-// OpenSSL, cracklib and SQLite too. Allocations count while a call is watched. What the fakes around the library
-// allocate in C++ is neither counted nor refused: it is no part of the product.
+// The program defines malloc(3), its relatives and operator new itself, for every library in it: the C
+// library, OpenSSL, cracklib and SQLite too. Allocations count while a call is watched. What the fakes around
+// the library allocate in C++ is neither counted nor refused: it is no part of the product.
 #pragma once
 
 #include <cstdint>

@@ -51,8 +51,9 @@ auto attempt(Call call) -> decltype(call()) {
 }
 
 // Runs the case once for each of its allocations, which fails, alone and with all that follow, in a new
-// process. The call must end in kDone or kRefused, without an exception, with no more blocks and descriptors in
-// use than a call that succeeds leaves, and the next call must succeed. Returns how many failures were met.
+// process. The call must end in kDone or kRefused, without an exception, with no more blocks and descriptors
+// in use than a call that succeeds leaves, and the next call must succeed. Returns how many failures were
+// met.
 uint32_t examine(const Case& examined);
 
 class AllocationTest : public testing::TestWithParam<Case> {

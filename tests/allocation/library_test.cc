@@ -231,8 +231,8 @@ uint32_t removed(uint32_t* kept) {
 #define ROW(function, given, ...) Case(#function, CALL(true, given, __VA_ARGS__))
 #define LOOSE(function, given, ...) Case(#function, CALL(false, given, __VA_ARGS__))
 #define FIRST(function, given, ...) Case(#function, CALL(true, given, __VA_ARGS__), true)
-// By the function's arguments alone: STATUS for a call without a result, BLOCK for one whose last two arguments
-// are for a block and its length, ASKED for one whose last is for a record.
+// By the function's arguments alone: STATUS for a call without a result, BLOCK for one whose last two
+// arguments are for a block and its length, ASKED for one whose last is for a record.
 #define STATUS(function, ...) ROW(function, 0, function(__VA_ARGS__))
 #define BLOCK(type, function, ...) \
     ROW(function, text(), block<type>(out, [](auto... made) { return function(__VA_ARGS__, made...); }))

@@ -1,4 +1,5 @@
-// The reference platform while memory runs out: store, configuration, channel, message transport and accounts.
+// The reference platform while memory runs out: store, configuration, channel, message transport and
+// accounts.
 #include <sqlite3.h>
 
 #include <cstdlib>

@@ -1,5 +1,5 @@
-// Secrets typed at a terminal, over a real daemon: the program runs as a job of a small shell, which prints the
-// state of the terminal whenever the job has stopped or ended.
+// Secrets typed at a terminal, over a real daemon: the program runs as a job of a small shell, which prints
+// the state of the terminal whenever the job has stopped or ended.
 #include <poll.h>
 #include <pty.h>
 #include <sys/ioctl.h>

@@ -1,5 +1,5 @@
-// Attacks of local users on a running daemon: meanwhile, others are served as fast as usual, root can connect,
-// and the log tells what happened. In the sandbox, as several users.
+// Attacks of local users on a running daemon: meanwhile, others are served as fast as usual, root can
+// connect, and the log tells what happened. In the sandbox, as several users.
 #include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>

@@ -58,7 +58,8 @@ TEST_F(Channel, ContextsAreKeptApart) {
     EXPECT_EQ("2", ask(kCount, "").record) << "no handler was called";
 }
 
-// Idle clients, one that reads no replies, one that sends a truncated request, and some that disconnect at once.
+// Idle clients, one that reads no replies, one that sends a truncated request, and some that disconnect at
+// once.
 TEST_F(Channel, NobodyIsDelayedByTheOthers) {
     ServerProcess server(answer);
     std::vector<RawClient> idle(99);

@@ -18,7 +18,8 @@
 
 namespace {
 
-// ---- Traces. Each test runs in a process of its own, where the history is empty and $QUILL_TRACE was not read.
+// ---- Traces. Each test runs in a process of its own, where the history is empty and $QUILL_TRACE was not
+// read.
 
 void trace(const std::string& text) {
     const std::string event = std::string("\x66\0\0\0", 4) + text;

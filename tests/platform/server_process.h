@@ -70,8 +70,8 @@ class ServerProcess {
     pid_t pid_ = -1;
 };
 
-// A thread that listens at the daemon's socket and runs the script for one connection after the other. `backlog`
-// is that of listen(2).
+// A thread that listens at the daemon's socket and runs the script for one connection after the other.
+// `backlog` is that of listen(2).
 class ScriptedServer {
  public:
     explicit ScriptedServer(std::function<void(int connection)> script, int backlog = 5) {

@@ -120,9 +120,9 @@ TEST_F(SqliteFaults, NoChangeIsRefusedForSpaceThatTheLogTakes) {
     EXPECT_EQ(0, ended);
 }
 
-// Each system call on the files fails in turn while a store is created, opened, recovered or changed: once, all
-// that follow too, or all flushes that follow. A change that failed has no effect, even if the process is killed
-// right after it, unless no call works any more.
+// Each system call on the files fails in turn while a store is created, opened, recovered or changed: once,
+// all that follow too, or all flushes that follow. A change that failed has no effect, even if the process is
+// killed right after it, unless no call works any more.
 TEST_F(SqliteFaults, AnyCallMayFail) {
     enum State { kNone, kClosed, kKilled, kOpen };
     enum Extent { kOnce, kAll, kFlushes };

@@ -252,7 +252,8 @@ TEST_F(SqliteFiles, Versions) {
 TEST_F(SqliteFiles, AStoreChangedWithSqlite) {
     make_store();
     run_sql("PRAGMA journal_mode=DELETE");
-    // The published check value of CRC-32 for "123456789": the checksum is that of the key followed by the value.
+    // The published check value of CRC-32 for "123456789": the checksum is that of the key followed by the
+    // value.
     run_sql("INSERT INTO record VALUES(CAST('1234' AS BLOB), CAST('56789' AS BLOB), 0xCBF43926)");
     EXPECT_EQ(PSS_OK, open());
     EXPECT_EQ("56789", fetch(handle, "1234"));

@@ -1,5 +1,5 @@
-// The guarantees of quillplatform/pss.h, for the SQLite store and, with QUILL_FAKE_STORE, for the fake that the
-// library is tested with.
+// The guarantees of quillplatform/pss.h, for the SQLite store and, with QUILL_FAKE_STORE, for the fake that
+// the library is tested with.
 #include <gtest/gtest.h>
 
 #include "tests/support/store.h"

@@ -39,8 +39,8 @@ int run_daemon_command(const std::vector<std::string>& arguments, std::string& p
 // Returns a new AF_UNIX socket bound to the path, or to an abstract address if the path begins with '@'.
 int bound_socket(int type, const std::string& path);
 
-// Returns a new connection to the daemon's socket of this name in $QUILL_RUNTIME_DIR, or -1. Receiving fails after
-// 10 seconds.
+// Returns a new connection to the daemon's socket of this name in $QUILL_RUNTIME_DIR, or -1. Receiving fails
+// after 10 seconds.
 int connect_to(const std::string& name = "quillsecurityd.sock");
 
 // Receives one message; returns an empty text at the end of the connection or on failure.

@@ -1,5 +1,5 @@
-// Many clients at once: no reply is lost or sent to another client, no client gets the permissions of another, and
-// the daemon's memory does not grow.
+// Many clients at once: no reply is lost or sent to another client, no client gets the permissions of
+// another, and the daemon's memory does not grow.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 

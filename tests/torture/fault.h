@@ -1,5 +1,5 @@
-// Faults that faults.cc injects into a daemon into which it is preloaded, through a file at $QUILL_FAULTS that
-// test and daemon map into memory, or into the test that it is linked into.
+// Faults that faults.cc injects into a daemon into which it is preloaded, through a file at $QUILL_FAULTS
+// that test and daemon map into memory, or into the test that it is linked into.
 #pragma once
 
 #include <fcntl.h>

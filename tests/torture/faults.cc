@@ -73,8 +73,8 @@ bool fails_to_change(int file) {
 
 }  // namespace
 
-// Each has a name of its own in C++, since the headers may declare the call with other types. BOTH also defines
-// the variant with the suffix 64.
+// Each has a name of its own in C++, since the headers may declare the call with other types. BOTH also
+// defines the variant with the suffix 64.
 #define CALL(result, name, parameters, file, arguments) \
     FALLIBLE(result, name, parameters, fails(file), arguments)
 #define FALLIBLE(result, name, parameters, failure, arguments)                        \

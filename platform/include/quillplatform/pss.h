@@ -1,9 +1,9 @@
 /* The persistent store: a map from byte strings to byte strings on disk, ordered by the bytes of the keys.
  *
  * The reference keeps each store in an SQLite file, NAME.db, in the state directory: $QUILL_STATE_DIR, which
- * must be an absolute path (else PSS_BAD_ARGUMENT), or /var/lib/quillsecurity; in context N, other than 1, the
- * folder vdc_N below it (sysmgr.h). Each directory must belong to the caller and be closed to all others (mode
- * 0700); if it is missing and its parent exists, it is created. All files have mode 0600, whatever the
+ * must be an absolute path (else PSS_BAD_ARGUMENT), or /var/lib/quillsecurity; in context N, other than 1,
+ * the folder vdc_N below it (sysmgr.h). Each directory must belong to the caller and be closed to all others
+ * (mode 0700); if it is missing and its parent exists, it is created. All files have mode 0600, whatever the
  * process's umask. Only one process can have a store open at a time.
  *
  * Guarantees

@@ -2,9 +2,9 @@
  *
  * The reference sends each request as one message over an AF_UNIX socket of type SOCK_SEQPACKET (unix(7)),
  * named quillsecurityd.sock in the runtime directory of the calling process's context (sysmgr.h):
- * $QUILL_RUNTIME_DIR, an absolute path, or /run/quillsecurity, and in context N, other than 1, the folder vdc_N
- * below it. It connects on first use, once per process, and again after the daemon was restarted, the process
- * forked or its context changed. 32-bit and 64-bit clients and daemons can be mixed.
+ * $QUILL_RUNTIME_DIR, an absolute path, or /run/quillsecurity, and in context N, other than 1, the folder
+ * vdc_N below it. It connects on first use, once per process, and again after the daemon was restarted, the
+ * process forked or its context changed. 32-bit and 64-bit clients and daemons can be mixed.
  */
 #ifndef QUILLPLATFORM_SHELL_H
 #define QUILLPLATFORM_SHELL_H

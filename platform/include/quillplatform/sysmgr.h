@@ -11,8 +11,9 @@
  * A line has 198 characters at most; a longer list is continued in another line with the same key.
  *
  * Each context has a security daemon of its own. Context 1's has its socket in the runtime directory and its
- * store in the state directory (shell.h, pss.h); those of context N are in the folder vdc_N of each, N without
- * leading zeros. A client's requests go to the daemon of its own context, and a daemon refuses all others.
+ * store in the state directory (shell.h, pss.h); those of context N are in the folder vdc_N of each, N
+ * without leading zeros. A client's requests go to the daemon of its own context, and a daemon refuses all
+ * others.
  */
 #ifndef QUILLPLATFORM_SYSMGR_H
 #define QUILLPLATFORM_SYSMGR_H

@@ -42,7 +42,8 @@ std::string found(const pss_descriptor* key) {
 
 TEST_F(StoreAccess, Move2Key) {
     world().store = {{"bbbb", "1"}};
-    // The status of reading the key is returned, except after an absent key, which must stay known to be absent.
+    // The status of reading the key is returned, except after an absent key, which must stay known to be
+    // absent.
     const struct {
         const char *key, *failing;
         uint32_t status;
