@@ -4,8 +4,7 @@
 
 /* The message-of-the-day banner of context 1 as it was entered, to be read with
  * security_read_banner_motd_msg(). security_get_system_filename() returns the name of another context's file
- * for
- * this name. */
+ * for this name. */
 #define QUILL_BANNER_FILE "/etc/quillsecurity/banner"
 
 #endif
