@@ -7,7 +7,9 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <iterator>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "base/context_name.h"
@@ -21,8 +23,6 @@ namespace quill {
 namespace {
 
 namespace fs = std::filesystem;
-
-bool web_server_changed, banner_changed;
 
 // Renames the folder in one step, replacing an earlier one: the hook, which may run at any time and moves the
 // folder away, finds it complete or not at all.
@@ -82,7 +82,7 @@ void activate_web_server(uint32_t store) {
     if (write_web_server(web, folder)) run(hook);
 }
 
-void activate_banner() {
+void activate_banner(uint32_t) {
     const std::string hook = find_hook("banner");
     const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(QUILL_BANNER_FILE, "re"), fclose);
     if (hook.empty() || file == nullptr) return;
@@ -96,23 +96,29 @@ void activate_banner() {
         syslog(LOG_ERR, "banner: %s cannot be written: %m", ready.c_str());
 }
 
-bool applies_to_device() { return sysmgrcmn_vdc_id_get() == kDefaultContext; }
+// One row for each Setting, in its order.
+struct Activation {
+    const char* name;
+    void (*activate)(uint32_t store);
+    bool changed = false;
+} activations[] = {{"web server", activate_web_server}, {"banner", activate_banner}};
+static_assert(std::size(activations) == static_cast<size_t>(Setting::kCount));
 
-void log_stored_only(const char* settings) {
-    syslog(LOG_NOTICE, "%s stored; only context 1 applies it to the system", settings);
-}
+bool applies_to_device() { return sysmgrcmn_vdc_id_get() == kDefaultContext; }
 
 }  // namespace
 
-void activate_later(Setting setting) {
-    (setting == Setting::kWebServer ? web_server_changed : banner_changed) = true;
-}
+void activate_later(Setting setting) { activations[static_cast<size_t>(setting)].changed = true; }
 
 void activate_changes(uint32_t store) {
     const bool applies = applies_to_device();
-    if (web_server_changed) applies ? activate_web_server(store) : log_stored_only("web server:");
-    if (banner_changed) applies ? activate_banner() : log_stored_only("banner:");
-    web_server_changed = banner_changed = false;
+    for (Activation& activation : activations) {
+        if (!std::exchange(activation.changed, false)) continue;
+        if (applies)
+            activation.activate(store);
+        else
+            syslog(LOG_NOTICE, "%s: stored; only context 1 applies it to the system", activation.name);
+    }
 }
 
 void activate_all(uint32_t store) {
@@ -121,7 +127,7 @@ void activate_all(uint32_t store) {
         read_web_server(store, stored);  // completes a change of the pair that was interrupted
         return;
     }
-    web_server_changed = banner_changed = true;
+    for (Activation& activation : activations) activation.changed = true;
     activate_changes(store);
 }
 

@@ -9,7 +9,7 @@
 
 namespace quill {
 
-enum class Setting { kWebServer, kBanner };
+enum class Setting { kWebServer, kBanner, kCount };
 
 // Marks a setting as changed. Several changes of a setting are applied together.
 void activate_later(Setting setting);
