@@ -401,7 +401,9 @@ class Allocation : public AllocationTest {
 
 TEST_P(Allocation, FailingAtAnyCallIsAStatus) {
     const uint32_t met = examine(GetParam());
+#ifndef __SANITIZE_ADDRESS__  // whose strdup(3) and asprintf(3) do not call malloc()
     EXPECT_NE(0u, met) << "allocates nothing";
+#endif
     failures += met;
 }
 
