@@ -6,6 +6,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
@@ -19,6 +20,11 @@ namespace quill {
 // Creates a file, which must not exist, for writing. The umask applies to its mode.
 inline int create_file(const char* path, mode_t mode) {
     return open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+}
+
+// Returns true if both describe one file, not two of the same name.
+inline bool same_file(const struct stat& one, const struct stat& other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
 // Replaces `path` with a new file owned by us, opened for writing. In a directory that everybody can write

@@ -120,7 +120,7 @@ void InputFile::remove() const {
     if (fstat(descriptor_.get(), &opened) != 0 ||
         fstatat(folder_.get(), name_.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0)
         throw file_failure(file_.name, errno);
-    if (opened.st_dev != named.st_dev || opened.st_ino != named.st_ino)
+    if (!same_file(opened, named))
         throw refused("another file has its name now, which was not deleted", "find out who replaces it");
     if (unlinkat(folder_.get(), name_.c_str(), 0) != 0) throw file_failure(file_.name, errno);
 }

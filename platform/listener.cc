@@ -6,16 +6,13 @@
 
 #include <cerrno>
 
+#include "base/file.h"
 #include "platform/channel/frame.h"
 
 namespace quill {
 namespace {
 
 constexpr timeval kPause{0, 100000};
-
-bool same_file(const struct stat& one, const struct stat& other) {
-    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
-}
 
 }  // namespace
 

@@ -37,7 +37,7 @@ bool lock_file(const std::string& path) {
         if (fstat(file.get(), &held) != 0) return false;
         if (lstat(path.c_str(), &named) != 0) {
             if (errno != ENOENT) return false;
-        } else if (held.st_dev == named.st_dev && held.st_ino == named.st_ino) {
+        } else if (same_file(held, named)) {
             file.release();
             return true;
         }
